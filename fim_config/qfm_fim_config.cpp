@@ -1,0 +1,1 @@
+#include "fim_config/qfm_fim_config.h"

@@ -1,0 +1,22 @@
+// The array library at run time: opened with dlopen, its functions looked up into one table of
+// slots.
+//
+// Nothing calls a slot directly but the wrappers of symapi_wrappers.h.
+#pragma once
+
+#include <cstdint>
+
+#include "include/symapi.h"
+
+// The handle from dlopen; keeps its old value after a close.
+extern void *emc_tf_symapi_base_h;
+
+// The group in which the method loads.
+inline constexpr uint32_t symapi_load_group = 2;
+
+// Opens the library: 0, or 4 with the reason in dlerror.
+int32_t emc_tf_openSymapiLibrary(const char *path);
+// Looks up every function whose group mask shares a bit with mask: 0, or 13 when one is missing.
+int32_t emc_tf_resolveSymapiSymbols(uint32_t mask);
+// Closes the library and empties every slot.
+void emc_tf_closeSymapiLibrary();

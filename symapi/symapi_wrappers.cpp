@@ -1,0 +1,1 @@
+#include "symapi/symapi_wrappers.h"

@@ -1,0 +1,153 @@
+#include "tests/support/private_root.h"
+
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+namespace test {
+namespace {
+
+bool real_root = false;
+
+[[noreturn]] void give_up(const std::string &what) {
+    fprintf(stderr, "test setup: cannot %s: %s\n", what.c_str(), strerror(errno));
+    _exit(1);
+}
+
+void do_mount(const char *source, const std::string &target, const char *type, unsigned long flags,
+              const char *data) {
+    if (mount(source, target.c_str(), type, flags, data) != 0) give_up("mount on " + target);
+}
+
+void bind(const std::string &source, const std::string &target) {
+    do_mount(source.c_str(), target, nullptr, MS_BIND | MS_REC, nullptr);
+}
+
+void put_text(const char *path, const std::string &text) {
+    const int fd = open(path, O_WRONLY | O_CLOEXEC);
+    if (fd < 0 || write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+        give_up(std::string("write ") + path);
+    }
+    close(fd);
+}
+
+// Without root a user namespace gives the capabilities for the mounts below.
+void enter_namespaces() {
+    real_root = geteuid() == 0;
+    const uid_t uid = getuid();
+    const gid_t gid = getgid();
+    if (unshare(CLONE_NEWNS | (real_root ? 0 : CLONE_NEWUSER)) != 0) give_up("unshare");
+    if (!real_root) {
+        put_text("/proc/self/setgroups", "deny");
+        put_text("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1");
+        put_text("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1");
+    }
+    do_mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr);
+}
+
+void fill_dev(const std::string &dev) {
+    do_mount("tmpfs", dev, "tmpfs", 0, "mode=0755");
+    for (const char *node : {"null", "zero", "full", "random", "urandom"}) {
+        const std::string target = dev + "/" + node;
+        close(open(target.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+        bind(std::string("/dev/") + node, target);
+    }
+    make_folders(dev + "/shm");
+    do_mount("tmpfs", dev + "/shm", "tmpfs", 0, nullptr);
+}
+
+}  // namespace
+
+void enter_private_root() {
+    const int source = open(TF_SOURCE_DIR, O_PATH | O_CLOEXEC);
+    if (source < 0) give_up("open " TF_SOURCE_DIR);
+    enter_namespaces();
+    // The scratch tmpfs hides whatever lies in /tmp, so the source folder is kept by descriptor.
+    do_mount("tmpfs", "/tmp", "tmpfs", 0, nullptr);
+    for (const char *folder : {"/tmp/upper", "/tmp/work", "/tmp/root"}) mkdir(folder, 0755);
+    do_mount("overlay", "/tmp/root", "overlay", 0,
+             real_root ? "lowerdir=/,upperdir=/tmp/upper,workdir=/tmp/work"
+                       : "lowerdir=/,upperdir=/tmp/upper,workdir=/tmp/work,userxattr");
+    const std::string root = "/tmp/root";
+    bind("/proc", root + "/proc");
+    bind("/sys", root + "/sys");
+    fill_dev(root + "/dev");
+    do_mount("tmpfs", root + "/tmp", "tmpfs", 0, "mode=1777");
+    make_folders(root + TF_SOURCE_DIR);
+    bind("/proc/self/fd/" + std::to_string(source), root + TF_SOURCE_DIR);
+    close(source);
+    make_folders(root + "/tmp/.old");
+    if (syscall(SYS_pivot_root, root.c_str(), (root + "/tmp/.old").c_str()) != 0) {
+        give_up("pivot_root");
+    }
+    if (chdir("/") != 0) give_up("chdir /");
+    if (umount2("/tmp/.old", MNT_DETACH) != 0) give_up("detach the old root");
+    rmdir("/tmp/.old");
+    unsetenv("TMPDIR");
+}
+
+bool is_real_root() {
+    return real_root;
+}
+
+std::vector<std::string> files_left_in_tmp() {
+    // A source tree under /tmp is bound into the private root; it is not something left behind.
+    const std::string source = TF_SOURCE_DIR;
+    std::vector<std::string> left;
+    for (const auto &entry : std::filesystem::directory_iterator("/tmp")) {
+        const std::string path = entry.path();
+        if (source == path || source.starts_with(path + "/")) continue;
+        left.push_back(path);
+    }
+    return left;
+}
+
+void make_folders(const std::string &path) {
+    std::error_code error;
+    std::filesystem::create_directories(path, error);
+    if (error) {
+        errno = error.value();
+        give_up("make " + path);
+    }
+}
+
+void write_file(const std::string &path, const std::string &text, int mode) {
+    make_folders(std::filesystem::path(path).parent_path());
+    std::ofstream out(path, std::ios::trunc | std::ios::binary);
+    out << text;
+    out.close();
+    if (!out) give_up("write " + path);
+    chmod(path.c_str(), static_cast<mode_t>(mode));
+}
+
+void write_script(const std::string &path, const std::string &body) {
+    write_file(path, "#!/bin/sh\n" + body + "\n", 0755);
+}
+
+std::string read_file(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+bool exists(const std::string &path) {
+    struct stat status = {};
+    return lstat(path.c_str(), &status) == 0;
+}
+
+void write_mount_table(const std::string &text) {
+    unlink("/etc/mtab");
+    write_file("/etc/mtab", text);
+}
+
+}  // namespace test
