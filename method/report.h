@@ -67,7 +67,7 @@ struct Message {
 };
 
 namespace msg {
-#define TF_MESSAGE(name, id, lookup, format, ...) \
+#define TF_MESSAGE(name, id, lookup, numbers, format, ...) \
     inline constexpr Message<Lookup::lookup, __VA_ARGS__> name{id, format};
 #include "method/messages.def"
 #undef TF_MESSAGE

@@ -1,0 +1,132 @@
+// The log routines.
+#include "method/log.h"
+
+#include <gtest/gtest.h>
+
+#include "method/interface.h"
+#include "method/report.h"
+#include "tests/support/method_fixture.h"
+
+namespace {
+
+using Log = test::Method;
+
+std::vector<size_t> line_lengths() {
+    std::vector<size_t> lengths;
+    for (const std::string &line : test::log_lines()) lengths.push_back(line.size());
+    return lengths;
+}
+
+std::string alphabet(size_t length) {
+    std::string text;
+    for (size_t i = 0; i < length; ++i) text += static_cast<char>('a' + i % 26);
+    return text;
+}
+
+TEST_F(Log, an_empty_text_makes_no_sink_call) {
+    char text[] = "";
+    emc_tf__log(text);
+    EXPECT_TRUE(test::log_lines().empty());
+}
+
+TEST_F(Log, a_null_text_or_a_missing_sink_is_ignored) {
+    emc_tf__log(nullptr);
+    logf_p = nullptr;
+    char text[] = "x";
+    emc_tf__log(text);
+    EXPECT_TRUE(test::log_lines().empty());
+}
+
+TEST_F(Log, a_text_of_3000_characters_comes_in_three_pieces_and_is_whole_afterwards) {
+    std::string text = alphabet(3000);
+    emc_tf__log(text.data());
+    EXPECT_EQ(line_lengths(), (std::vector<size_t>{1024, 1024, 952}));
+    EXPECT_EQ(test::log_lines()[0] + test::log_lines()[1] + test::log_lines()[2], alphabet(3000));
+    EXPECT_EQ(text, alphabet(3000));
+}
+
+TEST_F(Log, a_text_of_exactly_1024_characters_is_one_call_and_of_1025_two) {
+    std::string text = alphabet(1024);
+    emc_tf__log(text.data());
+    EXPECT_EQ(line_lengths(), (std::vector<size_t>{1024}));
+    test::log_lines().clear();
+    text = alphabet(1025);
+    emc_tf__log(text.data());
+    EXPECT_EQ(line_lengths(), (std::vector<size_t>{1024, 1}));
+}
+
+TEST_F(Log, it_does_not_look_at_the_level) {
+    set_level(-1);
+    char text[] = "said all the same";
+    emc_tf__log(text);
+    emc_tf__log_fmt("%s", "and this");
+    EXPECT_EQ(whole_log(), "said all the same\nand this\n");
+}
+
+TEST_F(Log, a_formatted_line_is_cut_to_1022_characters) {
+    emc_tf__log_fmt("%s", alphabet(2000).c_str());
+    ASSERT_EQ(test::log_lines().size(), 1U);
+    EXPECT_EQ(test::log_lines()[0], alphabet(1022));
+}
+
+TEST_F(Log, a_formatted_line_of_1022_characters_is_whole_and_of_1023_loses_one) {
+    emc_tf__log_fmt("%s", alphabet(1022).c_str());
+    emc_tf__log_fmt("%s", alphabet(1023).c_str());
+    EXPECT_EQ(test::log_lines()[0], alphabet(1022));
+    EXPECT_EQ(test::log_lines()[1], alphabet(1022));
+}
+
+TEST_F(Log, traces_appear_from_level_2_on) {
+    for (const int32_t level : {0, 1}) {
+        set_level(level);
+        tf::log_trace("Waiting for %s...", "SymInit");
+        EXPECT_TRUE(test::log_lines().empty()) << level;
+    }
+    set_level(2);
+    tf::log_trace("Waiting for %s...", "SymInit");
+    EXPECT_TRUE(logged("Waiting for SymInit..."));
+}
+
+TEST_F(Log, progress_appears_from_level_0_on) {
+    set_level(-1);
+    tf::log_progress("Split started ...");
+    EXPECT_TRUE(test::log_lines().empty());
+    set_level(0);
+    tf::log_progress("Split started ...");
+    EXPECT_TRUE(logged("Split started ..."));
+}
+
+TEST_F(Log, at_a_negative_level_a_failure_fills_both_buffers_and_the_number_but_not_the_log) {
+    set_level(-1);
+    EXPECT_EQ(tf::fail(tf::ErrorNumber::no_bcv, tf::msg::not_in_pair, "find_bcv_pair", "/dev/x"),
+              11);
+    expect_failure(10, "find_bcv_pair: Device /dev/x is not a member of a BCV pair");
+    EXPECT_TRUE(test::log_lines().empty());
+}
+
+TEST_F(Log, at_level_0_a_failure_is_logged_once_as_it_stands_in_the_buffer) {
+    set_level(0);
+    tf::fail(tf::ErrorNumber::no_bcv, tf::msg::not_in_pair, "find_bcv_pair", "/dev/x");
+    EXPECT_EQ(whole_log(), std::string(errmsg) + "\n");
+}
+
+TEST_F(Log, a_failure_of_a_system_call_carries_the_error_that_errno_held) {
+    errno = EACCES;
+    tf::fail(tf::ErrorNumber::limit, tf::msg::cannot_open_file, "find_device", "/tmp/50%s%d");
+    expect_failure(13, "find_device: Cannot open file /tmp/50%s%d: Permission denied");
+}
+
+TEST_F(Log, a_message_whose_argument_is_missing_prints_null) {
+    const char *unset = nullptr;
+    tf::fail(tf::ErrorNumber::parameter, tf::msg::parameter_null, "TimeFinder_ckpt", unset);
+    expect_failure(7, "TimeFinder_ckpt: A required parameter is NULL: (null)");
+}
+
+TEST_F(Log, a_message_longer_than_the_buffers_is_cut_to_2047_characters) {
+    const std::string name = alphabet(4000);
+    tf::fail(tf::ErrorNumber::no_bcv, tf::msg::not_in_pair, "find_bcv_pair", name.c_str());
+    EXPECT_EQ(std::string(errmsg), ("find_bcv_pair: Device " + name).substr(0, 2047));
+    EXPECT_EQ(std::string(logmsg), std::string(errmsg));
+}
+
+}  // namespace
