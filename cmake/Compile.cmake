@@ -20,6 +20,9 @@ target_compile_options(tf_shipped INTERFACE
   -fvisibility=hidden $<$<COMPILE_LANGUAGE:CXX>:-fvisibility-inlines-hidden>
   $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions> $<$<COMPILE_LANGUAGE:CXX>:-fno-rtti>
   -fstack-protector-strong -fstack-clash-protection -fcf-protection)
+# A unique symbol would pin the library in memory after dlclose.
+target_compile_options(tf_shipped INTERFACE
+  $<$<CXX_COMPILER_ID:GNU>:-fno-gnu-unique>)
 if(NOT TF_SANITIZE AND NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
   target_compile_definitions(tf_shipped INTERFACE _FORTIFY_SOURCE=2)
 endif()
