@@ -2,6 +2,8 @@
 // host's file-system commands that write into them.
 #pragma once
 
+#include <cstdio>
+
 #include "include/records.h"
 #include "tessera_host.h"
 
@@ -18,6 +20,16 @@ bool create_private_file(const char *path);
 void make_capture_files(hdef *h);
 // Removes both files when both names are set; the names stay.
 void remove_capture_files(const hdef *h);
+
+// The name of a capture file as a command line or a dump takes it: the null device where the record
+// has none.
+const char *capture_name(const char *path);
+// Whether a command may write into this capture file: a regular file of the effective user with one
+// name. A file that is missing is made again first.
+bool capture_file_ready(const char *path);
+// Opens a file for reading; a link in its place is not followed and a pipe is not waited for. Null
+// with errno set when it cannot be opened.
+FILE *open_for_reading(const char *path);
 
 // The execution options of one host command whose output goes into the record's capture files. The
 // files are truncated when they are opened, so a dump shows this command's output alone; one that
