@@ -12,6 +12,18 @@
 // the cache could not be allocated, so that the next look-up reads the table again.
 extern int32_t mnttab_cached;
 
+// One entry of the cache; device numbers are unique. All entries are freed when the library is
+// unloaded.
+struct mnttab_node {
+    uint64_t dev;     // st_dev of the mount directory
+    char dir[1024];   // mount directory
+    char name[1024];  // mounted device
+    char type[1024];  // file-system type
+    mnttab_node *next;
+};
+// Head of the cache, newest first.
+extern mnttab_node *mnttab_cached_list;
+
 // Answers from the cache: 1 found, 0 not. The three texts are cut to their buffers' sizes.
 int32_t ol_devtomp_find(uint64_t dev, char *dir, size_t dir_size, char *name, size_t name_size,
                         char *type, size_t type_size);
