@@ -8,6 +8,15 @@
 
 #include "include/symapi.h"
 
+// One function of the library.
+struct SymapiSymbol {
+    uint32_t mask;     // load groups that want it, one bit each; 0: never loaded
+    const char *name;  // its symbol
+    void *slot;        // the address of its slot in symapi_wrappers.h
+};
+// All of them in ascending order of name; a row with a null name ends the table.
+extern const SymapiSymbol emc_tf_symapi_symbols[];
+
 // The handle from dlopen; keeps its old value after a close.
 extern void *emc_tf_symapi_base_h;
 
@@ -18,5 +27,6 @@ inline constexpr uint32_t symapi_load_group = 2;
 int32_t emc_tf_openSymapiLibrary(const char *path);
 // Looks up every function whose group mask shares a bit with mask: 0, or 13 when one is missing.
 int32_t emc_tf_resolveSymapiSymbols(uint32_t mask);
-// Closes the library and empties every slot.
+// Closes the library and empties every slot. Called once more when the method is unloaded; a
+// library that is closed already is not touched.
 void emc_tf_closeSymapiLibrary();

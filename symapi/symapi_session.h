@@ -21,7 +21,9 @@ int32_t init_tflib();
 
 namespace tf {
 
-// Ends the session: 0, or 11 after a report. Ended or not, the session counts as ended.
-int32_t end_session();
+// Ends the session: 0, or 11 after a report in the name of the calling entry point. Logs "Waiting
+// for SymExit..." (trace) before, so callers do not. Ended or not, the session counts as ended: sH
+// is -1 afterwards.
+int32_t end_session(const char *reporter);
 
 }  // namespace tf

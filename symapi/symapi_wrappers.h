@@ -10,30 +10,17 @@
 
 #include "include/symapi.h"
 
+// What a wrapper answers without its function; one that gives a text answers "unknown".
+inline constexpr int symapi_not_loaded = 14;
+
 extern "C" {
 
-extern decltype(&SymInitV) p_emc_tf_SymInitV;
-extern decltype(&SymExit) p_emc_tf_SymExit;
-extern decltype(&SymDiscover) p_emc_tf_SymDiscover;
-extern decltype(&SymApiVersion) p_emc_tf_SymApiVersion;
-extern decltype(&SymApiPatch) p_emc_tf_SymApiPatch;
-extern decltype(&SymPerror) p_emc_tf_SymPerror;
-extern decltype(&SymErrorSymbol) p_emc_tf_SymErrorSymbol;
-extern decltype(&SymPrefsSet) p_emc_tf_SymPrefsSet;
-extern decltype(&SymPdevShow) p_emc_tf_SymPdevShow;
-extern decltype(&SymDevShow) p_emc_tf_SymDevShow;
-extern decltype(&SymDevSync) p_emc_tf_SymDevSync;
-extern decltype(&SymPdevSync) p_emc_tf_SymPdevSync;
-extern decltype(&SymLdevBcvControl) p_emc_tf_SymLdevBcvControl;
-extern decltype(&SymDevBcvControl) p_emc_tf_SymDevBcvControl;
-extern decltype(&SymDevListBcvControl) p_emc_tf_SymDevListBcvControl;
-extern decltype(&SymDgBcvControl) p_emc_tf_SymDgBcvControl;
-extern decltype(&SymDgShow) p_emc_tf_SymDgShow;
-extern decltype(&SymSync) p_emc_tf_SymSync;
-extern decltype(&SymFree) p_emc_tf_SymFree;
-extern decltype(&SymList) p_emc_tf_SymList;
-extern decltype(&SymPdevList) p_emc_tf_SymPdevList;
-extern decltype(&SymBcvPdevList) p_emc_tf_SymBcvPdevList;
+// The slots, one per function; null while the library is not loaded.
+#define TF_SYMAPI_FUNCTION(mask, name) extern decltype(&name) p_emc_tf_##name;
+#define TF_SYMAPI_UNBOUND(mask, name) extern void (*p_emc_tf_##name)();
+#include "symapi/symapi_functions.def"
+#undef TF_SYMAPI_FUNCTION
+#undef TF_SYMAPI_UNBOUND
 
 #pragma GCC visibility push(default)
 int emc_tf_SymInitV(const char *db_file, int mode, int32_t *session, SymInitOptions *options,
