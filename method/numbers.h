@@ -62,6 +62,16 @@ inline constexpr uint32_t establish_option(int32_t version) {
 inline constexpr int refresh_primary = 1;
 inline constexpr int refresh_bcv = 2;
 
+// "A split is still finishing in the background": the control call is repeated.
+inline constexpr bool split_in_background(int code) {
+    return code == 1012 || code == 1013;
+}
+
+// Pauses, in seconds: between two looks at a pair's state, and before a control call is repeated
+// that met a split in the background.
+inline constexpr unsigned state_poll_pause = 1;
+inline constexpr unsigned background_split_pause = 10;
+
 // The device limit: a batch of 2047 pairs is refused while the message names 2048. Scripts of
 // operators match on the quoted number, so both stay as they are.
 inline constexpr int32_t quoted_device_limit = 2048;

@@ -19,12 +19,16 @@ namespace tf {
 
 // Logs one BCV entry in eight trace lines.
 void log_bcv_info(const SymBcvInfo &info);
-// Takes an object out of its disk group's member list: vol_count goes down when the object is a
-// volume, and a group without members leaves DG_LIST. Nothing happens for an object not listed.
+// Takes an object out of its disk group's member list, wherever it stands there: vol_count goes
+// down when the object is a volume. A group without members leaves DG_LIST, also one that dg_insert
+// left behind when it could not enter the object. The record itself stays the caller's.
 void dg_remove(const hdef *h);
 // Frees a device list.
 void free_devices(prim_mir_info *first);
 // Frees an object's record with its device list and the names of its capture files.
 void free_hdef(hdef *h);
+// Frees everything that DG_LIST leads to and empties primmirlist; runs when the library is
+// unloaded.
+void free_all_records();
 
 }  // namespace tf
