@@ -29,6 +29,14 @@ inline constexpr char volume_tool[] = "/usr/sbin/qzvol";
 inline constexpr char unseen_bcv[] = "/dev/sdX";
 inline constexpr char unseen_bcv_after_rebuild[] = "/dev/rdsk/cXtXdX";
 
+// How the names of native and of multipath disks are told.
+inline constexpr char native_disk[] = "/dev/sd";
+inline constexpr char multipath_disk[] = "/dev/emcpower";
+
+// Volumes of the volume manager: disk group and volume follow.
+inline constexpr char volume_prefix[] = "/dev/qz/dsk/";
+inline constexpr unsigned long volume_prefix_length = sizeof volume_prefix - 1;
+
 // The disk group of an object that is no volume.
 inline constexpr char no_volume_group[] = "__NOT_VOL__GRP__";
 
