@@ -37,6 +37,10 @@ inline constexpr char multipath_disk[] = "/dev/emcpower";
 inline constexpr char volume_prefix[] = "/dev/qz/dsk/";
 inline constexpr unsigned long volume_prefix_length = sizeof volume_prefix - 1;
 
+// A volume of the copy: clone group and volume.
+inline constexpr char raw_volume_format[] = "/dev/qz/rdsk/%s/%s";
+inline constexpr char block_volume_format[] = "/dev/qz/dsk/%s/%s";
+
 // The disk group of an object that is no volume.
 inline constexpr char no_volume_group[] = "__NOT_VOL__GRP__";
 
