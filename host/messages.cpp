@@ -35,19 +35,22 @@ void format_both(const char *id, const char *lc_messages, size_t errmsg_size, ch
 // signs of the text are doubled to survive the formatting.
 void insert_error_text(char (&out)[format_size], const char *format, const char *error_text) {
     size_t used = 0;
-    const auto append = [&out, &used](char c) {
-        if (used + 1 < sizeof out) out[used++] = c;
+    const auto append = [&out, &used](const char *text, size_t length) {
+        // All of it or nothing: half of a doubled percent sign would begin a conversion.
+        if (used + length >= sizeof out) return;
+        memcpy(out + used, text, length);
+        used += length;
     };
     while (*format != '\0') {
         if (strncmp(format, "%%s", 3) == 0) {
             for (const char *c = error_text; *c != '\0'; ++c) {
-                if (*c == '%') append('%');
-                append(*c);
+                append(*c == '%' ? "%%" : c, *c == '%' ? 2 : 1);
             }
             format += 3;
         } else {
-            if (format[0] == '%' && format[1] == '%') append(*format++);
-            append(*format++);
+            const size_t length = strncmp(format, "%%", 2) == 0 ? 2 : 1;
+            append(format, length);
+            format += length;
         }
     }
     out[used] = '\0';
