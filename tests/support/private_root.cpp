@@ -70,10 +70,11 @@ void fill_dev(const std::string &dev) {
 }  // namespace
 
 void enter_private_root() {
+    enter_namespaces();
+    // The scratch tmpfs hides whatever lies in /tmp, so the source folder is kept by descriptor:
+    // one of the new namespace, since the kernel binds nothing that belongs to another.
     const int source = open(TF_SOURCE_DIR, O_PATH | O_CLOEXEC);
     if (source < 0) give_up("open " TF_SOURCE_DIR);
-    enter_namespaces();
-    // The scratch tmpfs hides whatever lies in /tmp, so the source folder is kept by descriptor.
     do_mount("tmpfs", "/tmp", "tmpfs", 0, nullptr);
     for (const char *folder : {"/tmp/upper", "/tmp/work", "/tmp/root"}) mkdir(folder, 0755);
     do_mount("overlay", "/tmp/root", "overlay", 0,
