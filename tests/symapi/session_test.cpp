@@ -47,6 +47,7 @@ TEST_F(InitLibrary, reports_twice_when_the_release_is_rejected) {
 }
 
 TEST_F(InitLibrary, tries_again_in_a_process_whose_first_try_failed) {
+    write_file(database, "arrays");
     install_library().version = 0x04020099;
     EXPECT_EQ(init_tflib(), 11);
     let_go_of_library();
