@@ -52,21 +52,28 @@ typedef struct qfm_fcp_options {
     int32_t case_sensitive_keywords;
 } qfm_fcp_options;
 
-// Sets the module's log sink and level: 1 and above its banner (once) and its messages, 5 and above
-// its details.
+// Sets the module's log sink (null for none) and level: below 1 nothing is logged, at 1 and above
+// the module's banner (once per process) and its messages, at 5 and above its details. A line is
+// cut to 2047 characters and lives only until the sink returns.
 void qfm_fcp_set_logf(qfm_fcp_log_function sink, int32_t level);
 
-// A new table, or null with *status set to 1. Sets *status to 0 first; it is the only function here
+// A new table without entries, to be given back with qfm_fcp_table_delete; null with *status 1 when
+// there was no memory. Sets *status (never a null pointer) to 0 first; it is the only function here
 // that resets it.
 qfm_fcp_table *qfm_fcp_table_new(int32_t *status);
-// Frees a table with its entries: 0, 12 for a null table, 13 for one that is none.
+// Frees a table with its entries: 0, QFM_FCP_NO_TABLE for a null table, QFM_FCP_WRONG_MAGIC for one
+// that is none. Targets, flags and the texts that a parse stored stay with the caller.
 int32_t qfm_fcp_table_delete(qfm_fcp_table *table);
 
-// Each adds a keyword to the table and returns its entry, or null with *status set (10 to 13).
+// Each adds a keyword (copied) to the table and returns its entry, which the table owns, or null
+// with *status set: QFM_FCP_NO_KEYWORD, QFM_FCP_NO_TABLE, QFM_FCP_WRONG_MAGIC or QFM_FCP_BAD_RANGE.
 // While *status is not 0 they do nothing, so a caller may add all keywords and look at the status
-// once. A null result with *status 0 means that there was no memory. The target receives the value:
-// for strings a new text from malloc that the caller frees, for int 32 bits, for long 64 bits. A
-// flag is raised by one each time the keyword is found.
+// once. A null result with *status 0 means that there was no memory.
+// The target must outlive the table's last parse. It receives the value: for strings a new text
+// from malloc that the caller frees (what stood there before is not freed), for int 32 bits, for
+// long 64 bits. min and max are both allowed values. A flag (null for none) is raised by one each
+// time the keyword is found, also when its value is then refused; the caller clears it first.
+// Keywords are matched in the order in which they were added; the first match counts.
 qfm_fcp_entry *qfm_fcp_string_new(qfm_fcp_table *table, int32_t *status, const char *keyword,
                                   char **target);
 qfm_fcp_entry *qfm_fcp_string_flag_new(qfm_fcp_table *table, int32_t *status, const char *keyword,
@@ -90,8 +97,13 @@ qfm_fcp_entry *qfm_fcp_long_range_flag_new(qfm_fcp_table *table, int32_t *status
                                            const char *keyword, int64_t *target, int64_t min,
                                            int64_t max, int32_t *flag);
 
-// Reads text (null is the empty text) against the table and stores the values found. Stops at the
-// first failing pair; what earlier pairs stored stays stored.
+// Reads text (null is the empty text) against the table and stores the values found. options may be
+// null for the defaults. Returns 0, or the status of the first failing pair (QFM_FCP_NO_MEMORY to
+// QFM_FCP_OUT_OF_RANGE, QFM_FCP_NO_KEYWORD) or of the table (QFM_FCP_NO_TABLE,
+// QFM_FCP_WRONG_MAGIC); what earlier pairs stored stays stored. Numbers are decimal; an empty value
+// is 0. A number outside its range is QFM_FCP_OUT_OF_RANGE without a message of its own, except
+// that "max_snapshots=0" is always accepted. Of a string keyword that is given twice the last value
+// stays.
 int32_t qfm_fcp_parse(const char *text, const qfm_fcp_options *options, qfm_fcp_table *table);
 
 #pragma GCC visibility pop
