@@ -1,1 +1,0 @@
-#include "snap/snap.h"
