@@ -1,0 +1,101 @@
+#include "tests/support/system_faults.h"
+
+#include <sys/types.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstddef>
+#include <cstring>
+
+extern "C" {
+ssize_t __real_read(int fd, void *buffer, size_t size);
+ssize_t __real_write(int fd, const void *buffer, size_t size);
+off_t __real_lseek(int fd, off_t offset, int whence);
+int __real_ftruncate(int fd, off_t length);
+int __real_unlink(const char *path);
+int __real_fcntl(int fd, int command, ...);
+pid_t __real_getpgid(pid_t pid);
+pid_t __real_getpid();
+int __real_system(const char *command);
+ssize_t __wrap_read(int fd, void *buffer, size_t size);
+ssize_t __wrap_write(int fd, const void *buffer, size_t size);
+off_t __wrap_lseek(int fd, off_t offset, int whence);
+int __wrap_ftruncate(int fd, off_t length);
+int __wrap_unlink(const char *path);
+int __wrap_fcntl(int fd, int command, ...);
+pid_t __wrap_getpgid(pid_t pid);
+pid_t __wrap_getpid();
+int __wrap_system(const char *command);
+}
+
+namespace {
+
+struct Fault {
+    char function[16] = "";
+    int n = 0;
+    int error = 0;
+    long result = 0;
+} fault;
+
+void (*system_call_action)(const char *function);
+
+bool answered(const char *function) {
+    if (system_call_action != nullptr) system_call_action(function);
+    if (strcmp(fault.function, function) != 0 || --fault.n != 0) return false;
+    errno = fault.error;
+    return true;
+}
+
+}  // namespace
+
+namespace test {
+
+SystemFault::SystemFault(const std::string &function, int n, int error, long result) {
+    fault = {};
+    function.copy(fault.function, sizeof fault.function - 1);
+    fault.n = n;
+    fault.error = error;
+    fault.result = result;
+}
+
+SystemFault::~SystemFault() {
+    fault = {};
+}
+
+void on_system_call(void (*action)(const char *function)) {
+    system_call_action = action;
+}
+
+}  // namespace test
+
+ssize_t __wrap_read(int fd, void *buffer, size_t size) {
+    return answered("read") ? fault.result : __real_read(fd, buffer, size);
+}
+ssize_t __wrap_write(int fd, const void *buffer, size_t size) {
+    return answered("write") ? fault.result : __real_write(fd, buffer, size);
+}
+off_t __wrap_lseek(int fd, off_t offset, int whence) {
+    return answered("lseek") ? fault.result : __real_lseek(fd, offset, whence);
+}
+int __wrap_ftruncate(int fd, off_t length) {
+    return answered("ftruncate") ? static_cast<int>(fault.result) : __real_ftruncate(fd, length);
+}
+int __wrap_unlink(const char *path) {
+    return answered("unlink") ? static_cast<int>(fault.result) : __real_unlink(path);
+}
+int __wrap_fcntl(int fd, int command, ...) {
+    va_list args;
+    va_start(args, command);
+    void *const argument = va_arg(args, void *);
+    va_end(args);
+    return answered("fcntl") ? static_cast<int>(fault.result) : __real_fcntl(fd, command, argument);
+}
+pid_t __wrap_getpgid(pid_t pid) {
+    return answered("getpgid") ? static_cast<pid_t>(fault.result) : __real_getpgid(pid);
+}
+pid_t __wrap_getpid() {
+    return answered("getpid") ? static_cast<pid_t>(fault.result) : __real_getpid();
+}
+int __wrap_system(const char *command) {
+    return answered("system") ? static_cast<int>(fault.result) : __real_system(command);
+}

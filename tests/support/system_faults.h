@@ -1,0 +1,22 @@
+// System calls of the code under test that fail or fall short on demand: read, write, lseek,
+// ftruncate, unlink, fcntl, getpgid, getpid and system.
+#pragma once
+
+#include <string>
+
+namespace test {
+
+// One scripted answer, for as long as the object lives: the n-th call of the function from now on
+// (1 is the next one) answers result with errno set to error, without doing anything.
+class SystemFault {
+  public:
+    SystemFault(const std::string &function, int n, int error, long result = -1);
+    ~SystemFault();
+    SystemFault(const SystemFault &) = delete;
+    SystemFault &operator=(const SystemFault &) = delete;
+};
+
+// Called before each of the functions is passed on, with its name; null for none.
+void on_system_call(void (*action)(const char *function));
+
+}  // namespace test
