@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 
@@ -110,6 +111,7 @@ pid_t dead_process() {
 class LockFile : public test::Method {
   protected:
     LockFile() {
+        std::filesystem::remove_all("/usr/quill/tessera/online_util");
         test::make_folders("/usr/quill/tessera/online_util/fi_cntl");
         test::make_folders(counter_folder);
         // The device's name is its serial number.
@@ -380,9 +382,10 @@ TEST_F(LockFile, processes_that_take_turns_lose_no_update) {
     // Two processes hammer on arrays of their own under the one host-wide lock.
     const auto hammer = [this](const char *device) {
         return [this, device] {
+            const test::FrozenObject own;
             tf::put(pm[1].dev_raw_device, device);
             for (int i = 0; i < 5; ++i) {
-                if (set(1) != 0) return false;
+                if (manage_lock(own.get(), &pm[1], TF_LOCK_SET) != 0) return false;
             }
             return test::read_file(pm[1].lock_file) == counter(getpid(), 5, 1);
         };
