@@ -1,0 +1,78 @@
+// A snapshot's life as the command drives it: each phase in a process of its own, its results in
+// the catalogue, the copy judged by the array itself.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "fimctl/catalogue.h"
+#include "fimctl/failure.h"
+#include "fimctl/phase.h"
+#include "fimctl/source.h"
+#include "fimctl/worker.h"
+
+namespace fimctl {
+
+struct Settings {
+    std::string method;          // the method's library
+    std::string state;           // the state directory, absolute
+    std::string config;          // the method's configuration string
+    std::string mount_at;        // "" for the folder below the state directory
+    std::string log_file;        // "" for none
+    double freeze_deadline = 0;  // seconds
+    double lock_wait = 0;        // seconds to wait for an owner of the array's mirrors to end
+    bool quiesce = true;
+};
+
+class Cycle {
+  public:
+    Cycle(const Settings &settings, Catalogue &catalogue);
+
+    // Takes a snapshot and returns its number. What fails is rolled back, and a void copy is
+    // released at once: nobody may back it up. Throws Failure.
+    int64_t freeze(const std::vector<std::string> &paths);
+    // Brings the copy up and returns the path to read for each object.
+    std::vector<std::string> mount(int64_t id);
+    // Ends a snapshot from whatever state it is in.
+    void release(int64_t id);
+    // All of it around a command.
+    void run(const std::vector<std::string> &paths, const std::vector<std::string> &command);
+
+  private:
+    struct Outcome;
+    struct Cut;
+
+    // Preparation (cycle_prepare.cpp).
+    std::vector<Source> check(const std::vector<std::string> &paths);
+    void refuse_held(const std::vector<Source> &sources);
+    void check_mount_at(const std::vector<Source> &sources);
+    std::vector<ObjectRecord> plan_objects(int64_t id, const std::vector<Source> &sources);
+    void remove_folders(const SnapshotRecord &snapshot);
+
+    // Phases.
+    template <typename Handle>
+    Outcome converse(Worker &worker, int64_t id, Handle handle);
+    Outcome text_phase(int64_t id, bool mounting, const std::vector<std::string> &texts);
+    void freeze_phase(int64_t id, const FreezeJob &job);
+    void keep_states_before(int64_t id, const Message &message);
+    void end_freeze(int64_t id, const Outcome &outcome, const Cut &cut);
+    void judge_copy(int64_t id, const Cut &cut);
+    void release_void(int64_t id, const std::string &reason, ExitCode code);
+    void undo(const SnapshotRecord &snapshot);
+    void release_by_text(const SnapshotRecord &snapshot);
+    void end_release(const SnapshotRecord &snapshot);
+    void run_on_copy(int64_t id, const std::vector<std::string> &command);
+
+    SnapshotRecord known(int64_t id);
+    void lock(int64_t id);
+    std::string scratch(int64_t id) const;
+    void note(int64_t id, const std::string &text);
+
+    const Settings settings_;
+    Catalogue &catalogue_;
+    std::unique_ptr<SnapshotLock> lock_;
+};
+
+}  // namespace fimctl

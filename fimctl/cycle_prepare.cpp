@@ -1,0 +1,148 @@
+// What is looked at and made before the array is touched.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+
+#include "fimctl/array_reader.h"
+#include "fimctl/cycle.h"
+#include "fimctl/paths.h"
+
+namespace fimctl {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr size_t longest_fifs = 1023;
+
+Failure unusable(const std::string &text) {
+    return Failure(Step::check, ExitCode::usage, text);
+}
+
+const char *name_of(SourceKind kind) {
+    switch (kind) {
+    case SourceKind::file_system:
+        return "file system";
+    case SourceKind::block_device:
+        return "block device";
+    case SourceKind::raw_device:
+        return "raw device";
+    }
+    return "unknown";
+}
+
+// Makes a folder unless it is there; true when it was made.
+bool make_folder(const std::string &folder) {
+    struct stat status = {};
+    if (stat(folder.c_str(), &status) == 0) {
+        if (!S_ISDIR(status.st_mode)) throw unusable(folder + ": not a directory");
+        return false;
+    }
+    std::error_code error;
+    fs::create_directories(folder, error);
+    if (error) throw unusable(folder + ": " + error.message());
+    return true;
+}
+
+// The name under which the mount table will show the copy: the method compares it to the letter.
+std::string real_name(const std::string &folder) {
+    char real[PATH_MAX] = "";
+    if (realpath(folder.c_str(), real) == nullptr) throw unusable(folder + ": " + strerror(errno));
+    return real;
+}
+
+std::vector<WrittenPlace> written_places(const Settings &settings) {
+    const char *temporary = getenv("TMPDIR");
+    std::vector<WrittenPlace> places = {
+        {"the catalogue", settings.state},
+        {"the folder of temporary files", temporary != nullptr ? temporary : P_tmpdir},
+        {"the array's database", path::array_state},
+        {"the method's lock folder", path::host_lock_folder},
+        {"the method's counter folder", path::counter_folder}};
+    if (!settings.log_file.empty()) places.push_back({"the log file", settings.log_file});
+    return places;
+}
+
+}  // namespace
+
+std::vector<Source> Cycle::check(const std::vector<std::string> &paths) {
+    auto sources = look_at_sources(paths);
+    check_mount_at(sources);
+    if (settings_.quiesce) refuse_writing_to_frozen(sources, written_places(settings_));
+    refuse_held(sources);
+    if (access(settings_.method.c_str(), R_OK) != 0) {
+        throw Failure(Step::load, ExitCode::failed,
+                      "cannot load the method: " + settings_.method + ": " + strerror(errno));
+    }
+    probe_array();
+    return sources;
+}
+
+// A second freeze of an object establishes its mirror again, under the copy that is in use.
+void Cycle::refuse_held(const std::vector<Source> &sources) {
+    for (const SnapshotRecord &snapshot : catalogue_.all()) {
+        if (is_over(snapshot.state)) continue;
+        for (const ObjectRecord &object : snapshot.objects) {
+            for (const Source &source : sources) {
+                if (object.device != static_cast<int64_t>(source.device)) continue;
+                throw unusable(source.path + " is held by snapshot " + std::to_string(snapshot.id) +
+                               " (" + name_of(snapshot.state) +
+                               "); end that one first: fimctl release " +
+                               std::to_string(snapshot.id));
+            }
+        }
+    }
+}
+
+void Cycle::check_mount_at(const std::vector<Source> &sources) {
+    const std::string &wanted = settings_.mount_at;
+    if (wanted.empty()) return;
+    if (wanted.find('\n') != std::string::npos) throw unusable("--mount-at: a newline in the path");
+    std::error_code error;
+    const std::string real = fs::weakly_canonical(fs::absolute(wanted), error);
+    if (error) throw unusable(wanted + ": " + error.message());
+    for (const Source &source : sources) {
+        if (source.mount_dir != real) continue;
+        throw unusable("--mount-at " + wanted +
+                       " is where the original is mounted; the copy needs a directory of its own");
+    }
+    if (is_mount_point(real)) throw unusable("--mount-at " + wanted + " is a mount point already");
+}
+
+std::vector<ObjectRecord> Cycle::plan_objects(int64_t id, const std::vector<Source> &sources) {
+    std::vector<ObjectRecord> objects;
+    for (size_t i = 0; i < sources.size(); ++i) {
+        std::string folder;
+        if (settings_.mount_at.empty()) {
+            folder = settings_.state + "/" + path::mount_folder + "/" + std::to_string(id) + "-" +
+                     std::to_string(i + 1);
+        } else {
+            folder = fs::absolute(settings_.mount_at);
+            if (sources.size() > 1) folder += "/" + std::to_string(i + 1);
+        }
+        ObjectRecord object;
+        object.source = sources[i].path;
+        object.kind = name_of(sources[i].kind);
+        object.inside = sources[i].inside;
+        object.device = static_cast<int64_t>(sources[i].device);
+        object.made_fifs = make_folder(folder);
+        object.fifs = real_name(folder);
+        if (object.fifs.size() > longest_fifs) throw unusable(object.fifs + ": path too long");
+        objects.push_back(object);
+    }
+    return objects;
+}
+
+// Only what was made for this snapshot, and only when it is empty: rmdir sees to that.
+void Cycle::remove_folders(const SnapshotRecord &snapshot) {
+    for (const ObjectRecord &object : snapshot.objects) {
+        if (object.made_fifs) rmdir(object.fifs.c_str());
+    }
+    std::error_code error;
+    fs::remove_all(scratch(snapshot.id), error);
+}
+
+}  // namespace fimctl

@@ -1,0 +1,90 @@
+#include "fimctl/failure.h"
+
+namespace fimctl {
+
+const char *name_of(Step step) {
+    switch (step) {
+    case Step::check:
+        return "check the paths";
+    case Step::catalogue:
+        return "keep the catalogue";
+    case Step::array:
+        return "reach the array";
+    case Step::load:
+        return "load the method";
+    case Step::freeze:
+        return "freeze";
+    case Step::control:
+        return "control code 4";
+    case Step::states:
+        return "read the pair states";
+    case Step::quiesce:
+        return "quiesce the file systems";
+    case Step::commit:
+        return "freeze commit";
+    case Step::unquiesce:
+        return "thaw the file systems";
+    case Step::checkpoint:
+        return "checkpoint";
+    case Step::judge:
+        return "judge the copy";
+    case Step::rebuild:
+        return "rebuild";
+    case Step::volumes:
+        return "volumes";
+    case Step::command:
+        return "run the command";
+    case Step::thaw:
+        return "thaw";
+    case Step::thaw_commit:
+        return "thaw commit";
+    }
+    return "unknown step";
+}
+
+namespace {
+
+std::string remedy_of_rest(Step step, long id) {
+    const std::string release = "fimctl release " + std::to_string(id);
+    switch (step) {
+    case Step::thaw:
+        return "end whatever uses the copy (fuser -vm), then: " + release;
+    case Step::rebuild:
+        return "see that the array answers and that no other process owns its mirrors, then: " +
+               release;
+    default:
+        return release;
+    }
+}
+
+}  // namespace
+
+std::string remedy_of(Step step, ExitCode code, long id) {
+    if (code == ExitCode::left) {
+        return id != 0 ? remedy_of_rest(step, id) : "fimctl list shows what is left";
+    }
+    if (code == ExitCode::owned) return "wait until the other process has ended, then try again";
+    if (code == ExitCode::permission) return "run fimctl as root";
+    if (code == ExitCode::array) {
+        return "see that the array library is installed and that the array answers, then try again";
+    }
+    if (code == ExitCode::no_such_snapshot) return "fimctl list --all shows the snapshots";
+    switch (step) {
+    case Step::load:
+        return "install the method, or name it with --method";
+    case Step::freeze:
+        return "see that every device below the path has a BCV, then try again";
+    case Step::control:
+    case Step::commit:
+    case Step::judge:
+        return "look at the pairs on the array, then try again";
+    case Step::quiesce:
+        return "take the path out, or accept a copy of a busy file system with --no-quiesce";
+    case Step::volumes:
+        return "check the copy by hand (run again with -v for the commands' output)";
+    default:
+        return "";
+    }
+}
+
+}  // namespace fimctl

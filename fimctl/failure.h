@@ -1,0 +1,62 @@
+// How a command ends: its exit codes, its steps, and the failure that carries one step's story to
+// the user.
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+namespace fimctl {
+
+// Scripts rely on these numbers: a caller must be able to tell "nothing is left" (1, 11, 12, 13)
+// from "something is left to clean" (3) without reading a text.
+enum class ExitCode : int {
+    done = 0,
+    failed = 1,             // failed and rolled back
+    usage = 2,              // the command line, or a path that cannot be frozen
+    left = 3,               // something is left to clean
+    no_such_snapshot = 10,  // no snapshot of this number
+    owned = 11,             // another process owns the array's mirrors, or the snapshot
+    array = 12,             // the array or its library cannot be reached
+    permission = 13,        // not allowed
+    interrupted = 130       // interrupted, and cleaned up
+};
+
+// The steps of a snapshot's life, in their order. Each has a name and a remedy.
+enum class Step {
+    check,      // look at the paths before anything is begun
+    catalogue,  // keep the snapshot's state
+    array,      // reach the array for reading
+    load,       // load the method
+    freeze,
+    control,  // control code 4
+    states,   // read the pair states
+    quiesce,  // FIFREEZE
+    commit,   // freeze commit
+    unquiesce,
+    checkpoint,
+    judge,
+    rebuild,
+    volumes,
+    command,
+    thaw,
+    thaw_commit
+};
+
+const char *name_of(Step step);
+// What an operator does after this step has failed. id 0: there is no snapshot yet.
+std::string remedy_of(Step step, ExitCode code, long id);
+
+// One failed step. number is the method's error number, 0 where the method has no part in it.
+class Failure : public std::runtime_error {
+  public:
+    Failure(Step where, ExitCode how, const std::string &text, int method_number = 0)
+        : std::runtime_error(text), step(where), code(how), number(method_number) {}
+
+    Step step;
+    ExitCode code;
+    int number;
+    long id = 0;             // the snapshot, once there is one
+    std::string afterwards;  // what was done about it ("rolled back", "released"), if anything
+};
+
+}  // namespace fimctl

@@ -1,0 +1,22 @@
+// The judgement of a copy: whether every pair was split, and split by this commit.
+//
+// The method's commit succeeds in two cases that leave an old copy behind: it compares primaries by
+// device name alone, so of two arrays with a device of the same name only one is split, and it
+// passes over a pair that was split before under the same lock. So the array itself is asked.
+#pragma once
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "fimctl/catalogue.h"
+
+namespace fimctl {
+
+// Why the copy is void, one reason a pair; empty for a good copy. split_list: the pairs (device,
+// BCV) that the method said it split, the evidence for a pair whose state before the commit could
+// not be read.
+std::vector<std::string> judge(const std::vector<PairRecord> &pairs,
+                               const std::vector<std::pair<std::string, std::string>> &split_list);
+
+}  // namespace fimctl

@@ -1,0 +1,33 @@
+// What fimctl tells: progress and failures on standard error, the method's lines at the asked
+// level, and all of it in the log file. Standard output is kept clean for results and for the
+// command that reads the copy.
+#pragma once
+
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace fimctl::log {
+
+struct Settings {
+    int level = 0;       // the method's log level: 0, 1 (commands) or 2 (traces)
+    bool quiet = false;  // no progress lines
+    std::string file;    // "" for none
+};
+
+// Opens the log file (appended, 0600); throws Failure when that cannot be done.
+void set_up(const Settings &settings);
+int level();
+
+// A line of progress, and a line that must be seen.
+void progress(const std::string &text);
+void problem(const std::string &text);
+
+// The sink that the method gets. Beside showing the line it remembers the two things that the
+// method says nowhere else: who owns the array's mirrors, and which pairs it has split.
+void method_line(const char *line);
+int other_owner();  // process id, 0 when none was named since the last forget()
+std::vector<std::pair<std::string, std::string>> split_list();
+void forget();
+
+}  // namespace fimctl::log

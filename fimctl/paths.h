@@ -1,0 +1,27 @@
+// The fixed paths that fimctl knows.
+#pragma once
+
+namespace fimctl::path {
+
+inline constexpr char method_library[] = "/usr/quill/tessera/lib/libtimefinder_fim.so";
+inline constexpr char array_library[] = "/usr/symcli/shlib/libsymapi.so";
+inline constexpr char array_database[] = "/var/symapi/db/symapi_db.bin";
+inline constexpr char state_directory[] = "/var/lib/fimctl";
+inline constexpr char mount_table[] = "/proc/self/mountinfo";
+
+// Below the state directory.
+inline constexpr char catalogue_file[] = "catalogue.db";
+inline constexpr char mount_folder[] = "mnt";
+inline constexpr char scratch_folder[] = "tmp";
+inline constexpr char lock_folder[] = "locks";
+
+// Where the method and the array library write while a snapshot is cut.
+inline constexpr char array_state[] = "/var/symapi/db";
+inline constexpr char host_lock_folder[] = "/usr/quill/tessera/online_util/fi_cntl";
+inline constexpr char counter_folder[] = "/usr/quill/tessera/online_util/db_cntl";
+
+// Volumes of the volume manager are block devices below this folder, raw devices below that one.
+inline constexpr char volume_folder[] = "/dev/qz/dsk/";
+inline constexpr char raw_volume_folder[] = "/dev/qz/rdsk/";
+
+}  // namespace fimctl::path

@@ -1,0 +1,213 @@
+#include "fimctl/source.h"
+
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <sstream>
+
+#include "fimctl/failure.h"
+#include "fimctl/paths.h"
+
+namespace fimctl {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr size_t method_path_size = 1024;
+
+Failure unusable(const std::string &text) {
+    return Failure(Step::check, ExitCode::usage, text);
+}
+
+struct Mount {
+    dev_t device;
+    std::string root, directory, source;
+};
+
+// The mount table writes blanks and other separators as octal escapes.
+std::string unescape(const std::string &text) {
+    std::string plain;
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == '\\' && i + 3 < text.size()) {
+            plain += static_cast<char>(std::stoi(text.substr(i + 1, 3), nullptr, 8));
+            i += 3;
+        } else {
+            plain += text[i];
+        }
+    }
+    return plain;
+}
+
+std::vector<Mount> mount_table() {
+    std::vector<Mount> mounts;
+    std::ifstream table(path::mount_table);
+    for (std::string line; std::getline(table, line);) {
+        std::istringstream words(line);
+        std::string id, parent, device, root, directory, word, type, source;
+        words >> id >> parent >> device >> root >> directory;
+        while (words >> word && word != "-") {
+        }
+        words >> type >> source;
+        unsigned major_number = 0, minor_number = 0;
+        if (sscanf(device.c_str(), "%u:%u", &major_number, &minor_number) != 2) continue;
+        mounts.push_back({makedev(major_number, minor_number), unescape(root), unescape(directory),
+                          unescape(source)});
+    }
+    return mounts;
+}
+
+bool is_below(const std::string &file, const std::string &directory) {
+    if (directory == "/" || file == directory) return true;
+    return file.size() > directory.size() && file.compare(0, directory.size(), directory) == 0 &&
+           file[directory.size()] == '/';
+}
+
+// The mount that holds a path: the longest directory above it, the last one mounted there.
+const Mount *mount_of(const std::vector<Mount> &mounts, const std::string &file) {
+    const Mount *best = nullptr;
+    for (const Mount &mount : mounts) {
+        if (!is_below(file, mount.directory)) continue;
+        if (best == nullptr || mount.directory.size() >= best->directory.size()) best = &mount;
+    }
+    return best;
+}
+
+std::string join(const std::string &first, const std::string &second) {
+    std::string joined =
+        (fs::path("/") / fs::path(first).relative_path() / fs::path(second).relative_path())
+            .lexically_normal();
+    while (!joined.empty() && joined.back() == '/') joined.pop_back();
+    return joined;
+}
+
+void place_file(Source &source, const std::vector<Mount> &mounts) {
+    char real[PATH_MAX] = "";
+    if (realpath(source.path.c_str(), real) == nullptr) {
+        throw unusable(source.path + ": " + strerror(errno));
+    }
+    const Mount *mount = mount_of(mounts, real);
+    if (mount == nullptr) throw unusable(source.path + ": no mounted file system holds it");
+    source.mount_dir = mount->directory;
+    source.mounted = mount->source;
+    source.inside = join(mount->root, std::string(real).substr(mount->directory.size()));
+}
+
+void place_device(Source &source, const std::vector<Mount> &mounts) {
+    for (const Mount &mount : mounts) {
+        if (mount.device != source.device || mount.root != "/") continue;
+        source.mount_dir = mount.directory;
+        source.mounted = mount.source;
+    }
+}
+
+bool starts(const std::string &text, const char *prefix) {
+    return text.compare(0, strlen(prefix), prefix) == 0;
+}
+
+Source look_at(const std::string &path, const std::vector<Mount> &mounts) {
+    if (path.find('\n') != std::string::npos) {
+        throw unusable("a path with a newline cannot be frozen: its checkpoint could not be kept");
+    }
+    if (path.empty()) throw unusable("an empty path cannot be frozen");
+    Source source;
+    source.path = fs::absolute(path).lexically_normal();
+    if (source.path.size() > 1 && source.path.back() == '/') source.path.pop_back();
+    if (source.path.size() >= method_path_size) {
+        throw unusable(path + ": longer than " + std::to_string(method_path_size - 1) +
+                       " characters");
+    }
+    struct stat status = {};
+    if (stat(source.path.c_str(), &status) != 0) {
+        throw unusable(source.path + ": " + strerror(errno));
+    }
+    if (S_ISBLK(status.st_mode) || S_ISCHR(status.st_mode)) {
+        source.kind = S_ISBLK(status.st_mode) ? SourceKind::block_device : SourceKind::raw_device;
+        source.device = status.st_rdev;
+        place_device(source, mounts);
+        source.is_volume = starts(source.path, path::volume_folder) ||
+                           starts(source.path, path::raw_volume_folder);
+    } else {
+        source.device = status.st_dev;
+        place_file(source, mounts);
+        source.is_volume = starts(source.mounted, path::volume_folder);
+    }
+    return source;
+}
+
+void refuse_doubles(const std::vector<Source> &sources) {
+    for (size_t i = 0; i < sources.size(); ++i) {
+        for (size_t k = 0; k < i; ++k) {
+            if (sources[i].kind != sources[k].kind || sources[i].device != sources[k].device) {
+                continue;
+            }
+            throw unusable(sources[k].path + " and " + sources[i].path +
+                           (sources[i].kind == SourceKind::file_system
+                                ? " lie on one file system; name it once"
+                                : " are one device; name it once"));
+        }
+    }
+}
+
+// The device of a path that may not exist yet: that of the nearest folder above it which does.
+dev_t device_of(const std::string &path) {
+    struct stat status = {};
+    for (fs::path at = fs::absolute(path);; at = at.parent_path()) {
+        if (stat(at.c_str(), &status) == 0) return status.st_dev;
+        if (at == at.root_path()) return 0;
+    }
+}
+
+}  // namespace
+
+std::vector<Source> look_at_sources(const std::vector<std::string> &paths) {
+    const auto mounts = mount_table();
+    std::vector<Source> sources;
+    for (const std::string &path : paths) sources.push_back(look_at(path, mounts));
+    refuse_doubles(sources);
+    return sources;
+}
+
+std::vector<std::string> file_systems_of(const std::vector<Source> &sources) {
+    std::set<dev_t> seen;
+    std::vector<std::string> directories;
+    for (const Source &source : sources) {
+        if (source.mount_dir.empty() || !seen.insert(source.device).second) continue;
+        directories.push_back(source.mount_dir);
+    }
+    return directories;
+}
+
+void refuse_writing_to_frozen(const std::vector<Source> &sources,
+                              const std::vector<WrittenPlace> &places) {
+    const auto refuse = [&sources](const std::string &what, dev_t device) {
+        for (const Source &source : sources) {
+            if (source.mount_dir.empty() || source.device != device) continue;
+            throw unusable(what + " lies on the file system on " + source.mount_dir +
+                           ", which would be frozen while it is written");
+        }
+    };
+    for (const WrittenPlace &place : places) {
+        refuse(place.what + " (" + place.path + ")", device_of(place.path));
+    }
+    for (const int stream : {STDOUT_FILENO, STDERR_FILENO}) {
+        struct stat status = {};
+        if (fstat(stream, &status) != 0 || !S_ISREG(status.st_mode)) continue;
+        refuse(stream == STDOUT_FILENO ? "standard output" : "standard error", status.st_dev);
+    }
+}
+
+bool is_mount_point(const std::string &directory) {
+    for (const Mount &mount : mount_table()) {
+        if (mount.directory == directory) return true;
+    }
+    return false;
+}
+
+}  // namespace fimctl
