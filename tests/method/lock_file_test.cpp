@@ -2,164 +2,24 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <functional>
 
-#include "tests/support/frozen_object.h"
-#include "tests/support/method_fixture.h"
-#include "tests/support/private_root.h"
+#include "tests/method/lock_fixture.h"
 #include "tests/support/system_faults.h"
 
 namespace {
 
-constexpr char lock_path[] = "/usr/quill/tessera/online_util/fi_cntl/__LOCKFILE__TSR_ARRAY";
-constexpr char counter_folder[] = "/usr/quill/tessera/online_util/db_cntl";
+using test::counter;
+using test::counter_folder;
+using test::dead_process;
+using test::lock_path;
+using test::OtherProcess;
 
-// The bytes of a counter file.
-std::string counter(int32_t pid, int32_t objects, int32_t is_split) {
-    const int32_t fields[] = {pid, objects, is_split};
-    std::string bytes(sizeof fields, '\0');
-    memcpy(bytes.data(), fields, sizeof fields);
-    return bytes;
-}
-
-// Another process: runs an action and stays until it is told to end.
-class OtherProcess {
-  public:
-    explicit OtherProcess(const std::function<bool()> &action) {
-        int down[2], up[2];
-        if (pipe2(down, O_CLOEXEC) != 0 || pipe2(up, O_CLOEXEC) != 0) abort();
-        pid_ = fork();
-        if (pid_ == 0) {
-            close(down[1]);
-            close(up[0]);
-            char byte = action() ? 'y' : 'n';
-            if (write(up[1], &byte, 1) != 1) _exit(2);
-            if (read(down[0], &byte, 1) < 0) _exit(2);
-            _exit(0);
-        }
-        close(down[0]);
-        close(up[1]);
-        hold_ = down[1];
-        answer_ = up[0];
-    }
-    ~OtherProcess() { end(); }
-    OtherProcess(const OtherProcess &) = delete;
-    OtherProcess &operator=(const OtherProcess &) = delete;
-
-    pid_t pid() const { return pid_; }
-    // Waits for the action and hands out what it answered.
-    bool answer() {
-        char byte = '?';
-        return read(answer_, &byte, 1) == 1 && byte == 'y';
-    }
-    void end() {
-        if (hold_ < 0) return;
-        close(hold_);
-        close(answer_);
-        hold_ = -1;
-        int status = 0;
-        waitpid(pid_, &status, 0);
-    }
-
-  private:
-    pid_t pid_ = -1;
-    int hold_ = -1, answer_ = -1;
-};
-
-void wait_a_moment() {
-    const timespec moment = {0, 2'000'000};
-    nanosleep(&moment, nullptr);
-}
-
-// Whether the kernel lists a process as waiting for a record lock.
-bool waits_for_a_lock(pid_t pid) {
-    std::ifstream locks("/proc/locks");
-    for (std::string line; std::getline(locks, line);) {
-        if (line.find("-> POSIX") != std::string::npos &&
-            line.find(" " + std::to_string(pid) + " ") != std::string::npos) {
-            return true;
-        }
-    }
-    return false;
-}
-
-bool comes_to_wait(pid_t pid) {
-    for (int i = 0; i < 2500; ++i) {
-        if (waits_for_a_lock(pid)) return true;
-        wait_a_moment();
-    }
-    return false;
-}
-
-// A process id that no process has.
-pid_t dead_process() {
-    const pid_t pid = fork();
-    if (pid == 0) _exit(0);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return pid;
-}
-
-class LockFile : public test::Method {
-  protected:
-    LockFile() {
-        std::filesystem::remove_all("/usr/quill/tessera/online_util");
-        test::make_folders("/usr/quill/tessera/online_util/fi_cntl");
-        test::make_folders(counter_folder);
-        // The device's name is its serial number.
-        test::write_script("/usr/quill/tessera/bin/tqtpcinfo",
-                           "echo \"EMC SYMMETRIX p=$3 s=${3#/dev/}\"");
-        for (int i = 0; i < 3; ++i) tf::put(pm[i].dev_raw_device, "/dev/0001845001230001");
-    }
-
-    int set(int i = 0) { return manage_lock(object.get(), &pm[i], TF_LOCK_SET); }
-    int clear(int i = 0) { return manage_lock(object.get(), &pm[i], TF_LOCK_CLEAR); }
-    std::string stored() const { return test::read_file(path); }
-    // The log without the lines about the command of find_device.
-    static std::string lock_log() {
-        std::string text;
-        for (const std::string &line : test::log_lines()) {
-            if (!line.starts_with("Executing command: ")) text += line + "\n";
-        }
-        return text;
-    }
-    // An update whose owner of the counter file is this process.
-    int change(const std::string &contents, int mode) {
-        test::write_file(path, contents);
-        tf::put(pm[0].lock_file, path.c_str());
-        pm[0].issplit = 77;
-        const int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
-        test::log_lines().clear();
-        const int result = change_counter(&pm[0], fd, mode);
-        close(fd);
-        return result;
-    }
-    int open_and_close(const std::string &counter_path) {
-        int lock_fd = 99;
-        const int fd = open_lock_file(counter_path.c_str(), &lock_fd);
-        if (fd < 0) {
-            EXPECT_EQ(lock_fd, 99);
-            return fd;
-        }
-        close(fd);
-        close(lock_fd);
-        return 0;
-    }
-
-    const std::string path = std::string(counter_folder) + "/__LOCKFILE_0001845001230000";
-    const std::string obtained = std::string("trying to get lock on file: ") + lock_path +
-                                 "\nobtained lock on file: " + lock_path + "\n";
-    test::FrozenObject object;
-    prim_mir_info pm[3] = {};
-};
+// Setting and clearing the lock of a record, within one process and among several.
+class LockFile : public test::LockFixture {};
 
 TEST_F(LockFile, first_set_on_a_new_file_counts_one_and_sees_issplit_0) {
     pm[0].issplit = 5;
@@ -359,7 +219,7 @@ TEST_F(LockFile, a_second_process_waits_until_the_first_lets_go) {
     const int fd = open_lock_file(path.c_str(), &lock_fd);
     ASSERT_GE(fd, 0);
     OtherProcess other([this] { return set() == 0; });
-    ASSERT_TRUE(comes_to_wait(other.pid()));
+    ASSERT_TRUE(test::comes_to_wait(other.pid()));
     EXPECT_EQ(stored(), "");
     close(fd);
     close(lock_fd);
@@ -396,213 +256,12 @@ TEST_F(LockFile, processes_that_take_turns_lose_no_update) {
     EXPECT_EQ(stored(), counter(getpid(), 1, 1));
 }
 
-TEST_F(LockFile, a_signal_does_not_end_the_wait_for_the_lock) {
-    const test::SystemFault fault("fcntl", 1, EINTR);
-    EXPECT_EQ(open_and_close(path), 0);
-}
-
-TEST_F(LockFile, open_hands_out_both_descriptors_closed_for_other_programs) {
-    int lock_fd = -1;
-    const int fd = open_lock_file(path.c_str(), &lock_fd);
-    ASSERT_GE(fd, 0);
-    ASSERT_GE(lock_fd, 0);
-    EXPECT_EQ(fcntl(fd, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
-    EXPECT_EQ(fcntl(lock_fd, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
-    close(fd);
-    close(lock_fd);
-    EXPECT_EQ(whole_log(), obtained);
-}
-
-TEST_F(LockFile, without_the_lock_folder_the_host_wide_file_is_named) {
-    ASSERT_EQ(rmdir("/usr/quill/tessera/online_util/fi_cntl"), 0);
-    set_level(0);
-    EXPECT_EQ(open_and_close(path), -1);
-    EXPECT_EQ(whole_log(), std::string("could not open file: ") + lock_path + "\n");
-}
-
-TEST_F(LockFile, without_the_counter_folder_the_counter_file_is_named) {
-    set_level(0);
-    EXPECT_EQ(open_and_close("/tmp/no/folder/counter"), -1);
-    EXPECT_EQ(whole_log(), "could not open file: /tmp/no/folder/counter\n");
-}
-
-TEST_F(LockFile, links_in_place_of_either_file_are_not_followed) {
-    ASSERT_EQ(symlink("/tmp/elsewhere", path.c_str()), 0);
-    EXPECT_EQ(open_and_close(path), -1);
-    EXPECT_TRUE(logged("could not open file: " + path));
-    unlink(path.c_str());
-    unlink(lock_path);
-    ASSERT_EQ(symlink("/tmp/elsewhere", lock_path), 0);
-    EXPECT_EQ(open_and_close(path), -1);
-    EXPECT_TRUE(logged(std::string("could not open file: ") + lock_path));
-    EXPECT_FALSE(test::exists("/tmp/elsewhere"));
-}
-
-TEST_F(LockFile, a_lock_that_cannot_be_had_is_reported) {
-    set_level(0);
-    const test::SystemFault fault("fcntl", 1, EDEADLK);
-    EXPECT_EQ(open_and_close(path), -1);
-    EXPECT_EQ(whole_log(), std::string("could not lock file: ") + lock_path + "\n");
-    EXPECT_FALSE(test::exists(path));
-}
-
-TEST_F(LockFile, an_owner_that_cannot_be_read_is_reported) {
-    set_level(0);
-    const test::SystemFault fault("read", 1, EIO);
-    EXPECT_EQ(open_and_close(path), -1);
-    EXPECT_EQ(whole_log(), "could not read pid from file: " + path + "\n");
-}
-
-TEST_F(LockFile, a_cut_off_owner_counts_as_none) {
-    test::write_file(path, "\x01\x02");
-    EXPECT_EQ(open_and_close(path), 0);
-    EXPECT_EQ(stored(), "\x01\x02");
-}
-
-TEST_F(LockFile, the_own_files_counter_is_left_as_it_is_when_opened) {
-    test::write_file(path, counter(getpid(), 7, 1));
-    EXPECT_EQ(open_and_close(path), 0);
-    EXPECT_EQ(stored(), counter(getpid(), 7, 1));
-}
-
-TEST_F(LockFile, an_owner_that_cannot_be_asked_about_counts_as_alive) {
-    const pid_t dead = dead_process();
-    test::write_file(path, counter(dead, 1, 1));
-    set_level(0);
-    const test::SystemFault fault("getpgid", 1, EPERM);
-    EXPECT_EQ(open_and_close(path), -1);
-    EXPECT_EQ(whole_log(), "lock pid(" + std::to_string(dead) + ") != pid(" +
-                               std::to_string(getpid()) + "): " + path + "\n");
-}
-
-TEST_F(LockFile, a_leftover_that_cannot_be_truncated_is_reported) {
-    test::write_file(path, counter(dead_process(), 1, 1));
-    set_level(0);
-    const test::SystemFault fault("ftruncate", 1, EIO);
-    EXPECT_EQ(open_and_close(path), -1);
-    EXPECT_EQ(whole_log(), "could not truncate file: " + path + "\n");
-}
-
-TEST_F(LockFile, any_mode_but_0_takes_one_off) {
-    EXPECT_EQ(change(counter(getpid(), 5, 1), 7), 0);
-    EXPECT_EQ(stored(), counter(getpid(), 4, 1));
-    EXPECT_EQ(change(counter(getpid(), 5, 1), -1), 0);
-    EXPECT_EQ(stored(), counter(getpid(), 4, 1));
-}
-
-TEST_F(LockFile, a_clear_too_many_wraps_and_keeps_the_file) {
-    EXPECT_EQ(change(counter(getpid(), 0, 1), TF_LOCK_CLEAR), 0);
-    EXPECT_EQ(stored(), counter(getpid(), -1, 1));
-}
-
-TEST_F(LockFile, the_highest_count_wraps) {
-    EXPECT_EQ(change(counter(getpid(), INT32_MAX, 1), TF_LOCK_SET), 0);
-    EXPECT_EQ(stored(), counter(getpid(), INT32_MIN, 1));
-}
-
-TEST_F(LockFile, a_set_that_brings_the_count_to_0_removes_the_file) {
-    EXPECT_EQ(change(counter(getpid(), -1, 1), TF_LOCK_SET), 0);
-    EXPECT_FALSE(test::exists(path));
-}
-
-TEST_F(LockFile, an_update_makes_this_process_the_owner) {
-    EXPECT_EQ(change(counter(4711, 1, 1), TF_LOCK_SET), 0);
-    EXPECT_EQ(stored(), counter(getpid(), 2, 1));
-}
-
-TEST_F(LockFile, issplit_is_the_flag_that_the_file_held) {
-    EXPECT_EQ(change(counter(getpid(), 1, 0), TF_LOCK_SET), 0);
-    EXPECT_EQ(pm[0].issplit, 0);
-    EXPECT_EQ(stored(), counter(getpid(), 2, 1));
-    EXPECT_EQ(change(counter(getpid(), 1, 42), TF_LOCK_SET), 0);
-    EXPECT_EQ(pm[0].issplit, 42);
-    EXPECT_EQ(stored(), counter(getpid(), 2, 1));
-}
-
-TEST_F(LockFile, a_file_that_ends_before_the_flag_holds_flag_0) {
-    for (const size_t length : {8U, 10U}) {
-        EXPECT_EQ(change(counter(getpid(), 3, 1).substr(0, length), TF_LOCK_SET), 0);
-        EXPECT_EQ(stored(), counter(getpid(), 4, 1));
-        EXPECT_EQ(pm[0].issplit, 0);
-    }
-}
-
-TEST_F(LockFile, a_file_that_ends_before_or_inside_the_count_counts_from_one) {
-    for (const size_t length : {0U, 2U, 4U, 6U}) {
-        EXPECT_EQ(change(counter(getpid(), 3, 1).substr(0, length), TF_LOCK_SET), 0);
-        EXPECT_EQ(stored(), counter(getpid(), 1, 1)) << length;
-        EXPECT_EQ(change(counter(getpid(), 3, 1).substr(0, length), TF_LOCK_CLEAR), -1);
-        EXPECT_EQ(whole_log(),
-                  "could not decrement counter....counter missing from file: " + path + "\n");
-        EXPECT_EQ(stored(), counter(getpid(), 3, 1).substr(0, length));
-    }
-}
-
-struct UpdateFault {
-    const char *function;
-    int n;
-    int error;
-    long result;
-    const char *line;
-};
-
-TEST_F(LockFile, every_failing_step_of_an_update_has_its_line) {
-    const UpdateFault faults[] = {
-        {"lseek", 1, EIO, -1, "could not lseek file: "},
-        {"read", 1, EIO, -1, "could not read pid from file: "},
-        {"getpid", 1, EIO, -1, "could not get pid"},
-        {"read", 2, EIO, -1, "could not read number of objects from file: "},
-        {"read", 3, EIO, -1, "could not read is_split flag from file: "},
-        {"lseek", 2, EIO, -1, "could not lseek file: "},
-        {"write", 1, ENOSPC, -1, "could not write to file: "},
-        {"write", 2, 0, 3, "could not write to file: "},
-        {"write", 3, 0, 0, "could not write to file: "},
-    };
-    set_level(0);
-    for (const UpdateFault &step : faults) {
-        test::write_file(path, counter(getpid(), 1, 1));
-        tf::put(pm[0].lock_file, path.c_str());
-        const int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
-        test::log_lines().clear();
-        {
-            const test::SystemFault fault(step.function, step.n, step.error, step.result);
-            EXPECT_EQ(change_counter(&pm[0], fd, TF_LOCK_SET), -1);
-        }
-        close(fd);
-        const std::string line = step.line;
-        EXPECT_EQ(whole_log(), line + (line.ends_with(": ") ? path : "") + "\n");
-    }
-}
-
-TEST_F(LockFile, the_flag_is_stored_even_when_the_update_cannot_be_written) {
-    test::write_file(path, counter(getpid(), 1, 9));
-    tf::put(pm[0].lock_file, path.c_str());
-    const int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
-    const test::SystemFault fault("write", 1, ENOSPC);
-    EXPECT_EQ(change_counter(&pm[0], fd, TF_LOCK_SET), -1);
-    close(fd);
-    EXPECT_EQ(pm[0].issplit, 9);
-}
-
-TEST_F(LockFile, a_counter_of_0_that_cannot_be_truncated_is_removed_all_the_same) {
+TEST_F(LockFile, clearing_twice_in_a_row_fails_the_second_time) {
     ASSERT_EQ(set(), 0);
-    set_level(0);
-    const test::SystemFault fault("ftruncate", 1, EIO);
     EXPECT_EQ(clear(), 0);
-    EXPECT_EQ(whole_log(), "could not truncate lock file: " + path + "\n");
-    EXPECT_FALSE(test::exists(path));
-}
-
-TEST_F(LockFile, a_counter_of_0_that_cannot_be_removed_is_left_empty) {
-    ASSERT_EQ(set(), 0);
-    for (const int32_t level : {0, 2}) {
-        set_level(level);
-        test::write_file(path, counter(getpid(), 1, 1));
-        const test::SystemFault fault("unlink", 1, EPERM);
-        EXPECT_EQ(clear(), 0);
-        EXPECT_EQ(times_logged("could not unlink file: " + path), level == 2 ? 1 : 0);
-        EXPECT_EQ(stored(), "");
-    }
+    EXPECT_EQ(clear(), -1);
+    // The second clear made the file anew, without a counter in it.
+    EXPECT_EQ(stored(), "");
 }
 
 TEST_F(LockFile, a_failed_increment_is_explained_at_level_2_alone) {
@@ -626,14 +285,6 @@ TEST_F(LockFile, a_counter_file_that_cannot_be_opened_makes_the_set_fail) {
     EXPECT_EQ(set(), -1);
     EXPECT_EQ(lock_log(), "manage_lock: setting lock on file: " + path + "\n" + obtained +
                               "could not open file: " + path + "\n");
-}
-
-TEST_F(LockFile, clearing_twice_in_a_row_fails_the_second_time) {
-    ASSERT_EQ(set(), 0);
-    EXPECT_EQ(clear(), 0);
-    EXPECT_EQ(clear(), -1);
-    // The second clear made the file anew, without a counter in it.
-    EXPECT_EQ(stored(), "");
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "method/descriptor.h"
@@ -15,6 +16,14 @@
 #include "tests/support/private_root.h"
 
 namespace {
+
+// Runs behind the destructors of all static objects: in the child of one test the exit status says
+// whether the cache was empty by then.
+constexpr int cache_was_freed = 42;
+bool looks_at_the_cache_at_the_end = false;
+[[gnu::destructor]] void look_at_the_cache() {
+    if (looks_at_the_cache_at_the_end && mnttab_cached_list == nullptr) _exit(cache_was_freed);
+}
 
 uint64_t device_of(const std::string &path) {
     struct stat status = {};
@@ -292,7 +301,22 @@ TEST_F(MountLookup, without_memory_for_an_entry_the_table_is_read_again_next_tim
     EXPECT_EQ(lookup("/dev"), "0 /dev/two qzfs /dev");
 }
 
-// Forty mounted devices more than the machine has: enough for the index.
+TEST_F(MountLookup, the_cache_is_freed_when_the_library_is_unloaded) {
+    test::write_mount_table("/dev/one /tmp ext4 rw 0 0\n/dev/two /dev qzfs rw 0 0\n");
+    EXPECT_EQ(lookup("/tmp"), "0 /dev/one ext4 /tmp");
+    fflush(nullptr);
+    const pid_t child = fork();
+    if (child == 0) {
+        looks_at_the_cache_at_the_end = true;
+        exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), cache_was_freed);
+}
+
+// Devices of their own, as many as a test wants: enough for the index.
 class ManyMounts : public MountLookup {
   protected:
     void mount_devices(int count) {
