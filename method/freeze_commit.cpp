@@ -4,6 +4,7 @@
 #include "method/capture.h"
 #include "method/interface.h"
 #include "method/log.h"
+#include "method/records.h"
 #include "method/report.h"
 #include "symapi/symapi_session.h"
 #include "symapi/symapi_wrappers.h"
@@ -80,6 +81,16 @@ int32_t show_primary(const char *caller, const prim_mir_info &pm, SymDevice *dev
     if (code == 0) return success;
     return fail(ErrorNumber::operation, msg::device_call_failed, caller, "SymPdevShow",
                 pm.p_dev_raw_device, code, emc_tf_SymPerror(sH, code));
+}
+
+int32_t show_pair_state(const char *caller, const prim_mir_info &pm, long *state) {
+    SymDevice primary = {};
+    int32_t status = show_primary(caller, pm, &primary);
+    if (status != success) return status;
+    const SymBcvInfo *info = nullptr;
+    status = find_bcv_info(&primary, pm.bcvdev_sym_devname, &info);
+    if (status == success) *state = info->bcv_pair_state;
+    return status;
 }
 
 }  // namespace tf

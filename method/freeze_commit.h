@@ -26,5 +26,8 @@ int32_t wait_for_split(int32_t count);
 int32_t refresh_bcv_information(const char *reporter, const prim_mir_info &pm);
 // Reads the primary's information into *device: 0, or 11 after a report.
 int32_t show_primary(const char *reporter, const prim_mir_info &pm, SymDevice *device);
+// Reads the pair's state from the primary's information: 0, 11 after a report, or the result of
+// find_bcv_info.
+int32_t show_pair_state(const char *reporter, const prim_mir_info &pm, long *state);
 
 }  // namespace tf

@@ -2,7 +2,6 @@
 #include "method/freeze_commit.h"
 #include "method/log.h"
 #include "method/pair_index.h"
-#include "method/records.h"
 #include "method/report.h"
 
 namespace tf {
@@ -20,12 +19,7 @@ struct SplitList {
 int32_t read_state(const prim_mir_info &pm, long *state) {
     if (refresh_bcv_information(reporter, pm) != success) return failure;
     log_trace("%s: calling SymPdevShow with disk %s", reporter, pm.p_dev_raw_device);
-    SymDevice device = {};
-    if (show_primary(reporter, pm, &device) != success) return failure;
-    const SymBcvInfo *info = nullptr;
-    const int32_t status = find_bcv_info(&device, pm.bcvdev_sym_devname, &info);
-    if (status == success) *state = info->bcv_pair_state;
-    return status;
+    return show_pair_state(reporter, pm, state);
 }
 
 // A primary that two objects share is split once. Only its name is compared: equal names on two

@@ -3,7 +3,6 @@
 
 #include "method/freeze_commit.h"
 #include "method/log.h"
-#include "method/records.h"
 #include "method/report.h"
 
 namespace tf {
@@ -17,12 +16,7 @@ constexpr unsigned retry_pause = 10;
 
 int32_t read_state(const prim_mir_info &pm, long *state) {
     if (refresh_bcv_information(reporter, pm) != success) return failure;
-    SymDevice device = {};
-    if (show_primary(reporter, pm, &device) != success) return failure;
-    const SymBcvInfo *info = nullptr;
-    const int32_t status = find_bcv_info(&device, pm.bcvdev_sym_devname, &info);
-    if (status == success) *state = info->bcv_pair_state;
-    return status;
+    return show_pair_state(reporter, pm, state);
 }
 
 // A split in progress is waited for without limit: the array is at work.
