@@ -174,12 +174,14 @@ TEST_F(BcvControl, nothing_is_left_allocated) {
     p_emc_tf_SymDevListBcvControl = [](int32_t, const char *, int, const char *const *,
                                        const char *const *, int, int, int) { return 9; };
     set_level(-1);
-    const size_t before = mallinfo2().uordblks;
     EXPECT_EQ(control(2, 0), 11);
+    // malloc counts what it holds back for reuse, so only what grows with the calls is a leak.
+    const size_t before = mallinfo2().uordblks;
+    for (int i = 0; i < 1000; ++i) EXPECT_EQ(control(2, 0), 11);
     p_emc_tf_SymDevListBcvControl = [](int32_t, const char *, int, const char *const *,
                                        const char *const *, int, int, int) { return 0; };
-    EXPECT_EQ(control(2, 0), 0);
-    EXPECT_EQ(mallinfo2().uordblks, before);
+    for (int i = 0; i < 1000; ++i) EXPECT_EQ(control(2, 0), 0);
+    EXPECT_LT(mallinfo2().uordblks, before + 10000);
 }
 
 TEST_F(BcvControl, no_memory_for_the_lists_is_reported_before_any_call) {

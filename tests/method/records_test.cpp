@@ -187,20 +187,26 @@ TEST_F(Records, removing_an_object_that_is_not_listed_changes_nothing) {
     tf::free_hdef(no_group);
 }
 
+// One process's worth of records, freed as at the end of the library's life.
 TEST_F(Records, everything_is_freed_once_also_what_is_listed_twice) {
+    const auto live = [] {
+        hdef *const h = inserted("A", 1);
+        h->out_file = strdup("/tmp/QfMSout");
+        h->err_file = strdup("/tmp/QfMSerr");
+        h->pminfo_list = make_pm("000000000001", "0001", "0101", "/dev/p");
+        h->pminfo_list->next = make_pm("000000000001", "0002", "0102", "/dev/p");
+        EXPECT_EQ(dg_insert(h), 0);
+        tf::put(h->vol_group, "B");
+        EXPECT_EQ(dg_insert(h), 0);
+        inserted("B");
+        prim_mir_info_size = tf::append_pair(h->pminfo_list, 0);
+        tf::free_all_records();
+    };
+    live();
+    // malloc counts what it holds back for reuse, so only what grows with the rounds is a leak.
     const size_t before = mallinfo2().uordblks;
-    hdef *const h = inserted("A", 1);
-    h->out_file = strdup("/tmp/QfMSout");
-    h->err_file = strdup("/tmp/QfMSerr");
-    h->pminfo_list = make_pm("000000000001", "0001", "0101", "/dev/p");
-    h->pminfo_list->next = make_pm("000000000001", "0002", "0102", "/dev/p");
-    EXPECT_EQ(dg_insert(h), 0);
-    tf::put(h->vol_group, "B");
-    EXPECT_EQ(dg_insert(h), 0);
-    inserted("B");
-    prim_mir_info_size = tf::append_pair(h->pminfo_list, 0);
-    tf::free_all_records();
-    EXPECT_EQ(mallinfo2().uordblks, before);
+    for (int i = 0; i < 1000; ++i) live();
+    EXPECT_LT(mallinfo2().uordblks, before + 10000);
     EXPECT_EQ(DG_LIST, nullptr);
     EXPECT_EQ(primmirlist[0], nullptr);
     EXPECT_EQ(prim_mir_info_size, 0);
