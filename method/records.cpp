@@ -73,8 +73,8 @@ void free_members(dg_member *first) {
 }
 
 // Frees the device lists and leaves each object named in one place only, since one that was entered
-// twice must not be freed twice. The emptied list head of an object says that it was met before,
-// which makes this linear and needs no memory.
+// twice must not be freed twice. The list head of an object that was met points at a mark
+// meanwhile, which makes this linear and needs no memory.
 void free_devices_of_all_objects() {
     static prim_mir_info mark;
     for (dg_entry *group = DG_LIST; group != nullptr; group = group->next) {
