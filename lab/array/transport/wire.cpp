@@ -1,0 +1,57 @@
+#include "lab/array/transport/wire.h"
+
+#include <errno.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace lab {
+
+int connect_to(const char *path) {
+    struct sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    const size_t length = strlen(path);
+    if (length >= sizeof address.sun_path) {
+        errno = ENAMETOOLONG;
+        return -1;
+    }
+    memcpy(address.sun_path, path, length);
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) return -1;
+    int answer = 0;
+    do {
+        answer = connect(fd, reinterpret_cast<const struct sockaddr *>(&address), sizeof address);
+    } while (answer != 0 && errno == EINTR);
+    if (answer == 0) return fd;
+    const int reason = errno;
+    close(fd);
+    errno = reason;
+    return -1;
+}
+
+bool send_all(int fd, const void *data, size_t size) {
+    const char *at = static_cast<const char *>(data);
+    while (size > 0) {
+        const ssize_t done = send(fd, at, size, MSG_NOSIGNAL);
+        if (done < 0 && errno == EINTR) continue;
+        if (done <= 0) return false;
+        at += done;
+        size -= static_cast<size_t>(done);
+    }
+    return true;
+}
+
+bool receive_all(int fd, void *data, size_t size) {
+    char *at = static_cast<char *>(data);
+    while (size > 0) {
+        const ssize_t done = recv(fd, at, size, 0);
+        if (done < 0 && errno == EINTR) continue;
+        if (done <= 0) return false;
+        at += done;
+        size -= static_cast<size_t>(done);
+    }
+    return true;
+}
+
+}  // namespace lab
