@@ -1,0 +1,46 @@
+#include "lab/host/tree.h"
+
+#include <cstdio>
+
+namespace tflab {
+namespace {
+
+struct File {
+    const char *built;      // below the build folder
+    const char *installed;  // below the host's root
+};
+
+constexpr File files[] = {
+    {"lib/libtimefinder_fim.so", "usr/quill/tessera/lib/libtimefinder_fim.so"},
+    {"lib/libtessera_host.so", "usr/quill/tessera/lib/libtessera_host.so"},
+    {"bin/tqtpcinfo", "usr/quill/tessera/bin/tqtpcinfo"},
+    {"lab/libsymapi.so", "usr/symcli/shlib/libsymapi.so"},
+    {"lab/libtflabsleep.so", "usr/lib/tflab/libtflabsleep.so"},
+    {"bin/fimctl", "usr/bin/fimctl"},
+    {"bin/tfarray", "usr/bin/tfarray"},
+    {"bin/tfwriter", "usr/bin/tfwriter"},
+};
+
+constexpr const char *folders[] = {
+    "usr/quill/tessera/online_util/fi_cntl",
+    "usr/quill/tessera/online_util/db_cntl",
+    "var/symapi",
+    "exchange",
+};
+
+}  // namespace
+
+void install_tree(const fs::path &build, const fs::path &target) {
+    for (const char *folder : folders) make_folder(target / folder);
+    for (const File &file : files) {
+        const fs::path source = build / file.built, copy = target / file.installed;
+        if (!fs::exists(source)) {
+            fprintf(stderr, "tflab: %s is not built; hosts do without it\n", source.c_str());
+            continue;
+        }
+        make_folder(copy.parent_path());
+        fs::copy_file(source, copy, fs::copy_options::overwrite_existing);
+    }
+}
+
+}  // namespace tflab
