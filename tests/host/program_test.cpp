@@ -176,7 +176,7 @@ TEST_F(Program, status_is_not_lost_when_a_handler_reaps_every_child) {
 }
 
 TEST_F(Program, program_itself_starts_with_ordinary_signals) {
-    umount_does("grep -E '^Sig(Blk|Ign)' /proc/$$/status >/tmp/seen");
+    umount_does("exec grep -E '^Sig(Blk|Ign)' /proc/self/status >/tmp/seen");
     signal(SIGCHLD, SIG_IGN);
     signal(SIGPIPE, SIG_IGN);
     sigset_t blocked, old;

@@ -91,8 +91,8 @@ TEST(Layout, a_disk_group_entry_has_its_fields_in_order) {
 
 TEST(Layout, the_other_records_that_cross_a_boundary_have_their_sizes) {
     EXPECT_EQ(sizeof(SymInitOptions), 64U);
-    EXPECT_EQ(offsetof(SymBcvInfo, bcv_pair_state), 256U);
-    EXPECT_EQ(sizeof(SymBcvInfo), 264U);
+    EXPECT_EQ(offsetof(SymBcvInfo, bcv_pair_state), 192U);
+    EXPECT_EQ(sizeof(SymBcvInfo), 200U);
     EXPECT_EQ(offsetof(SymDevice, pdevname), 109U);
     EXPECT_EQ(offsetof(SymDevice, bcv_count), 288U);
     EXPECT_EQ(sizeof(Q_sys_cmd_exec_options), 12U);

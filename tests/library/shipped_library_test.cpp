@@ -16,6 +16,7 @@
 namespace {
 
 const std::string library_path = TF_BINARY_DIR "/lib/libtimefinder_fim.so";
+const std::string host_library_path = TF_BINARY_DIR "/lib/libtessera_host.so";
 const std::string array_library = "/usr/symcli/shlib/libsymapi.so";
 
 std::vector<std::string> lines;
@@ -26,7 +27,9 @@ void collect(const char *line) {
 // One loaded copy of the library with its entry points bound by name.
 class Library {
   public:
-    Library() : handle_(dlopen(library_path.c_str(), RTLD_NOW | RTLD_LOCAL)) {
+    Library()
+        : host_(dlopen(host_library_path.c_str(), RTLD_NOW | RTLD_GLOBAL)),
+          handle_(dlopen(library_path.c_str(), RTLD_NOW | RTLD_LOCAL)) {
         if (handle_ == nullptr) {
             ADD_FAILURE() << dlerror();
             return;
@@ -49,6 +52,7 @@ class Library {
     }
     ~Library() {
         if (handle_ != nullptr) dlclose(handle_);
+        if (host_ != nullptr) dlclose(host_);
     }
     Library(const Library &) = delete;
     Library &operator=(const Library &) = delete;
@@ -79,6 +83,8 @@ class Library {
         EXPECT_NE(function, nullptr) << name;
     }
 
+    // The framework has the host product's library loaded before it loads a method.
+    void *host_;
     void *handle_;
 };
 
