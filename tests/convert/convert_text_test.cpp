@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 #include <malloc.h>
 
-#include <chrono>
 #include <climits>
 #include <cstring>
 #include <string>
@@ -333,28 +332,6 @@ TEST_F(Convert, any_failing_allocation_gives_status_1_and_no_text) {
         test::fail_allocation(n);
         EXPECT_EQ(external(), "failed") << n;
     }
-}
-
-// Eight times the entries may take eight times as long; a text whose end is searched for each line
-// takes sixty-four times. The bound stands between the two.
-TEST_F(Convert, the_time_grows_with_the_length_of_the_text) {
-    char value[200];
-    memset(value, 'x', sizeof value);
-    value[sizeof value - 1] = '\0';
-    const auto best_time = [&] {
-        auto best = std::chrono::nanoseconds::max();
-        for (int i = 0; i < 5; ++i) {
-            const auto begin = std::chrono::steady_clock::now();
-            external();
-            best =
-                std::min(best, std::chrono::nanoseconds(std::chrono::steady_clock::now() - begin));
-        }
-        return best;
-    };
-    for (int i = 0; i < 8000; ++i) add_text("k", value);
-    const auto small = best_time();
-    for (int i = 0; i < 56000; ++i) add_text("k", value);
-    EXPECT_LT(best_time(), 28 * small);
 }
 
 }  // namespace
