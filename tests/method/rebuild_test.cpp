@@ -1,0 +1,634 @@
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <ctime>
+#include <set>
+
+#include "tests/method/release_fixture.h"
+
+namespace {
+
+constexpr char symid[] = "000184500123";
+
+class Rebuild : public test::Release {
+  protected:
+    ~Rebuild() override {
+        for (hdef *handle : rebuilt_) remove_files(handle);
+    }
+
+    // Rebuilds and keeps the handle in h; null when none was handed out.
+    int32_t rebuild(std::string text) {
+        h = nullptr;
+        const int32_t status = TimeFinder_rebuild(&h, text.data());
+        if (h != nullptr) rebuilt_.push_back(h);
+        return status;
+    }
+    // Lines of a group whose array knows the pair.
+    std::string known_pair(const char *primary = "00A1", const char *bcv = "01A1",
+                           const char *bcv_path = "/dev/rdsk/c1t0d0") {
+        array.add_primary(symid, primary, "");
+        array.add_bcv(symid, bcv, bcv_path);
+        return pair_lines(primary, bcv);
+    }
+    static std::string pair_lines(const std::string &primary, const std::string &bcv,
+                                  int lock_set = 0) {
+        return std::string("PMINFO-symid=") + symid + "\nPMINFO-dev_sym_devname=" + primary +
+               "\nPMINFO-dev_raw_device=/dev/qz/rdmp/p" + primary +
+               "\nPMINFO-p_dev_raw_device=/dev/emcpowera\nPMINFO-bcv_raw_device=/dev/old" +
+               "\nPMINFO-bcvdev_sym_devname=" + bcv +
+               "\nPMINFO-issplit=1\nPMINFO-sync_at_end=1\nPMINFO-lock_set=" +
+               std::to_string(lock_set) + "\nPRIM_MIR_INFO=NEXT\n";
+    }
+    static std::string imported_target() { return "HDEF-dgimport=1\nHDEF-is_tgt=1\n"; }
+
+    hdef *h = nullptr;
+
+  private:
+    std::vector<hdef *> rebuilt_;
+};
+
+TEST_F(Rebuild, checkpoint_comes_back_with_the_same_text) {
+    hdef *frozen = new_device(TF_OBJECT_FILE_SYSTEM);
+    frozen->sync_at_start = 1;
+    frozen->async_resync = 1;
+    frozen->keep_fi = 1;
+    tf::put(frozen->fstype, "ext4");
+    tf::put(frozen->fs_path, "/data=1");
+    tf::put(frozen->dev_raw_device, "/dev/qz/rdmp/p0");
+    tf::put(frozen->dev_block_device, "/dev/qz/dmp/p0");
+    for (const char *name : {"00A1", "00A2"}) {
+        prim_mir_info *pm = add_pair(frozen, symid, name, name[3] == '1' ? "01A1" : "01A2",
+                                     name[3] == '1' ? "/dev/qz/rdmp/p1" : "/dev/qz/rdmp/p2", 5);
+        pm->issplit = 1;
+        pm->dev_raw_uid = name[3] == '1' ? 17 : 0;
+        tf::put(pm->bcv_raw_device, ("/dev/rdsk/" + std::string(pm->bcvdev_sym_devname)).c_str());
+    }
+    tf::HeapOwner<char> text;
+    ASSERT_EQ(TimeFinder_ckpt(frozen, text.out()), 0);
+
+    ASSERT_EQ(rebuild(text.get()), 0);
+    EXPECT_EQ(h->is_rebuilt, 1);
+    EXPECT_EQ(h->is_tgt, 0);
+    EXPECT_EQ(h->restore, 0);
+    EXPECT_TRUE(is_listed(h));
+    EXPECT_EQ(total_freeze_volumes, 1);
+    ASSERT_NE(h->pminfo_list, nullptr);
+    EXPECT_STREQ(h->pminfo_list->dev_sym_devname, "00A1");
+    EXPECT_STREQ(h->pminfo_list->dev_block_device, "/dev/qz/dmp/p1");
+    EXPECT_EQ(h->pminfo_list->dev_raw_uid, 17);
+    ASSERT_NE(h->pminfo_list->next, nullptr);
+    EXPECT_STREQ(h->pminfo_list->next->dev_sym_devname, "00A2");
+    EXPECT_STREQ(h->pminfo_list->next->bcv_pdevname, "/dev/rdsk/01A2");
+    EXPECT_EQ(h->pminfo_list->next->next, nullptr);
+
+    tf::HeapOwner<char> again;
+    ASSERT_EQ(TimeFinder_ckpt(h, again.out()), 0);
+    EXPECT_STREQ(again.get(), text.get());
+    expect_no_failure();
+}
+
+TEST_F(Rebuild, first_call_of_a_process_brings_the_array_up) {
+    resolve_symapi = 0;
+    ASSERT_EQ(rebuild(""), 0);
+    EXPECT_EQ(resolve_symapi, 1);
+    EXPECT_EQ(array.calls_of("SymInitV").size(), 1U);
+    ASSERT_EQ(rebuild(""), 0);
+    EXPECT_EQ(array.calls_of("SymInitV").size(), 1U);
+}
+
+TEST_F(Rebuild, array_that_does_not_come_up_is_not_tried_again) {
+    resolve_symapi = 0;
+    array.script("SymInitV", {5, 5});
+    EXPECT_EQ(rebuild("HDEF-keep_fi=1\n"), 11);
+    expect_failure(3, "init_tflib: SymAPI call to SymInit failed with code 11 (array error 11)");
+    EXPECT_EQ(h, nullptr);
+    EXPECT_EQ(resolve_symapi, 1);
+    EXPECT_EQ(total_freeze_volumes, 0);
+    EXPECT_EQ(rebuild("HDEF-keep_fi=1\n"), 0);
+}
+
+TEST_F(Rebuild, null_arguments_are_named) {
+    char text[] = "";
+    EXPECT_EQ(TimeFinder_rebuild(nullptr, text), 11);
+    expect_failure(7, "TimeFinder_rebuild: A required parameter is NULL: fih");
+    EXPECT_EQ(TimeFinder_rebuild(&h, nullptr), 11);
+    expect_failure(7, "TimeFinder_rebuild: A required parameter is NULL: text");
+    EXPECT_EQ(h, nullptr);
+}
+
+TEST_F(Rebuild, record_without_memory_names_line_2233_and_hands_nothing_out) {
+    test::fail_allocation(1);
+    EXPECT_EQ(rebuild(""), 11);
+    expect_failure(1, "TimeFinder_rebuild: Memory allocation failure at line 2233");
+    EXPECT_EQ(h, nullptr);
+}
+
+TEST_F(Rebuild, scratch_record_without_memory_names_line_2241_and_leaves_the_bare_record) {
+    test::fail_allocation(2);
+    EXPECT_EQ(rebuild(""), 11);
+    expect_failure(1, "TimeFinder_rebuild: Memory allocation failure at line 2241");
+    ASSERT_NE(h, nullptr);
+    EXPECT_EQ(h->out_file, nullptr);
+    EXPECT_FALSE(is_listed(h));
+}
+
+TEST_F(Rebuild, table_without_memory_is_reported_and_the_record_stays_with_the_caller) {
+    test::fail_allocation(3);
+    EXPECT_EQ(rebuild(""), 11);
+    test::no_more_faults();
+    expect_failure(13, "TimeFinder_rebuild: convert_open: memory allocation");
+    ASSERT_NE(h, nullptr);
+    EXPECT_EQ(h->is_rebuilt, 1);
+    EXPECT_TRUE(has_capture_files(h));
+    EXPECT_FALSE(is_listed(h));
+    EXPECT_EQ(total_freeze_volumes, 0);
+}
+
+TEST_F(Rebuild, transfer_name_that_cannot_be_had_names_line_2280) {
+    test::fail_temporary_name(3);
+    EXPECT_EQ(rebuild(""), 11);
+    expect_failure(1, "TimeFinder_rebuild: Memory allocation failure at line 2280");
+}
+
+TEST_F(Rebuild, capture_name_that_cannot_be_had_is_no_failure) {
+    test::fail_temporary_name(1);
+    EXPECT_EQ(rebuild(""), 0);
+    EXPECT_EQ(h->out_file, nullptr);
+    ASSERT_NE(h->err_file, nullptr);
+    unlink(h->err_file);
+}
+
+TEST_F(Rebuild, transfer_file_that_cannot_be_made_is_reported) {
+    rlimit limit = {};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    const rlimit none = {0, limit.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    const int32_t status = rebuild("");
+    setrlimit(RLIMIT_NOFILE, &limit);
+    EXPECT_EQ(status, 11);
+    expect_failure(13, "TimeFinder_rebuild: Cannot open file " + std::string(h->transfer_file) +
+                           ": Too many open files");
+}
+
+TEST_F(Rebuild, transfer_file_is_made_empty_and_private_by_every_rebuild) {
+    ASSERT_EQ(rebuild("HDEF-keep_fi=1\n"), 0);
+    EXPECT_NE(std::string(h->transfer_file).find("/EMCTX"), std::string::npos);
+    EXPECT_NE(std::string(h->out_file).find("/QfMS"), std::string::npos);
+    struct stat status = {};
+    ASSERT_EQ(lstat(h->transfer_file, &status), 0);
+    EXPECT_EQ(status.st_mode, S_IFREG | 0600U);
+    EXPECT_EQ(status.st_size, 0);
+    EXPECT_TRUE(has_capture_files(h));
+}
+
+TEST_F(Rebuild, newlines_of_the_text_are_overwritten) {
+    char text[] = "HDEF-keep_fi=1\nHDEF-dgimport=0\nrest";
+    ASSERT_EQ(TimeFinder_rebuild(&h, text), 0);
+    EXPECT_EQ(text[14], '\0');
+    EXPECT_EQ(text[30], '\0');
+    remove_files(h);
+}
+
+TEST_F(Rebuild, last_line_without_a_newline_is_ignored) {
+    ASSERT_EQ(rebuild("HDEF-keep_fi=1\nHDEF-dgimport=1"), 0);
+    EXPECT_EQ(h->keep_fi, 1);
+    EXPECT_EQ(h->dgimport, 0);
+}
+
+TEST_F(Rebuild, empty_text_makes_an_empty_object) {
+    ASSERT_EQ(rebuild(""), 0);
+    EXPECT_EQ(h->pminfo_list, nullptr);
+    EXPECT_TRUE(is_listed(h));
+    EXPECT_EQ(total_freeze_volumes, 1);
+}
+
+TEST_F(Rebuild, group_of_lines_without_next_is_lost) {
+    ASSERT_EQ(rebuild(known_pair() + "PMINFO-symid=000184500123\nPMINFO-dev_sym_devname=00A2\n" +
+                      "PRIM_MIR_INFO=END\n"),
+              0);
+    ASSERT_NE(h->pminfo_list, nullptr);
+    EXPECT_EQ(h->pminfo_list->next, nullptr);
+}
+
+TEST_F(Rebuild, record_starts_from_zeros_behind_each_next) {
+    const std::string first = known_pair();
+    array.add_bcv(symid, "01A2", "/dev/rdsk/c1t0d1");
+    ASSERT_EQ(rebuild("PMINFO-dev_raw_uid=5\n" + first + "PMINFO-symid=" + symid +
+                      "\nPMINFO-bcvdev_sym_devname=01A2\nPRIM_MIR_INFO=NEXT\n"),
+              0);
+    EXPECT_EQ(h->pminfo_list->dev_raw_uid, 5);
+    const prim_mir_info *second = h->pminfo_list->next;
+    ASSERT_NE(second, nullptr);
+    EXPECT_EQ(second->dev_raw_uid, 0);
+    EXPECT_EQ(second->issplit, 0);
+    EXPECT_STREQ(second->dev_raw_device, "");
+}
+
+TEST_F(Rebuild, unknown_key_is_accepted_without_a_word) {
+    EXPECT_EQ(rebuild("HDEF-newer_field=1\nNOTHING=2\n"), 0);
+    expect_no_failure();
+    EXPECT_EQ(whole_log(), "");
+}
+
+TEST_F(Rebuild, line_that_is_no_pair_is_reported_and_a_later_good_line_makes_up_for_it) {
+    EXPECT_EQ(rebuild("no pair\nHDEF-keep_fi=1\n"), 0);
+    expect_failure(1,
+                   "TimeFinder_rebuild: convert_internal: input string not name=value pair: "
+                   "no pair");
+    EXPECT_TRUE(is_listed(h));
+}
+
+TEST_F(Rebuild, bad_last_line_fails_the_rebuild_and_keeps_the_record_out_of_the_list) {
+    EXPECT_EQ(rebuild("HDEF-keep_fi=1\n\n"), 11);
+    expect_failure(1, "TimeFinder_rebuild: convert_internal: input string not name=value pair: ");
+    EXPECT_EQ(h->keep_fi, 1);
+    EXPECT_FALSE(is_listed(h));
+    EXPECT_EQ(total_freeze_volumes, 1);
+}
+
+// Only converted lines decide.
+TEST_F(Rebuild, markers_and_framework_lines_do_not_make_up_for_a_bad_line) {
+    EXPECT_EQ(rebuild(known_pair() + "bad\nHDEF-is_tgt=1\nHDEF-restore=0\nPRIM_MIR_INFO=START\n"
+                                     "PRIM_MIR_INFO=END\nHDEF-CLONE_INFO_FILE=START\n"
+                                     "a line\nHDEF-CLONE_INFO_FILE=END\n"),
+              11);
+    EXPECT_FALSE(is_listed(h));
+    EXPECT_EQ(test::read_file(h->transfer_file), "a line\n");
+}
+
+TEST_F(Rebuild, framework_lines_are_decimal) {
+    ASSERT_EQ(rebuild("HDEF-dgimport=1\nHDEF-restore=010\nHDEF-is_tgt= 2x\n"), 0);
+    EXPECT_EQ(h->restore, 10);
+    EXPECT_EQ(h->is_tgt, 2);
+}
+
+TEST_F(Rebuild, device_without_memory_names_line_2329) {
+    const std::string text = "HDEF-keep_fi=1\n" + known_pair();
+    std::set<std::string> seen;
+    for (int n = 1; n < 40; ++n) {
+        test::fail_allocation(n);
+        const int32_t status = rebuild(text);
+        test::no_more_faults();
+        if (status == 0) continue;
+        EXPECT_EQ(status, 11);
+        seen.insert(errmsg);
+        EXPECT_FALSE(h != nullptr && is_listed(h));
+    }
+    const std::set<std::string> expected = {
+        "TimeFinder_rebuild: Memory allocation failure at line 2233",
+        "TimeFinder_rebuild: Memory allocation failure at line 2241",
+        "TimeFinder_rebuild: convert_open: memory allocation",
+        "TimeFinder_rebuild: Memory allocation failure at line 2329",
+        "TimeFinder_rebuild: Cannot map raw device /dev/qz/rdmp/p00A1 to block device",
+        "TimeFinder_rebuild: Cannot map raw device /dev/rdsk/c1t0d0 to block device",
+        "dg_insert: Memory allocation failure at line 319",
+        "dg_insert: Memory allocation failure at line 334",
+    };
+    EXPECT_EQ(seen, expected);
+    EXPECT_EQ(rebuild(text), 0);
+}
+
+TEST_F(Rebuild, device_that_cannot_be_mapped_is_an_operation_failure) {
+    const std::string text = known_pair();
+    for (int n = 1; n < 40; ++n) {
+        test::fail_allocation(n);
+        static_cast<void>(rebuild(text));
+        test::no_more_faults();
+        if (std::string(errmsg).find("Cannot map") == std::string::npos) continue;
+        EXPECT_EQ(errnum, 3);
+        EXPECT_EQ(h->pminfo_list, nullptr);
+        return;
+    }
+    FAIL() << "no allocation made the mapping fail";
+}
+
+TEST_F(Rebuild, failed_listing_is_the_result_and_the_object_counts_all_the_same) {
+    const std::string text = "HDEF-keep_fi=1\n";
+    for (int n = 1; n < 40 && errnum == 0; ++n) {
+        if (n <= 4) continue;  // both records and the table
+        total_freeze_volumes = 0;
+        test::fail_allocation(n);
+        const int32_t status = rebuild(text);
+        test::no_more_faults();
+        if (status == 0) continue;
+        expect_failure(1, "dg_insert: Memory allocation failure at line 319");
+        EXPECT_EQ(total_freeze_volumes, 1);
+        return;
+    }
+    FAIL() << "no allocation made the listing fail";
+}
+
+TEST_F(Rebuild, two_objects_of_a_group_share_its_entry) {
+    ASSERT_EQ(rebuild("HDEF-is_vol=1\nHDEF-vol_group=datadg\nHDEF-vol_name=vola\n"), 0);
+    hdef *first = h;
+    ASSERT_EQ(rebuild("HDEF-is_vol=1\nHDEF-vol_group=datadg\nHDEF-vol_name=volb\n"), 0);
+    ASSERT_NE(DG_LIST, nullptr);
+    EXPECT_EQ(DG_LIST->next, nullptr);
+    EXPECT_EQ(DG_LIST->vol_count, 2);
+    EXPECT_EQ(DG_LIST->members->h, h);
+    EXPECT_EQ(DG_LIST->members->next->h, first);
+    EXPECT_EQ(total_freeze_volumes, 2);
+}
+
+// The clone block.
+
+TEST_F(Rebuild, clone_lines_go_into_a_fresh_file_and_the_stale_one_is_deleted) {
+    test::write_file("/tmp/EMCTXstale", "old");
+    ASSERT_EQ(rebuild("HDEF-CLONE_INFO_FILE=START\nTRANSFER_FILE=/tmp/EMCTXstale\n"
+                      "first line\n\nHDEF-keep_fi=1\nPRIM_MIR_INFO=NEXT\n"
+                      "HDEF-CLONE_INFO_FILE=START\nlast = line\nHDEF-CLONE_INFO_FILE=END\n"
+                      "HDEF-dgimport=0\n"),
+              0);
+    EXPECT_FALSE(test::exists("/tmp/EMCTXstale"));
+    EXPECT_STRNE(h->transfer_file, "/tmp/EMCTXstale");
+    EXPECT_EQ(test::read_file(h->transfer_file),
+              "first line\n\nHDEF-keep_fi=1\nPRIM_MIR_INFO=NEXT\nlast = line\n");
+    EXPECT_EQ(h->keep_fi, 0);
+    EXPECT_EQ(h->pminfo_list, nullptr);
+}
+
+TEST_F(Rebuild, stale_name_of_a_folder_is_not_removed_as_one) {
+    test::make_folders("/var/stale_folder");
+    ASSERT_EQ(rebuild("HDEF-CLONE_INFO_FILE=START\nTRANSFER_FILE=/var/stale_folder\n"
+                      "HDEF-CLONE_INFO_FILE=END\n"),
+              0);
+    EXPECT_TRUE(test::exists("/var/stale_folder"));
+}
+
+TEST_F(Rebuild, line_like_a_transfer_name_outside_the_block_is_only_an_unknown_key) {
+    test::write_file("/tmp/EMCTXstale", "old");
+    EXPECT_EQ(rebuild("TRANSFER_FILE=/tmp/EMCTXstale\n"), 0);
+    EXPECT_TRUE(test::exists("/tmp/EMCTXstale"));
+    unlink("/tmp/EMCTXstale");
+}
+
+TEST_F(Rebuild, line_in_a_second_block_is_a_failed_write_and_a_second_end_is_ignored) {
+    EXPECT_EQ(rebuild("HDEF-CLONE_INFO_FILE=START\na\nHDEF-CLONE_INFO_FILE=END\n"
+                      "HDEF-CLONE_INFO_FILE=END\nHDEF-CLONE_INFO_FILE=START\n"
+                      "HDEF-CLONE_INFO_FILE=END\n"),
+              0);
+    expect_no_failure();
+    EXPECT_EQ(rebuild("HDEF-CLONE_INFO_FILE=START\na\nHDEF-CLONE_INFO_FILE=END\n"
+                      "HDEF-CLONE_INFO_FILE=START\nb\nHDEF-CLONE_INFO_FILE=END\n"),
+              11);
+    expect_failure(1, "TimeFinder_rebuild: Memory allocation failure at line 2315");
+    EXPECT_EQ(test::read_file(h->transfer_file), "a\n");
+    EXPECT_EQ(total_freeze_volumes, 1);
+}
+
+TEST_F(Rebuild, clone_line_that_the_disk_does_not_take_names_line_2315) {
+    const auto before = signal(SIGXFSZ, SIG_IGN);
+    rlimit limit = {};
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &limit), 0);
+    const rlimit small = {4, limit.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
+    const int32_t status = rebuild("HDEF-CLONE_INFO_FILE=START\nabc\ndef\n");
+    setrlimit(RLIMIT_FSIZE, &limit);
+    signal(SIGXFSZ, before);
+    EXPECT_EQ(status, 11);
+    expect_failure(1, "TimeFinder_rebuild: Memory allocation failure at line 2315");
+}
+
+// The mirror's path.
+
+TEST_F(Rebuild, mirror_is_shown_under_the_path_of_the_array) {
+    ASSERT_EQ(rebuild(known_pair()), 0);
+    const prim_mir_info *pm = h->pminfo_list;
+    EXPECT_STREQ(pm->bcv_pdevname, "/dev/rdsk/c1t0d0");
+    EXPECT_STREQ(pm->bcv_raw_device, "/dev/rdsk/c1t0d0");
+    EXPECT_STRNE(pm->bcv_block_device, "");
+    EXPECT_STREQ(pm->dev_block_device, "/dev/qz/dmp/p00A1");
+    EXPECT_EQ(pm->issplit, 1);
+    EXPECT_EQ(pm->sync_at_end, 1);
+    EXPECT_EQ(whole_log(),
+              "\tpdevname=/dev/rdsk/c1t0d0\n"
+              "TimeFinder_rebuild: BCV <--> SYMID: /dev/rdsk/c1t0d0 : 01A1\n"
+              "TimeFinder_rebuild: block: /dev/qz/dmp/p00A1, raw: /dev/qz/rdmp/p00A1\n");
+    EXPECT_EQ(array.calls, test::Lines{"SymDevShow 000184500123 01A1"});
+}
+
+TEST_F(Rebuild, traces_are_written_at_level_2_only) {
+    set_level(1);
+    ASSERT_EQ(rebuild(known_pair()), 0);
+    EXPECT_EQ(whole_log(), "");
+}
+
+TEST_F(Rebuild, mirror_that_the_array_does_not_show_fails_the_rebuild) {
+    const std::string text = known_pair();
+    array.script("SymDevShow", {77});
+    EXPECT_EQ(rebuild(text), 11);
+    expect_failure(3,
+                   "TimeFinder_rebuild: SymAPI call to SymDevShow on device 01A1 failed with code "
+                   "77 (array error 77)");
+    EXPECT_NE(h, nullptr);
+    EXPECT_EQ(h->pminfo_list, nullptr);
+    EXPECT_EQ(total_freeze_volumes, 0);
+    EXPECT_FALSE(is_listed(h));
+}
+
+TEST_F(Rebuild, first_alternate_port_of_a_disk_that_works_is_taken) {
+    const std::string text = known_pair();
+    SymDevice &bcv = array.device(symid, "01A1").record;
+    test::write_file("/dev/rdsk/works", "");
+    test::write_file("/dev/sdc", "");
+    test::write_file("/dev/sdd", "");
+    bcv.port_count = 5;
+    tf::put(bcv.ports[0], "/dev/rdsk/works");
+    tf::put(bcv.ports[1], "");
+    tf::put(bcv.ports[2], "/dev/sdb");
+    tf::put(bcv.ports[3], "/dev/sdc");
+    tf::put(bcv.ports[4], "/dev/sdd");
+    ASSERT_EQ(rebuild(text), 0);
+    EXPECT_STREQ(h->pminfo_list->bcv_raw_device, "/dev/sdc");
+    EXPECT_STREQ(h->pminfo_list->bcv_pdevname, "/dev/sdc");
+    EXPECT_EQ(whole_log().substr(0, whole_log().find("TimeFinder")),
+              "\talternate port=/dev/rdsk/works\n"
+              "\talternate port=/dev/sdb\n"
+              "WARN: path /dev/sdb is down; errno=2 (No such file or directory)\n"
+              "\talternate port=/dev/sdc\n"
+              "\tpdevname=/dev/sdc\n");
+}
+
+TEST_F(Rebuild, multipathing_node_becomes_the_disks_node_before_it_is_logged) {
+    ASSERT_EQ(rebuild(known_pair("00A1", "01A1", "/dev/qz/rdmp/sdc")), 0);
+    EXPECT_STREQ(h->pminfo_list->bcv_raw_device, "/dev/sdc");
+    EXPECT_TRUE(logged("\tpdevname=/dev/sdc"));
+}
+
+TEST_F(Rebuild, multipathing_node_without_an_s_stays) {
+    ASSERT_EQ(rebuild(known_pair("00A1", "01A1", "/dev/qz/rdmp/c1t0")), 0);
+    EXPECT_STREQ(h->pminfo_list->bcv_raw_device, "/dev/qz/rdmp/c1t0");
+}
+
+TEST_F(Rebuild, mirror_that_this_host_does_not_see_gets_a_placeholder) {
+    ASSERT_EQ(rebuild(known_pair("00A1", "01A1", "")), 0);
+    EXPECT_STREQ(h->pminfo_list->bcv_raw_device, "/dev/rdsk/cXtXdX");
+    EXPECT_STREQ(h->pminfo_list->bcv_pdevname, "/dev/rdsk/cXtXdX");
+    EXPECT_TRUE(logged("\tpdevname="));
+}
+
+// The alternate backup host.
+
+TEST_F(Rebuild, primary_disk_visible_on_the_alternate_host_is_refused) {
+    const std::string text = imported_target() + known_pair();
+    tf::put(array.device(symid, "00A1").record.pdevname, "/dev/rdsk/c0t0d0");
+    EXPECT_EQ(rebuild(text), 11);
+    expect_failure(7,
+                   "TimeFinder_rebuild: Primary disk /dev/qz/rdmp/p00A1 <00A1> is visible on "
+                   "alternate backup client. disk group import method can not be used.");
+    EXPECT_EQ(array.calls, test::Lines{"SymDevShow 000184500123 00A1"});
+    EXPECT_EQ(commands(), test::Lines{});
+    EXPECT_EQ(total_freeze_volumes, 0);
+}
+
+TEST_F(Rebuild, failing_look_at_the_primary_is_ignored) {
+    const std::string text = imported_target() + known_pair();
+    array.script("SymDevShow", {77});
+    EXPECT_EQ(rebuild(text), 0);
+    expect_no_failure();
+    EXPECT_EQ(array.calls,
+              (test::Lines{"SymDevShow 000184500123 00A1", "SymDevShow 000184500123 01A1"}));
+}
+
+TEST_F(Rebuild, visible_primary_matters_only_with_import_and_target_together) {
+    const std::string pair = known_pair();
+    tf::put(array.device(symid, "00A1").record.pdevname, "/dev/rdsk/c0t0d0");
+    EXPECT_EQ(rebuild("HDEF-dgimport=1\n" + pair), 0);
+    EXPECT_EQ(rebuild("HDEF-is_tgt=1\n" + pair), 0);
+    EXPECT_EQ(commands(), test::Lines{});
+}
+
+// The line must stand before the first record's end.
+TEST_F(Rebuild, target_line_counts_only_for_the_records_behind_it) {
+    const std::string first = known_pair();
+    const std::string second = known_pair("00A2", "01A2", "/dev/rdsk/c1t0d1");
+    EXPECT_EQ(rebuild("HDEF-dgimport=1\n" + first + "HDEF-is_tgt=1\n" + second), 0);
+    EXPECT_EQ(commands(),
+              (test::Lines{"/usr/sbin/qzdisk list c1t0d1", "/usr/sbin/qzdisk online c1t0d1"}));
+}
+
+TEST_F(Rebuild, disk_that_the_volume_manager_knows_is_only_put_online) {
+    ASSERT_EQ(rebuild(imported_target() + known_pair()), 0);
+    EXPECT_EQ(commands(),
+              (test::Lines{"/usr/sbin/qzdisk list c1t0d0", "/usr/sbin/qzdisk online c1t0d0"}));
+}
+
+TEST_F(Rebuild, unknown_disk_is_defined_and_failures_of_both_commands_are_ignored) {
+    for (const int n : {1, 2, 3}) test::RecordedCommands::fail(n);
+    ASSERT_EQ(rebuild(imported_target() + known_pair()), 0);
+    EXPECT_EQ(commands(),
+              (test::Lines{"/usr/sbin/qzdisk list c1t0d0", "/usr/sbin/qzdisk define c1t0d0",
+                           "/usr/sbin/qzdisk online c1t0d0"}));
+    EXPECT_TRUE(is_listed(h));
+}
+
+TEST_F(Rebuild, placeholder_and_short_path_are_cut_after_ten_characters) {
+    ASSERT_EQ(rebuild(imported_target() + known_pair("00A1", "01A1", "")), 0);
+    ASSERT_EQ(rebuild(imported_target() + known_pair("00A2", "01A2", "/dev/sdc")), 0);
+    EXPECT_EQ(commands(),
+              (test::Lines{"/usr/sbin/qzdisk list cXtXdX", "/usr/sbin/qzdisk online cXtXdX",
+                           "/usr/sbin/qzdisk list", "/usr/sbin/qzdisk online"}));
+    EXPECT_STREQ(h->pminfo_list->bcv_raw_device, "/dev/sdc");
+}
+
+// Locks.
+
+TEST_F(Rebuild, primary_host_takes_the_recorded_locks_again) {
+    recorded.install_device_tool("SN00000077");
+    const std::string first = known_pair();
+    array.add_bcv(symid, "01A2", "/dev/rdsk/c1t0d1");
+    array.add_bcv(symid, "01A3", "/dev/rdsk/c1t0d2");
+    ASSERT_EQ(rebuild(first + pair_lines("00A2", "01A2", 1) + pair_lines("00A3", "01A3", 2)), 0);
+    EXPECT_EQ(commands(),
+              (test::Lines{"/usr/quill/tessera/bin/tqtpcinfo -f -p /dev/qz/rdmp/p00A2 -o -",
+                           "/usr/quill/tessera/bin/tqtpcinfo -f -p /dev/qz/rdmp/p00A3 -o -"}));
+    const char counter_file[] = "/usr/quill/tessera/online_util/db_cntl/__LOCKFILE_SN00000000";
+    const std::string counter = test::read_file(counter_file);
+    ASSERT_EQ(counter.size(), 12U);
+    EXPECT_EQ(counter[4], 2);
+    EXPECT_STREQ(h->pminfo_list->p_dev_raw_device, "/dev/qz/rdmp/p00A1");
+    EXPECT_STREQ(h->pminfo_list->next->lock_file, counter_file);
+    EXPECT_EQ(h->pminfo_list->next->lock_set, 1);
+    EXPECT_EQ(h->pminfo_list->next->issplit, 0);
+    EXPECT_EQ(h->pminfo_list->next->next->issplit, 1);
+    unlink(counter_file);
+}
+
+TEST_F(Rebuild, lock_that_another_process_holds_fails_the_rebuild) {
+    recorded.install_device_tool("SN00000077");
+    const int32_t other[3] = {1, 1, 1};
+    test::write_file("/usr/quill/tessera/online_util/db_cntl/__LOCKFILE_SN00000000",
+                     std::string(reinterpret_cast<const char *>(other), sizeof other));
+    array.add_bcv(symid, "01A1", "/dev/rdsk/c1t0d0");
+    EXPECT_EQ(rebuild(pair_lines("00A1", "01A1", 1)), 11);
+    expect_failure(3, "TimeFinder_rebuild: Cannot get lock on device: /dev/qz/rdmp/p00A1");
+    EXPECT_FALSE(is_listed(h));
+    EXPECT_EQ(h->pminfo_list->lock_set, 1);
+    EXPECT_EQ(total_freeze_volumes, 0);
+    unlink("/usr/quill/tessera/online_util/db_cntl/__LOCKFILE_SN00000000");
+}
+
+TEST_F(Rebuild, alternate_host_takes_no_locks_and_keeps_the_path_of_the_text) {
+    array.add_bcv(symid, "01A1", "/dev/rdsk/c1t0d0");
+    ASSERT_EQ(rebuild(pair_lines("00A1", "01A1", 1) + "HDEF-is_tgt=1\n"), 0);
+    EXPECT_EQ(commands(), test::Lines{});
+    EXPECT_STREQ(h->pminfo_list->p_dev_raw_device, "/dev/emcpowera");
+    EXPECT_FALSE(logged("TimeFinder_rebuild: block: /dev/qz/dmp/p00A1, raw: /dev/qz/rdmp/p00A1"));
+}
+
+// Restore.
+
+TEST_F(Rebuild, restore_without_import_is_refused) {
+    EXPECT_EQ(rebuild("HDEF-restore=1\nHDEF-dgimport=0\n"), 11);
+    expect_failure(7,
+                   "TimeFinder_rebuild: only snapshot created with disk group import enabled can "
+                   "be restored");
+    EXPECT_FALSE(is_listed(h));
+    EXPECT_EQ(total_freeze_volumes, 0);
+    EXPECT_TRUE(test::exists(h->transfer_file));
+}
+
+TEST_F(Rebuild, restore_line_is_looked_at_behind_the_last_line) {
+    EXPECT_EQ(rebuild("HDEF-restore=1\nHDEF-dgimport=1\n"), 0);
+    EXPECT_EQ(h->restore, 1);
+    EXPECT_EQ(rebuild("HDEF-dgimport=1\nHDEF-restore=1\nHDEF-dgimport=0\nHDEF-restore=0\n"), 0);
+}
+
+// The order of the checks behind the text: locks come first.
+TEST_F(Rebuild, refused_restore_has_taken_its_locks) {
+    recorded.install_device_tool("SN00000077");
+    array.add_bcv(symid, "01A1", "/dev/rdsk/c1t0d0");
+    EXPECT_EQ(rebuild("HDEF-restore=1\n" + pair_lines("00A1", "01A1", 1)), 11);
+    EXPECT_EQ(errnum, 7);
+    EXPECT_TRUE(test::exists("/usr/quill/tessera/online_util/db_cntl/__LOCKFILE_SN00000000"));
+    unlink("/usr/quill/tessera/online_util/db_cntl/__LOCKFILE_SN00000000");
+}
+
+double processor_seconds() {
+    timespec now = {};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+}
+
+TEST_F(Rebuild, time_of_2046_pairs_grows_with_their_number) {
+    set_level(-1);
+    array.add_bcv(symid, "01A1", "/dev/rdsk/c1t0d0");
+    const auto best_time = [this](int pairs) {
+        std::string text;
+        for (int i = 0; i < pairs; ++i) text += pair_lines(hex_name(i), "01A1");
+        double best = 1e9;
+        for (int run = 0; run < 5; ++run) {
+            const double start = processor_seconds();
+            EXPECT_EQ(rebuild(text), 0);
+            best = std::min(best, processor_seconds() - start);
+        }
+        return best;
+    };
+    const double few = best_time(256);
+    const double many = best_time(2046);
+    EXPECT_LT(many, few * 8 * 3);  // 64 times as long if it were quadratic
+}
+
+}  // namespace

@@ -1,0 +1,396 @@
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "tests/method/release_fixture.h"
+
+namespace {
+
+class Volumes : public test::Release {
+  protected:
+    int32_t volumes(hdef *h) {
+        memset(path, 'x', sizeof path);
+        path[sizeof path - 1] = '\0';
+        count = -1;
+        return TimeFinder_volumes(h, path, &count);
+    }
+    // A plain device whose mirror nodes exist.
+    hdef *new_mirrored_device(int32_t object_type = TF_OBJECT_RAW_DEVICE) {
+        hdef *h = new_device(object_type);
+        prim_mir_info *pm = add_record(h, "000184500123", "00A1", "01A1", "/dev/qz/rdmp/p0");
+        tf::put(pm->bcv_raw_device, "/dev/qz/rdmp/b0");
+        tf::put(pm->bcv_block_device, "/dev/qz/dmp/b0");
+        pm->dev_raw_uid = 11;
+        pm->dev_raw_gid = 12;
+        pm->dev_blk_uid = 13;
+        pm->dev_blk_gid = 14;
+        test::write_file("/dev/qz/rdmp/b0", "");
+        test::write_file("/dev/qz/dmp/b0", "");
+        return h;
+    }
+    static std::string owners(const char *file) {
+        struct stat status = {};
+        lstat(file, &status);
+        return std::to_string(status.st_uid) + ":" + std::to_string(status.st_gid);
+    }
+    // A listed volume with one pair, cloned by the clone tool.
+    hdef *new_cloned_volume(const char *volume = "vola",
+                            int32_t object_type = TF_OBJECT_RAW_DEVICE) {
+        hdef *h = new_volume(volume, "datadg", object_type);
+        add_record(h, "000184500123", "00A1", "01A1", "/dev/qz/rdmp/p0");
+        return h;
+    }
+    // A volume whose group is brought up already.
+    hdef *new_ready_volume(int32_t object_type) {
+        hdef *h = new_cloned_volume("vola", object_type);
+        tf::put(h->fstype, "ext4");
+        DG_LIST->imported = 1;
+        return h;
+    }
+
+    char path[TF_VOLPATH_SIZE] = {};
+    int32_t count = -1;
+};
+
+TEST_F(Volumes, null_arguments_are_named_in_order) {
+    hdef *h = new_mirrored_device();
+    EXPECT_EQ(TimeFinder_volumes(nullptr, nullptr, nullptr), 11);
+    expect_failure(7, "TimeFinder_volumes: A required parameter is NULL: fih");
+    EXPECT_EQ(TimeFinder_volumes(h, nullptr, nullptr), 11);
+    expect_failure(7, "TimeFinder_volumes: A required parameter is NULL: volpath");
+    EXPECT_EQ(TimeFinder_volumes(h, path, nullptr), 11);
+    expect_failure(7, "TimeFinder_volumes: A required parameter is NULL: nvols");
+}
+
+TEST_F(Volumes, object_without_devices_needs_an_imported_volume) {
+    EXPECT_EQ(volumes(new_volume()), 11);
+    expect_failure(7, "TimeFinder_volumes: No device information");
+    EXPECT_EQ(count, 0);
+    hdef *plain = new_device();
+    plain->dgimport = 1;
+    errnum = 0;
+    EXPECT_EQ(volumes(plain), 11);
+    expect_failure(7, "TimeFinder_volumes: No device information");
+    EXPECT_TRUE(has_capture_files(plain));
+    EXPECT_EQ(volumes(new_imported_volume("volb", "otherdg")), 0);
+}
+
+TEST_F(Volumes, plain_raw_device_hands_the_mirror_out_with_the_primarys_owners) {
+    hdef *h = new_mirrored_device();
+    give_transfer_file(h, "/tmp/EMCTXtest");
+    ASSERT_EQ(volumes(h), 0);
+    EXPECT_STREQ(path, "/dev/qz/rdmp/b0");
+    EXPECT_EQ(count, 0);
+    EXPECT_EQ(owners("/dev/qz/rdmp/b0"), "11:12");
+    EXPECT_EQ(owners("/dev/qz/dmp/b0"), "13:14");
+    EXPECT_EQ(commands(), test::Lines{});
+    EXPECT_TRUE(has_no_capture_files(h));
+    EXPECT_FALSE(test::exists("/tmp/EMCTXtest"));
+    EXPECT_STREQ(h->transfer_file, "");
+    EXPECT_EQ(whole_log(), "");
+}
+
+TEST_F(Volumes, plain_block_device_hands_the_block_path_out) {
+    ASSERT_EQ(volumes(new_mirrored_device(TF_OBJECT_BLOCK_DEVICE)), 0);
+    EXPECT_STREQ(path, "/dev/qz/dmp/b0");
+    EXPECT_EQ(count, 0);
+}
+
+TEST_F(Volumes, object_whose_volume_flag_is_another_number_is_a_plain_device) {
+    hdef *h = new_mirrored_device();
+    h->is_vol = 2;
+    ASSERT_EQ(volumes(h), 0);
+    EXPECT_STREQ(path, "/dev/qz/rdmp/b0");
+}
+
+TEST_F(Volumes, site_script_sees_a_plain_device_before_its_owners_change) {
+    test::RecordedCommands::install_site_script();
+    hdef *h = new_mirrored_device();
+    ASSERT_EQ(volumes(h), 0);
+    EXPECT_EQ(commands(), test::Lines{"/usr/quill/tessera/bin/tqdgclone_script RAW /dev/qz/rdmp/b0 "
+                                      "/dev/qz/dmp/b0"});
+    test::RecordedCommands::fail(2);
+    h->pminfo_list->dev_raw_uid = 99;
+    give_transfer_file(h, "/tmp/EMCTXtest");
+    EXPECT_EQ(volumes(h), 11);
+    EXPECT_EQ(owners("/dev/qz/rdmp/b0"), "11:12");
+    EXPECT_EQ(path[0], 'x');
+    EXPECT_TRUE(has_capture_files(h));
+    EXPECT_TRUE(test::exists("/tmp/EMCTXtest"));
+}
+
+TEST_F(Volumes, failed_owner_change_of_the_raw_path_still_changes_the_block_path) {
+    hdef *h = new_mirrored_device();
+    unlink("/dev/qz/rdmp/b0");
+    EXPECT_EQ(volumes(h), 11);
+    expect_failure(3,
+                   "set_owner_ids: Cannot chown /dev/qz/rdmp/b0 to uid=11, gid=12: "
+                   "No such file or directory");
+    EXPECT_EQ(owners("/dev/qz/dmp/b0"), "13:14");
+    EXPECT_EQ(path[0], 'x');
+}
+
+TEST_F(Volumes, failed_owner_change_of_the_block_path_fails_the_call) {
+    hdef *h = new_mirrored_device();
+    unlink("/dev/qz/dmp/b0");
+    EXPECT_EQ(volumes(h), 11);
+    expect_failure(3,
+                   "set_owner_ids: Cannot chown /dev/qz/dmp/b0 to uid=13, gid=14: "
+                   "No such file or directory");
+    EXPECT_EQ(owners("/dev/qz/rdmp/b0"), "11:12");
+}
+
+TEST_F(Volumes, unlisted_disk_group_is_reported) {
+    hdef *h = new_object(TF_OBJECT_RAW_DEVICE);
+    h->is_vol = h->dgimport = 1;
+    tf::put(h->vol_group, "otherdg");
+    EXPECT_EQ(volumes(h), 11);
+    expect_failure(11, "TimeFinder_volumes: otherdg: disk group not listed");
+    EXPECT_STREQ(h->clone_group, "");
+}
+
+TEST_F(Volumes, clone_tool_copies_the_group_on_the_same_host) {
+    hdef *h = new_cloned_volume();
+    give_transfer_file(h, "/tmp/EMCTXtest");
+    ASSERT_EQ(volumes(h), 0);
+    EXPECT_EQ(commands(), test::Lines{"/usr/quill/tessera/bin/tqdgclone -g datadg -n vola "
+                                      "-d /dev/qz/rdmp/p0,/dev/rdsk/01A1 -p DEFAULT"});
+    EXPECT_STREQ(path, "/dev/qz/rdsk/datadg_clone/vola");
+    EXPECT_STREQ(h->clone_group, "datadg_clone");
+    EXPECT_EQ(count, 1);
+    EXPECT_EQ(DG_LIST->imported, 1);
+    EXPECT_FALSE(test::exists("/tmp/EMCTXtest"));
+    EXPECT_TRUE(has_no_capture_files(h));
+}
+
+TEST_F(Volumes, clone_tool_on_the_backup_host_reads_the_transfer_file) {
+    hdef *h = new_cloned_volume("vola", TF_OBJECT_BLOCK_DEVICE);
+    new_volume("volb");
+    h->is_rebuilt = 1;
+    give_transfer_file(h, "/tmp/EMCTXtest");
+    ASSERT_EQ(volumes(h), 0);
+    EXPECT_EQ(commands(),
+              test::Lines{"/usr/quill/tessera/bin/tqdgclone -g datadg -n volb,vola "
+                          "-d /dev/qz/rdmp/p0,/dev/rdsk/01A1 -i /tmp/EMCTXtest -r client1"});
+    EXPECT_STREQ(path, "/dev/qz/dsk/client1_datadg_clone/vola");
+    EXPECT_STREQ(h->clone_group, "client1_datadg_clone");
+}
+
+TEST_F(Volumes, failed_clone_tool_empties_the_clone_name) {
+    hdef *h = new_cloned_volume();
+    give_transfer_file(h, "/tmp/EMCTXtest");
+    test::RecordedCommands::fail(1);
+    EXPECT_EQ(volumes(h), 11);
+    expect_failure(3, failed_command(h,
+                                     "/usr/quill/tessera/bin/tqdgclone -g datadg -n vola "
+                                     "-d /dev/qz/rdmp/p0,/dev/rdsk/01A1 -p DEFAULT"));
+    EXPECT_STREQ(h->clone_group, "");
+    EXPECT_EQ(DG_LIST->imported, 0);
+    EXPECT_EQ(count, 0);
+    EXPECT_EQ(path[0], 'x');
+    EXPECT_TRUE(has_capture_files(h));
+    EXPECT_TRUE(test::exists("/tmp/EMCTXtest"));
+}
+
+TEST_F(Volumes, failed_lists_empty_the_clone_name_and_are_passed_on) {
+    hdef *h = new_cloned_volume();
+    test::fail_allocation(1);
+    EXPECT_EQ(volumes(h), 11);
+    expect_failure(1, "get_dg_vols: Memory allocation failure at line 372");
+    EXPECT_STREQ(h->clone_group, "");
+    test::fail_allocation(2);
+    EXPECT_EQ(volumes(h), 11);
+    expect_failure(1, "get_device_list: Memory allocation failure at line 1444");
+    EXPECT_STREQ(h->clone_group, "");
+    EXPECT_EQ(commands(), test::Lines{});
+}
+
+TEST_F(Volumes, import_brings_the_mirrors_group_up_under_the_clone_name) {
+    hdef *h = new_imported_volume();
+    h->is_rebuilt = 1;
+    ASSERT_EQ(volumes(h), 0);
+    EXPECT_EQ(commands(), (test::Lines{"/usr/sbin/qzdg -C -n client1_datadg_clone import datadg",
+                                       "/usr/sbin/qzvol -g client1_datadg_clone startall"}));
+    EXPECT_STREQ(path, "/dev/qz/rdsk/client1_datadg_clone/vola");
+    EXPECT_EQ(count, 1);
+}
+
+TEST_F(Volumes, failed_import_enables_the_daemon_and_is_tried_once_more) {
+    test::RecordedCommands::fail(1);
+    test::RecordedCommands::fail(2);  // a failed "enable" changes nothing
+    ASSERT_EQ(volumes(new_imported_volume()), 0);
+    EXPECT_EQ(commands(), (test::Lines{"/usr/sbin/qzdg -C -n datadg_clone import datadg",
+                                       "/usr/sbin/qzdctl enable",
+                                       "/usr/sbin/qzdg -C -n datadg_clone import datadg",
+                                       "/usr/sbin/qzvol -g datadg_clone startall"}));
+    EXPECT_EQ(DG_LIST->imported, 1);
+}
+
+TEST_F(Volumes, second_failed_import_fails_the_call) {
+    test::RecordedCommands::fail(1);
+    test::RecordedCommands::fail(3);
+    hdef *h = new_imported_volume();
+    EXPECT_EQ(volumes(h), 11);
+    expect_failure(3, failed_command(h, "/usr/sbin/qzdg -C -n datadg_clone import datadg"));
+    EXPECT_EQ(commands().size(), 3U);
+    EXPECT_STREQ(h->clone_group, "");
+    EXPECT_EQ(DG_LIST->imported, 0);
+    EXPECT_EQ(count, 0);
+}
+
+TEST_F(Volumes, failed_start_of_the_volumes_fails_the_call) {
+    test::RecordedCommands::fail(2);
+    hdef *h = new_imported_volume();
+    EXPECT_EQ(volumes(h), 11);
+    expect_failure(3, failed_command(h, "/usr/sbin/qzvol -g datadg_clone startall"));
+    EXPECT_STREQ(h->clone_group, "");
+    EXPECT_EQ(DG_LIST->imported, 0);
+}
+
+TEST_F(Volumes, group_is_brought_up_once_for_all_its_objects) {
+    hdef *second = new_imported_volume("volb");
+    ASSERT_EQ(volumes(new_imported_volume("vola")), 0);
+    const test::Lines first = commands();
+    ASSERT_EQ(volumes(second), 0);
+    EXPECT_EQ(commands(), first);
+    EXPECT_STREQ(path, "/dev/qz/rdsk/datadg_clone/volb");
+    EXPECT_EQ(count, 1);
+    test::RecordedCommands::install_site_script();
+    ASSERT_EQ(volumes(second), 0);
+    EXPECT_EQ(commands().back(),
+              "/usr/quill/tessera/bin/tqdgclone_script QzVM datadg datadg_clone volb");
+    EXPECT_EQ(commands().size(), first.size() + 1);
+}
+
+TEST_F(Volumes, failed_site_script_of_a_volume_keeps_the_group_up) {
+    test::RecordedCommands::install_site_script();
+    test::RecordedCommands::fail(3);
+    hdef *h = new_imported_volume();
+    EXPECT_EQ(volumes(h), 11);
+    expect_failure(3, failed_command(h,
+                                     "/usr/quill/tessera/bin/tqdgclone_script QzVM datadg "
+                                     "datadg_clone vola"));
+    EXPECT_EQ(DG_LIST->imported, 1);
+    EXPECT_STREQ(h->clone_group, "datadg_clone");
+    EXPECT_EQ(count, 0);
+}
+
+TEST_F(Volumes, file_system_is_checked_on_the_raw_and_mounted_from_the_block_device) {
+    hdef *h = new_ready_volume(TF_OBJECT_FILE_SYSTEM);
+    give_transfer_file(h, "/tmp/EMCTXtest");
+    ASSERT_EQ(volumes(h), 0);
+    EXPECT_EQ(test::fake_host().calls,
+              (test::Lines{"fsck /dev/qz/rdsk/datadg_clone/vola ext4 0",
+                           "mount /dev/qz/dsk/datadg_clone/vola /mnt/copy ext4 0"}));
+    EXPECT_STREQ(path, "/dev/qz/rdsk/datadg_clone/vola");
+    EXPECT_EQ(h->is_mount, 1);
+    EXPECT_EQ(count, 1);
+    EXPECT_EQ(whole_log(), "mount the file system\n");
+    EXPECT_TRUE(has_no_capture_files(h));
+    EXPECT_FALSE(test::exists("/tmp/EMCTXtest"));
+}
+
+TEST_F(Volumes, file_system_on_a_plain_device_is_mounted_from_the_mirror) {
+    hdef *h = new_mirrored_device(TF_OBJECT_FILE_SYSTEM);
+    tf::put(h->fstype, "ext4");
+    ASSERT_EQ(volumes(h), 0);
+    EXPECT_EQ(test::fake_host().calls, (test::Lines{"fsck /dev/qz/rdmp/b0 ext4 0",
+                                                    "mount /dev/qz/dmp/b0 /mnt/copy ext4 0"}));
+    EXPECT_EQ(count, 0);
+}
+
+TEST_F(Volumes, commands_write_into_the_capture_files_which_start_empty) {
+    hdef *h = new_ready_volume(TF_OBJECT_FILE_SYSTEM);
+    test::write_file(h->out_file, "old output", 0600);
+    std::string seen;
+    test::fake_host().on_command = [&](const std::string &, const Q_sys_cmd_exec_options &options) {
+        struct stat status = {};
+        fstat(options.out_fd, &status);
+        seen +=
+            std::to_string(status.st_size) + " " + std::to_string(status.st_mode & 07777U) + ";";
+        EXPECT_EQ(write(options.out_fd, "out\n", 4), 4);
+        EXPECT_EQ(write(options.err_fd, "err\n", 4), 4);
+    };
+    ASSERT_EQ(volumes(h), 0);
+    EXPECT_EQ(seen, "0 384;0 384;");
+}
+
+TEST_F(Volumes, failed_check_is_reported_and_dumped_and_still_hands_the_raw_path_out) {
+    hdef *h = new_ready_volume(TF_OBJECT_FILE_SYSTEM);
+    give_transfer_file(h, "/tmp/EMCTXtest");
+    test::fake_host().fsck_result = -4;
+    test::fake_host().fsck_exit = 5;
+    test::fake_host().on_command = [](const std::string &, const Q_sys_cmd_exec_options &options) {
+        EXPECT_EQ(write(options.out_fd, "pass 1\n", 7), 7);
+        EXPECT_EQ(write(options.err_fd, "broken\n", 7), 7);
+    };
+    EXPECT_EQ(volumes(h), 11);
+    const std::string message =
+        "TimeFinder_volumes: Q_fsck(/dev/qz/rdsk/datadg_clone/vola, ext4) failed with status=-4, "
+        "exit_status=5(Input/output error)";
+    expect_failure(3, message);
+    const std::string out = h->out_file;
+    const std::string err = h->err_file;
+    EXPECT_EQ(whole_log(), message + "\n--- Dumping file " + out + " (stdout):\n    pass 1\n" +
+                               "--- End of file " + out + "\n--- Dumping file " + err +
+                               " (stderr):\n    broken\n--- End of file " + err + "\n");
+    EXPECT_EQ(test::fake_host().calls.size(), 1U);
+    EXPECT_STREQ(path, "/dev/qz/rdsk/datadg_clone/vola");
+    EXPECT_EQ(h->is_mount, 0);
+    EXPECT_EQ(count, 1);
+    EXPECT_TRUE(has_no_capture_files(h));
+    EXPECT_TRUE(test::exists("/tmp/EMCTXtest"));
+    EXPECT_STREQ(h->transfer_file, "/tmp/EMCTXtest");
+}
+
+TEST_F(Volumes, failed_mount_is_reported_and_dumped) {
+    hdef *h = new_ready_volume(TF_OBJECT_FILE_SYSTEM);
+    give_transfer_file(h, "/tmp/EMCTXtest");
+    test::fake_host().mount_result = 1;
+    test::fake_host().mount_exit = 32;
+    EXPECT_EQ(volumes(h), 11);
+    const std::string message =
+        "TimeFinder_volumes: Q_mount() failed with status=1, exit_status=32(Broken pipe)";
+    expect_failure(3, message);
+    EXPECT_TRUE(whole_log().starts_with("mount the file system\n" + message +
+                                        "\n--- Dumping file " + h->out_file + " (stdout):\n"));
+    EXPECT_TRUE(whole_log().ends_with("--- End of file " + std::string(h->err_file) + "\n"));
+    EXPECT_EQ(h->is_mount, 0);
+    EXPECT_STREQ(path, "/dev/qz/rdsk/datadg_clone/vola");
+    EXPECT_TRUE(has_no_capture_files(h));
+    EXPECT_TRUE(test::exists("/tmp/EMCTXtest"));
+}
+
+TEST_F(Volumes, stream_that_cannot_be_opened_is_absent_and_the_command_runs) {
+    hdef *h = new_ready_volume(TF_OBJECT_FILE_SYSTEM);
+    unlink(h->out_file);
+    test::make_folders(h->out_file);
+    int out_fd = 0;
+    test::fake_host().on_command = [&](const std::string &, const Q_sys_cmd_exec_options &options) {
+        out_fd = options.out_fd;
+    };
+    EXPECT_EQ(volumes(h), 0);
+    EXPECT_EQ(out_fd, -1);
+    rmdir(h->out_file);
+}
+
+TEST_F(Volumes, unknown_kind_of_object_is_reported_and_cleans_up) {
+    hdef *h = new_ready_volume(4);
+    give_transfer_file(h, "/tmp/EMCTXtest");
+    EXPECT_EQ(volumes(h), 11);
+    expect_failure(13, "TimeFinder_volumes: Unknown snapshot source type: 4");
+    EXPECT_EQ(path[0], 'x');
+    EXPECT_EQ(count, 1);
+    EXPECT_TRUE(has_no_capture_files(h));
+    EXPECT_TRUE(test::exists("/tmp/EMCTXtest"));
+}
+
+TEST_F(Volumes, capture_files_stay_unless_both_names_are_set) {
+    hdef *h = new_mirrored_device();
+    char *const out_file = h->out_file;
+    h->out_file = nullptr;
+    ASSERT_EQ(volumes(h), 0);
+    EXPECT_TRUE(test::exists(h->err_file));
+    h->out_file = out_file;
+}
+
+}  // namespace
