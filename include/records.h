@@ -83,13 +83,13 @@ typedef struct dg_member {
 
 /* One disk group that objects of this process live in. */
 typedef struct dg_entry {
-    int32_t cloned;              /* the clone step of the checkpoint has run */
-    int32_t imported;            /* the copy's group has been brought up on this host */
-    int32_t thaw_count;          /* thaws so far; the one that reaches vol_count deports */
-    int32_t restore_count;       /* restores so far; likewise */
-    int32_t vol_count;           /* members whose is_vol is set */
+    int32_t cloned;        /* the clone step of the checkpoint has run */
+    int32_t imported;      /* the copy's group has been brought up on this host */
+    int32_t thaw_count;    /* thaws so far; the one that reaches vol_count deports */
+    int32_t restore_count; /* restores so far; likewise */
+    int32_t vol_count;     /* members whose is_vol is set */
     char dg_name[TF_PATH_SIZE];
-    struct dg_member *members;   /* newest first */
+    struct dg_member *members; /* newest first */
     struct dg_entry *next;
 } dg_entry;
 

@@ -36,14 +36,14 @@ enum { SYM_INIT_OPTIONS_VERSION = 106 };
 
 /* One BCV that the array associates with a standard device. */
 typedef struct SymBcvInfo {
-    char dev_serial_id[SYM_SYMID_SIZE];          /* array of the standard device */
-    char dev_sym_devname[SYM_DEVNAME_SIZE];      /* standard device */
-    char dev_dgname[SYM_GROUP_SIZE];             /* group of the standard device */
-    char bcvdev_serial_id[SYM_SYMID_SIZE];       /* array of the BCV */
-    char bcvdev_sym_devname[SYM_DEVNAME_SIZE];   /* BCV */
-    char bcvdev_dgname[SYM_GROUP_SIZE];          /* group of the BCV */
-    long bcv_pair_state;                         /* 1 synchronising, 2 synchronised, 3 splitting,
-                                                    5 split, 7 restoring, 8 restored */
+    char dev_serial_id[SYM_SYMID_SIZE];        /* array of the standard device */
+    char dev_sym_devname[SYM_DEVNAME_SIZE];    /* standard device */
+    char dev_dgname[SYM_GROUP_SIZE];           /* group of the standard device */
+    char bcvdev_serial_id[SYM_SYMID_SIZE];     /* array of the BCV */
+    char bcvdev_sym_devname[SYM_DEVNAME_SIZE]; /* BCV */
+    char bcvdev_dgname[SYM_GROUP_SIZE];        /* group of the BCV */
+    long bcv_pair_state;                       /* 1 synchronising, 2 synchronised, 3 splitting,
+                                                  5 split, 7 restoring, 8 restored */
 } SymBcvInfo;
 
 /* One device of an array as one host sees it. */
@@ -52,16 +52,16 @@ typedef struct SymDevice {
     char symid[SYM_SYMID_SIZE];
     char device_serial_id[SYM_DEVNAME_SIZE];
     char sym_devname[SYM_DEVNAME_SIZE];
-    char pdevname[SYM_PDEV_SIZE];                /* host path; "" when this host does not see it */
+    char pdevname[SYM_PDEV_SIZE]; /* host path; "" when this host does not see it */
     char dgname[SYM_GROUP_SIZE], ldevname[SYM_GROUP_SIZE];
     int32_t bcv_count;
-    SymBcvInfo bcvs[SYM_MAX_BCVS];               /* in the array's order */
+    SymBcvInfo bcvs[SYM_MAX_BCVS]; /* in the array's order */
     int32_t port_count;
-    char ports[SYM_MAX_PORTS][SYM_PDEV_SIZE];    /* alternate host paths */
+    char ports[SYM_MAX_PORTS][SYM_PDEV_SIZE]; /* alternate host paths */
 } SymDevice;
 
 typedef struct SymInitOptions {
-    int32_t version;                             /* SYM_INIT_OPTIONS_VERSION */
+    int32_t version; /* SYM_INIT_OPTIONS_VERSION */
     int32_t reserved[15];
 } SymInitOptions;
 
@@ -82,7 +82,8 @@ int SymApiPatch(const char **text);
 const char *SymPerror(int32_t session, int code);
 const char *SymErrorSymbol(int code);
 int SymPrefsSet(int32_t session, int preference, int value);
-/* A device by its host path, or by array and device name. The whole record is written on success. */
+/* A device by its host path, or by array and device name. The whole record is written on success.
+ */
 int SymPdevShow(int32_t session, const char *pdevname, SymDevice *device);
 int SymDevShow(int32_t session, const char *symid, const char *sym_devname, SymDevice *device);
 /* Refreshes what the database knows of a device. */

@@ -8,9 +8,9 @@
  * the buffers given there. docs/messages.md lists the numbers and the messages.
  *
  * Order: TimeFinder_init first; TimeFinder_set_locale and TimeFinder_set_logf before any snapshot
- * work; for each object TimeFinder_freeze, for the process TimeFinder_freeze_commit, TimeFinder_ckpt
- * to keep the state; in a later process TimeFinder_rebuild, TimeFinder_volumes, TimeFinder_thaw,
- * TimeFinder_thaw_commit.
+ * work; for each object TimeFinder_freeze, for the process TimeFinder_freeze_commit,
+ * TimeFinder_ckpt to keep the state; in a later process TimeFinder_rebuild, TimeFinder_volumes,
+ * TimeFinder_thaw, TimeFinder_thaw_commit.
  */
 #ifndef TIMEFINDER_INCLUDE_TIMEFINDER_H
 #define TIMEFINDER_INCLUDE_TIMEFINDER_H

@@ -17,7 +17,7 @@ struct Configuration : testing::Test {
     }
     // The value, or "absent".
     std::string entry(const char *key) {
-        strcpy(value, "untouched");
+        Q_strlcpy(value, "untouched", sizeof value);
         if (read_AD_HOC_config_entry(root, key, value, sizeof value) != 0) {
             EXPECT_STREQ(value, "untouched");
             return "absent";
