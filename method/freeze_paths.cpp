@@ -3,9 +3,9 @@
 
 #include <cstring>
 
+#include "method/device_path.h"
 #include "method/freeze.h"
 #include "method/log.h"
-#include "method/pair_discovery.h"
 #include "method/paths.h"
 #include "method/report.h"
 #include "symapi/symapi_session.h"
@@ -15,21 +15,6 @@ namespace tf {
 namespace {
 
 constexpr char owner_reporter[] = "get_owner_ids";
-
-bool is_usable_native_path(const char *path) {
-    return strstr(path, path::native_disk) != nullptr && isPathActive(path) != 0;
-}
-
-// The first alternate port that works, or null.
-const char *usable_port(const SymDevice &device) {
-    for (int32_t i = 0; i < device.port_count && i < SYM_MAX_PORTS; ++i) {
-        const char *const port = device.ports[i];
-        if (port[0] == '\0') continue;
-        log_trace("\talternate port=%s", port);
-        if (is_usable_native_path(port)) return port;
-    }
-    return nullptr;
-}
 
 // Puts a native path into dev_raw_device; p_dev_raw_device keeps the multipath name.
 int32_t resolve_multipath(prim_mir_info &pm, bool &path_found) {

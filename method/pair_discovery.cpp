@@ -8,6 +8,7 @@
 #include "include/symapi.h"
 #include "method/bcv_control.h"
 #include "method/descriptor.h"
+#include "method/device_path.h"
 #include "method/lock_file.h"
 #include "method/log.h"
 #include "method/pair_index.h"
@@ -23,11 +24,6 @@
 namespace {
 
 constexpr char reporter[] = "find_bcv_pair";
-
-// Ways a host path can lie.
-constexpr char powerpath_device[] = "/dev/emcpower";
-constexpr char disk_path[] = "/dev/sd";
-constexpr char raw_multipath[] = "/dev/qz/rdmp/";
 
 // A device is its own pair's primary when the names agree this far.
 constexpr size_t compared_name_length = 8;
@@ -58,7 +54,7 @@ int32_t array_call_failed(tf::ErrorNumber number, const char *call, const char *
 void choose_primary_path(prim_mir_info *pm) {
     tf::log_trace("%s: Block device %s mapped to raw device %s", reporter, pm->dev_block_device,
                   pm->dev_raw_device);
-    if (strstr(pm->p_dev_raw_device, powerpath_device) != nullptr) {
+    if (strstr(pm->p_dev_raw_device, tf::path::multipath_disk) != nullptr) {
         tf::log_trace("%s: Branching to powerpath", reporter);
         return;
     }
@@ -178,27 +174,9 @@ int32_t look_at_bcv(PairDiscovery *op) {
 // An alternate port that works is used whether or not the first path does; the probe of the first
 // path is there for its line in the log alone.
 void choose_bcv_path(SymDevice *bcv) {
-    if (strstr(bcv->pdevname, disk_path) != nullptr) isPathActive(bcv->pdevname);
-    for (int32_t i = 0; i < bcv->port_count && i < SYM_MAX_PORTS; ++i) {
-        const char *const port = bcv->ports[i];
-        if (port[0] == '\0') continue;
-        tf::log_trace("\talternate port=%s", port);
-        if (strstr(port, disk_path) != nullptr && isPathActive(port) != 0) {
-            tf::put(bcv->pdevname, port);
-            return;
-        }
-    }
-}
-
-// The raw multipath name of a disk gives way to the disk's own node. A name without an "s" has no
-// such node and stays.
-void prefer_disk_node(SymDevice *bcv) {
-    if (strstr(bcv->pdevname, raw_multipath) == nullptr) return;
-    const char *const disk = strchr(bcv->pdevname, 's');
-    if (disk == nullptr) return;
-    char name[SYM_PDEV_SIZE];
-    tf::put_format(name, "/dev/%s", disk);
-    tf::put(bcv->pdevname, name);
+    if (strstr(bcv->pdevname, tf::path::native_disk) != nullptr) isPathActive(bcv->pdevname);
+    const char *const port = tf::usable_port(*bcv);
+    if (port != nullptr) tf::put(bcv->pdevname, port);
 }
 
 // A BCV that this host does not see is no failure: a backup host sees it.
@@ -206,7 +184,7 @@ void find_bcv_path(PairDiscovery *op) {
     SymDevice *const bcv = &op->device;
     choose_bcv_path(bcv);
     tf::log_trace("\tpdevname=%s", bcv->pdevname);
-    prefer_disk_node(bcv);
+    tf::prefer_disk_node(bcv);
     log_names(*bcv);
     tf::log_bcv_info(op->choice);
     if (bcv->pdevname[0] == '\0') {

@@ -32,6 +32,7 @@ inline constexpr char unseen_bcv_after_rebuild[] = "/dev/rdsk/cXtXdX";
 // How the names of native and of multipath disks are told.
 inline constexpr char native_disk[] = "/dev/sd";
 inline constexpr char multipath_disk[] = "/dev/emcpower";
+inline constexpr char raw_multipath_disk[] = "/dev/qz/rdmp/";
 
 // Volumes of the volume manager: disk group and volume follow.
 inline constexpr char volume_prefix[] = "/dev/qz/dsk/";

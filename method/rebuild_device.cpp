@@ -2,6 +2,7 @@
 
 #include "include/symapi.h"
 #include "method/command.h"
+#include "method/device_path.h"
 #include "method/log.h"
 #include "method/pair_discovery.h"
 #include "method/paths.h"
@@ -37,32 +38,10 @@ int32_t show_mirror(const prim_mir_info *pm, SymDevice *mirror) {
                 pm->bcvdev_sym_devname, code, emc_tf_SymPerror(sH, code));
 }
 
-// The first alternate path that leads to a working disk replaces the array's own choice.
-void prefer_active_port(SymDevice *mirror) {
-    for (int32_t i = 0; i < mirror->port_count && i < SYM_MAX_PORTS; ++i) {
-        const char *port = mirror->ports[i];
-        if (port[0] == '\0') continue;
-        log_trace("\talternate port=%s", port);
-        if (strstr(port, path::native_disk) != nullptr && isPathActive(port) != 0) {
-            put(mirror->pdevname, port);
-            return;
-        }
-    }
-}
-
-// A dynamic multipathing node becomes the plain disk's node. A name without an "s" stays.
-void use_plain_disk_node(SymDevice *mirror) {
-    if (strstr(mirror->pdevname, "/dev/qz/rdmp/") == nullptr) return;
-    const char *disk = strchr(mirror->pdevname, 's');
-    if (disk == nullptr) return;
-    char node[SYM_PDEV_SIZE];
-    put_format(node, "/dev/%s", disk);
-    put(mirror->pdevname, node);
-}
-
 void choose_mirror_path(SymDevice *mirror) {
-    prefer_active_port(mirror);
-    use_plain_disk_node(mirror);
+    const char *const port = usable_port(*mirror);
+    if (port != nullptr) put(mirror->pdevname, port);
+    prefer_disk_node(mirror);
     log_trace("\tpdevname=%s", mirror->pdevname);
     if (mirror->pdevname[0] == '\0') put(mirror->pdevname, path::unseen_bcv_after_rebuild);
 }

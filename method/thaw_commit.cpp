@@ -48,18 +48,6 @@ int32_t reopen_session(int32_t *status) {
                 emc_tf_SymPerror(sH, code));
 }
 
-int32_t read_pair_state(const prim_mir_info *pm, long *state) {
-    int32_t status = tf::refresh_bcv_information(prepare_reporter, *pm);
-    if (status != 0) return status;
-    SymDevice primary = {};
-    status = tf::show_primary(prepare_reporter, *pm, &primary);
-    if (status != 0) return status;
-    const SymBcvInfo *info = nullptr;
-    status = find_bcv_info(&primary, pm->bcvdev_sym_devname, &info);
-    if (status == 0) *state = info->bcv_pair_state;
-    return status;
-}
-
 // Only the device name is compared, not the array: of two primaries of the same name on two arrays
 // the first one met is resynchronised. The batch table has no two entries of one name, and every
 // operation that fills it relies on that.
@@ -75,7 +63,8 @@ int32_t prepare_pair(const hdef *h, ResyncList *list, prim_mir_info *pm) {
     int32_t status = emc_tf_wait_for_establish(h, pm, &waited_state);
     if (status != 0) return status;
     long state = 0;
-    status = read_pair_state(pm, &state);
+    status = tf::refresh_bcv_information(prepare_reporter, *pm);
+    if (status == 0) status = tf::show_pair_state(prepare_reporter, *pm, &state);
     if (status != 0) return status;
     if (state == tf::PairState::synchronising || state == tf::PairState::synchronised) {
         tf::log_progress("device %s already established", pm->p_dev_raw_device);

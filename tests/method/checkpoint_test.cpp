@@ -2,10 +2,9 @@
 
 #include <sys/stat.h>
 
-#include <ctime>
-
 #include "method/numbers.h"
 #include "tests/method/release_fixture.h"
+#include "tests/support/processor_time.h"
 
 namespace {
 
@@ -342,12 +341,6 @@ TEST_F(Checkpoint, table_builders_return_0) {
     EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), 16 + 9);
 }
 
-double processor_seconds() {
-    timespec now = {};
-    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
-}
-
 TEST_F(Checkpoint, time_of_2046_pairs_grows_with_their_number) {
     const auto best_time = [this](int pairs) {
         hdef *h = new_device();
@@ -359,9 +352,9 @@ TEST_F(Checkpoint, time_of_2046_pairs_grows_with_their_number) {
         }
         double best = 1e9;
         for (int run = 0; run < 7; ++run) {
-            const double start = processor_seconds();
+            const double start = test::processor_seconds();
             EXPECT_EQ(checkpoint(h), 0);
-            best = std::min(best, processor_seconds() - start);
+            best = std::min(best, test::processor_seconds() - start);
         }
         return best;
     };
