@@ -141,7 +141,7 @@ TEST_F(Snap, a_stale_error_number_is_not_reported) {
 }
 
 TEST_F(Snap, a_shell_that_cannot_be_run_gives_minus_1_with_the_error_number) {
-    test::calls().no_shell = true;
+    const test::SystemFault no_shell("system", 1, EAGAIN);
     EXPECT_EQ(system_cmd("true", "it"), -1);
     EXPECT_TRUE(happened("system command true it failed errno=11\n"));
 }

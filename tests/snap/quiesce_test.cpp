@@ -45,7 +45,7 @@ TEST_F(Snap, lock_fs_of_ufs_succeeds_although_the_command_failed) {
 }
 
 TEST_F(Snap, lock_fs_of_ufs_fails_when_the_command_cannot_be_run) {
-    calls().no_shell = true;
+    const test::SystemFault no_shell("system", 1, EAGAIN);
     EXPECT_EQ(lock_fs("/data", "ufs"), -1);
     EXPECT_EQ(events().back(), "exec of command /usr/sbin/lockfs -w  failed");
 }
@@ -90,7 +90,7 @@ TEST_F(Snap, unlock_fs_of_ufs_succeeds_although_the_command_failed) {
 }
 
 TEST_F(Snap, unlock_fs_of_ufs_fails_when_the_command_cannot_be_run) {
-    calls().no_shell = true;
+    const test::SystemFault no_shell("system", 1, EAGAIN);
     EXPECT_EQ(unlock_fs("/data", "ufs", 0), -1);
     EXPECT_EQ(events().back(), "exec of command /usr/sbin/lockfs -u  failed");
 }
@@ -148,7 +148,7 @@ TEST_F(Snap, locksnap_of_ufs_succeeds_although_the_command_failed) {
 }
 
 TEST_F(Snap, locksnap_of_ufs_returns_a_negative_status) {
-    calls().no_shell = true;
+    const test::SystemFault no_shell("system", 1, EAGAIN);
     EXPECT_EQ(locksnap("/data", 1, 0), -1);
 }
 
@@ -206,7 +206,7 @@ TEST_F(Snap, unlocksnap_of_ufs_returns_0_whatever_the_command_did) {
     install_lockfs(1);
     EXPECT_EQ(unlocksnap("/data", 1, 0), 0);
     EXPECT_EQ(test::read_file("/lockfs.log"), "-u /data\n");
-    calls().no_shell = true;
+    const test::SystemFault no_shell("system", 1, EAGAIN);
     EXPECT_EQ(unlocksnap("/data", 1, 0), 0);
     EXPECT_EQ(events().back(), "system command /usr/sbin/lockfs -u  /data failed errno=11\n");
 }

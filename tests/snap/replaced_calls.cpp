@@ -1,4 +1,4 @@
-// ioctl, sync, system and popen of the code under test: remembered, and answered as told.
+// ioctl, sync and popen of the code under test: remembered, and answered as told.
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -10,8 +10,6 @@ int __real_ioctl(int fd, unsigned long request, ...);
 int __wrap_ioctl(int fd, unsigned long request, ...);
 void __real_sync(void);
 void __wrap_sync(void);
-int __real_system(const char *command);
-int __wrap_system(const char *command);
 FILE *__real_popen(const char *command, const char *mode);
 FILE *__wrap_popen(const char *command, const char *mode);
 }
@@ -39,13 +37,6 @@ int __wrap_ioctl(int fd, unsigned long request, ...) {
 
 void __wrap_sync() {
     test::events().emplace_back("call: sync");
-}
-
-int __wrap_system(const char *command) {
-    test::events().emplace_back(std::string("call: system ") + command);
-    if (!test::calls().no_shell) return __real_system(command);
-    errno = EAGAIN;
-    return -1;
 }
 
 FILE *__wrap_popen(const char *command, const char *mode) {

@@ -12,6 +12,7 @@
 
 #include "snap/snap_internal.h"
 #include "tests/support/private_root.h"
+#include "tests/support/system_faults.h"
 
 namespace test {
 
@@ -32,22 +33,24 @@ struct Calls {
     // kind; otherwise they succeed (0) or fail with this error.
     bool real_ioctl = true;
     int ioctl_error = 0;
-    // The shell cannot be run.
-    bool no_shell = false;
     // The n-th pipe from now on cannot be opened; 0 for none.
     int failing_pipe = 0;
 };
 Calls &calls();
 
-// Also removes the volume-set and lock commands that the machine has none of anyway.
 class Snap : public testing::Test {
   protected:
     Snap() {
         events().clear();
         calls() = {};
+        on_command_line(
+            [](const char *line) { events().push_back(std::string("call: system ") + line); });
         sn_set_errf(&collect_event, 2, 0);
     }
-    ~Snap() override { sn_set_errf(nullptr, -1, 0); }
+    ~Snap() override {
+        sn_set_errf(nullptr, -1, 0);
+        on_command_line(nullptr);
+    }
 
     // All events, one under the other.
     static std::string happened() {

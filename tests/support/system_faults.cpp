@@ -38,6 +38,7 @@ struct Fault {
 } fault;
 
 void (*system_call_action)(const char *function);
+void (*command_line_action)(const char *line);
 
 bool answered(const char *function) {
     if (system_call_action != nullptr) system_call_action(function);
@@ -64,6 +65,10 @@ SystemFault::~SystemFault() {
 
 void on_system_call(void (*action)(const char *function)) {
     system_call_action = action;
+}
+
+void on_command_line(void (*action)(const char *line)) {
+    command_line_action = action;
 }
 
 }  // namespace test
@@ -97,5 +102,6 @@ pid_t __wrap_getpid() {
     return answered("getpid") ? static_cast<pid_t>(fault.result) : __real_getpid();
 }
 int __wrap_system(const char *command) {
+    if (command_line_action != nullptr) command_line_action(command);
     return answered("system") ? static_cast<int>(fault.result) : __real_system(command);
 }

@@ -18,5 +18,7 @@ class SystemFault {
 
 // Called before each of the functions is passed on, with its name; null for none.
 void on_system_call(void (*action)(const char *function));
+// Called with the line of each system() before it is passed on or answered; null for none.
+void on_command_line(void (*action)(const char *line));
 
 }  // namespace test
