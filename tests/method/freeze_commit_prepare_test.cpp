@@ -66,6 +66,14 @@ TEST_F(FreezeCommitPrepare, a_pair_split_for_the_group_before_is_passed_over) {
     EXPECT_EQ(pm->sync_at_end, 0);
 }
 
+TEST_F(FreezeCommitPrepare, that_a_pair_was_split_before_is_progress) {
+    set_level(0);
+    hdef *const h = object("datadg");
+    device(h, "0001", 5)->issplit = 1;
+    EXPECT_EQ(TimeFinder_freeze_commit(h), 0);
+    EXPECT_EQ(whole_log(), "Device /dev/disk_1230001 has already been split\n");
+}
+
 TEST_F(FreezeCommitPrepare, a_pair_in_state_5_that_nobody_split_fails) {
     hdef *const h = object("datadg");
     prim_mir_info *const pm = device(h, "0001", 5);

@@ -136,6 +136,7 @@ TEST_F(FreezeCommit, an_empty_split_list_still_commits_and_ends_the_session) {
 TEST_F(FreezeCommit, a_session_that_does_not_end_fails_the_call_but_the_pass_is_done) {
     hdef *const h = object("datadg");
     device(h, "0001");
+    tf::make_capture_files(h);
     array.script("SymExit", {46});
     EXPECT_EQ(TimeFinder_freeze_commit(h), 11);
     expect_failure(
@@ -143,6 +144,8 @@ TEST_F(FreezeCommit, a_session_that_does_not_end_fails_the_call_but_the_pass_is_
     EXPECT_EQ(freeze_commit_done, 1);
     EXPECT_EQ(client_count, 0);
     EXPECT_EQ(sH, -1);  // it counts as ended
+    EXPECT_FALSE(exists(h->out_file));
+    EXPECT_FALSE(exists(h->err_file));
     EXPECT_EQ(TimeFinder_freeze_commit(h), 0);
 }
 

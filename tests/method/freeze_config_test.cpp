@@ -24,7 +24,7 @@ class FreezeConfig : public FreezeTest {
 };
 
 TEST_F(FreezeConfig, without_a_string_every_keyword_has_its_default) {
-    EXPECT_EQ(freeze(nullptr), 0);
+    ASSERT_EQ(freeze(nullptr), 0);
     EXPECT_EQ(handle->async_resync, 0);
     EXPECT_EQ(handle->sync_at_start, 0);
     EXPECT_EQ(handle->backup_copy, 0);
@@ -35,7 +35,7 @@ TEST_F(FreezeConfig, without_a_string_every_keyword_has_its_default) {
 }
 
 TEST_F(FreezeConfig, an_empty_string_is_read_and_sets_nothing) {
-    EXPECT_EQ(freeze(""), 0);
+    ASSERT_EQ(freeze(""), 0);
     EXPECT_TRUE(logged("config ="));
     EXPECT_EQ(handle->async_resync, 0);
 }
@@ -52,15 +52,15 @@ TEST_F(FreezeConfig, every_keyword_goes_to_its_field) {
 }
 
 TEST_F(FreezeConfig, keep_fi_sets_max_snapshots_and_leaves_keep_fi_at_0) {
-    EXPECT_EQ(freeze("keep_fi=1"), 0);
+    ASSERT_EQ(freeze("keep_fi=1"), 0);
     EXPECT_EQ(handle->max_snapshots, 1);
     EXPECT_EQ(handle->keep_fi, 0);
 }
 
 TEST_F(FreezeConfig, the_later_of_keep_fi_and_max_snapshots_holds) {
-    EXPECT_EQ(freeze("max_snapshots=5,keep_fi=1"), 0);
+    ASSERT_EQ(freeze("max_snapshots=5,keep_fi=1"), 0);
     EXPECT_EQ(handle->max_snapshots, 1);
-    EXPECT_EQ(freeze("keep_fi=1,max_snapshots=5"), 0);
+    ASSERT_EQ(freeze("keep_fi=1,max_snapshots=5"), 0);
     EXPECT_EQ(handle->max_snapshots, 5);
 }
 
@@ -69,9 +69,9 @@ TEST_F(FreezeConfig, values_at_the_ends_of_their_ranges_are_accepted) {
          {"async_resync=0", "async_resync=1", "sync_at_start=0", "sync_at_start=2",
           "backup_copy=-2147483648", "backup_copy=2147483647", "max_snapshots=0",
           "max_snapshots=2147483647", "keep_fi=0", "keep_fi=1"}) {
-        EXPECT_EQ(freeze(config), 0) << config << " " << errmsg;
+        ASSERT_EQ(freeze(config), 0) << config << " " << errmsg;
     }
-    EXPECT_EQ(freeze("backup_copy=-2147483648,max_snapshots=2147483647"), 0);
+    ASSERT_EQ(freeze("backup_copy=-2147483648,max_snapshots=2147483647"), 0);
     EXPECT_EQ(handle->backup_copy, INT32_MIN);
     EXPECT_EQ(handle->max_snapshots, INT32_MAX);
 }
@@ -99,7 +99,7 @@ TEST_F(FreezeConfig, a_parse_error_has_number_7_and_the_parsers_code) {
 }
 
 TEST_F(FreezeConfig, unknown_keywords_are_ignored) {
-    EXPECT_EQ(freeze("nobody=1,async_resync=1"), 0);
+    ASSERT_EQ(freeze("nobody=1,async_resync=1"), 0);
     EXPECT_EQ(handle->async_resync, 1);
 }
 
@@ -123,23 +123,23 @@ TEST_F(FreezeConfig, a_keyword_that_cannot_be_added_has_number_1_and_the_parsers
 
 TEST_F(FreezeConfig, the_string_is_logged_at_level_2) {
     set_level(1);
-    EXPECT_EQ(freeze("keep_fi=1"), 0);
+    ASSERT_EQ(freeze("keep_fi=1"), 0);
     EXPECT_FALSE(logged("config =keep_fi=1"));
     set_level(2);
-    EXPECT_EQ(freeze("keep_fi=1"), 0);
+    ASSERT_EQ(freeze("keep_fi=1"), 0);
     EXPECT_TRUE(logged("config =keep_fi=1"));
 }
 
 TEST_F(FreezeConfig, a_plex_name_stays_for_the_later_freezes_of_the_process) {
-    EXPECT_EQ(freeze("plexname=p1"), 0);
-    EXPECT_EQ(freeze("keep_fi=1"), 0);
+    ASSERT_EQ(freeze("plexname=p1"), 0);
+    ASSERT_EQ(freeze("keep_fi=1"), 0);
     EXPECT_STREQ(g_plexname, "p1");
-    EXPECT_EQ(freeze("plexname=p2"), 0);
+    ASSERT_EQ(freeze("plexname=p2"), 0);
     EXPECT_STREQ(g_plexname, "p2");
 }
 
 TEST_F(FreezeConfig, of_two_plex_names_in_one_string_the_last_holds) {
-    EXPECT_EQ(freeze("plexname=p1,plexname=p2"), 0);
+    ASSERT_EQ(freeze("plexname=p1,plexname=p2"), 0);
     EXPECT_STREQ(g_plexname, "p2");
 }
 
@@ -149,20 +149,20 @@ TEST_F(FreezeConfig, a_plex_name_before_a_failing_pair_counts) {
 }
 
 TEST_F(FreezeConfig, an_empty_plex_name_is_a_plex_name) {
-    EXPECT_EQ(freeze("plexname="), 0);
+    ASSERT_EQ(freeze("plexname="), 0);
     EXPECT_STREQ(g_plexname, "");
 }
 
 TEST_F(FreezeConfig, without_an_alternate_client_nothing_is_looked_up) {
     fake_host().entries["dgimport"] = "";
-    EXPECT_EQ(freeze("keep_fi=1"), 0);
+    ASSERT_EQ(freeze("keep_fi=1"), 0);
     EXPECT_TRUE(fake_host().looked_up.empty());
     EXPECT_TRUE(logged("hdefp->dgimport = 0"));
 }
 
 TEST_F(FreezeConfig, a_local_client_is_no_alternate_client) {
     fake_host().entries["dgimport"] = "";
-    EXPECT_EQ(freeze("alternate_backup_client=client1"), 0);
+    ASSERT_EQ(freeze("alternate_backup_client=client1"), 0);
     EXPECT_TRUE(fake_host().looked_up.empty());
     EXPECT_TRUE(logged("hdefp->dgimport = 0"));
 }
@@ -203,13 +203,13 @@ TEST_F(FreezeConfig, either_contrary_entry_overrides) {
 }
 
 TEST_F(FreezeConfig, keep_fi_in_the_string_does_not_import) {
-    EXPECT_EQ(freeze("keep_fi=1,alternate_backup_client=backup1"), 0);
+    ASSERT_EQ(freeze("keep_fi=1,alternate_backup_client=backup1"), 0);
     EXPECT_TRUE(logged("hdefp->dgimport = 0"));
 }
 
 TEST_F(FreezeConfig, the_decision_is_logged_at_level_2) {
     set_level(1);
-    EXPECT_EQ(freeze("alternate_backup_client=backup1"), 0);
+    ASSERT_EQ(freeze("alternate_backup_client=backup1"), 0);
     EXPECT_FALSE(logged("hdefp->dgimport = 0"));
 }
 

@@ -27,7 +27,7 @@ class FreezePairs : public FreezeTest {
 };
 
 TEST_F(FreezePairs, every_device_gets_its_bcv_and_the_session_stays_open) {
-    EXPECT_EQ(freeze(), 0) << errmsg;
+    ASSERT_EQ(freeze(), 0) << errmsg;
     std::vector<std::string> bcvs;
     for (const prim_mir_info *pm = handle->pminfo_list; pm != nullptr; pm = pm->next) {
         bcvs.emplace_back(pm->bcvdev_sym_devname);
@@ -41,7 +41,7 @@ TEST_F(FreezePairs, every_device_gets_its_bcv_and_the_session_stays_open) {
 }
 
 TEST_F(FreezePairs, all_pairs_are_found_before_the_first_is_waited_for_again) {
-    EXPECT_EQ(freeze(), 0) << errmsg;
+    ASSERT_EQ(freeze(), 0) << errmsg;
     // One wait inside each discovery, one behind all of them.
     const std::vector<std::string> syncs = array.calls_of("SymDevSync");
     EXPECT_EQ(syncs, (std::vector<std::string>{
@@ -53,14 +53,14 @@ TEST_F(FreezePairs, all_pairs_are_found_before_the_first_is_waited_for_again) {
 TEST_F(FreezePairs, with_flag_1_it_waits_until_the_pair_is_synchronised) {
     array.set_state(array_id, "0002", 1);
     on_sleep([this](unsigned) { array.set_state(array_id, "0002", 2); });
-    EXPECT_EQ(freeze(), 0) << errmsg;
+    ASSERT_EQ(freeze(), 0) << errmsg;
     EXPECT_EQ(sleeps(), (std::vector<unsigned>{1}));
     on_sleep(nullptr);
 }
 
 TEST_F(FreezePairs, with_flag_3_nothing_is_waited_for_and_the_session_stays_open) {
     array.set_state(array_id, "0002", 1);
-    EXPECT_EQ(freeze("sync_at_start=1", "/data", TF_FREEZE_NO_WAIT), 0) << errmsg;
+    ASSERT_EQ(freeze("sync_at_start=1", "/data", TF_FREEZE_NO_WAIT), 0) << errmsg;
     EXPECT_TRUE(sleeps().empty());
     EXPECT_TRUE(array.calls_of("SymDevSync").empty());
     EXPECT_TRUE(array.calls_of("SymPrefsSet").empty());
@@ -155,7 +155,7 @@ TEST_F(FreezePairs, behind_a_session_that_ended_no_further_one_is_started) {
     array.script("SymPrefsSet", {33});
     EXPECT_EQ(freeze(), 11);
     array.calls.clear();
-    EXPECT_EQ(freeze(), 0) << errmsg;
+    ASSERT_EQ(freeze(), 0) << errmsg;
     EXPECT_TRUE(array.calls_of("SymInitV").empty());
     EXPECT_EQ(sH, -1);
     EXPECT_EQ(client_count, 2);
@@ -164,7 +164,7 @@ TEST_F(FreezePairs, behind_a_session_that_ended_no_further_one_is_started) {
 
 TEST_F(FreezePairs, pairs_to_be_resynchronised_are_queued) {
     for (const char *name : {"0001", "0002", "0003"}) array.set_state(array_id, name, 5);
-    EXPECT_EQ(freeze("sync_at_start=1"), 0) << errmsg;
+    ASSERT_EQ(freeze("sync_at_start=1"), 0) << errmsg;
     EXPECT_EQ(prim_mir_info_size, 3);
     EXPECT_EQ(primmirlist[0], handle->pminfo_list);
 }

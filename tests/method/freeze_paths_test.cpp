@@ -31,7 +31,7 @@ TEST_F(FreezePaths, an_active_alternate_port_replaces_the_raw_device) {
     bring_up("/dev/sdd");
     bring_up("/dev/sde");
     clone_tool_answers("/dev/emcpowera\n");
-    EXPECT_EQ(freeze(), 0) << errmsg;
+    ASSERT_EQ(freeze(), 0) << errmsg;
     const prim_mir_info *pm = handle->pminfo_list;
     EXPECT_STREQ(pm->dev_raw_device, "/dev/sdd");
     EXPECT_STREQ(pm->p_dev_raw_device, "/dev/emcpowera");
@@ -48,7 +48,7 @@ TEST_F(FreezePaths, the_own_path_serves_when_no_alternate_port_does) {
     multipath("0010", "a", "/dev/sdb", {"/dev/sdc"});
     bring_up("/dev/sdb");
     clone_tool_answers("/dev/emcpowera\n");
-    EXPECT_EQ(freeze(), 0) << errmsg;
+    ASSERT_EQ(freeze(), 0) << errmsg;
     EXPECT_STREQ(handle->pminfo_list->dev_raw_device, "/dev/sdb");
     EXPECT_STREQ(handle->pminfo_list->p_dev_raw_device, "/dev/emcpowera");
 }
@@ -58,7 +58,7 @@ TEST_F(FreezePaths, an_alternate_port_goes_before_an_active_own_path) {
     bring_up("/dev/sdb");
     bring_up("/dev/sdc");
     clone_tool_answers("/dev/emcpowera\n");
-    EXPECT_EQ(freeze(), 0) << errmsg;
+    ASSERT_EQ(freeze(), 0) << errmsg;
     EXPECT_STREQ(handle->pminfo_list->dev_raw_device, "/dev/sdc");
 }
 
@@ -86,7 +86,7 @@ TEST_F(FreezePaths, an_earlier_working_device_lets_a_dead_one_through_with_its_o
     multipath("0011", "b", "/dev/sdh", {"/dev/sdi"});
     bring_up("/dev/sdb");
     clone_tool_answers("/dev/emcpowera\n/dev/emcpowerb\n");
-    EXPECT_EQ(freeze(), 0) << errmsg;
+    ASSERT_EQ(freeze(), 0) << errmsg;
     EXPECT_EQ(raw_devices(handle), (std::vector<std::string>{"/dev/sdb", "/dev/sdh"}));
 }
 
@@ -95,7 +95,7 @@ TEST_F(FreezePaths, an_earlier_device_with_a_working_port_lets_a_dead_one_throug
     multipath("0011", "b", "/dev/sdh", {});
     bring_up("/dev/sdc");
     clone_tool_answers("/dev/emcpowera\n/dev/emcpowerb\n");
-    EXPECT_EQ(freeze(), 0) << errmsg;
+    ASSERT_EQ(freeze(), 0) << errmsg;
     EXPECT_EQ(raw_devices(handle), (std::vector<std::string>{"/dev/sdc", "/dev/sdh"}));
 }
 
@@ -113,7 +113,7 @@ TEST_F(FreezePaths, the_flag_does_not_outlive_the_call) {
     multipath("0011", "b", "/dev/sdh", {});
     bring_up("/dev/sdb");
     clone_tool_answers("/dev/emcpowera\n");
-    EXPECT_EQ(freeze(), 0) << errmsg;
+    ASSERT_EQ(freeze(), 0) << errmsg;
     clone_tool_answers("/dev/emcpowerb\n");
     EXPECT_EQ(freeze(), 11);
     expect_failure(7, no_device);
@@ -135,7 +135,7 @@ TEST_F(FreezePaths, a_native_device_is_its_own_path_before_and_behind_a_multipat
     add_pair("0011", "/dev/native_1");
     add_pair("0012", "/dev/native_2");
     clone_tool_answers("/dev/native_1\n/dev/emcpowera\n/dev/native_2\n");
-    EXPECT_EQ(freeze(), 0) << errmsg;
+    ASSERT_EQ(freeze(), 0) << errmsg;
     std::vector<std::string> paths;
     for (const prim_mir_info *pm = handle->pminfo_list; pm != nullptr; pm = pm->next) {
         paths.emplace_back(pm->p_dev_raw_device);
@@ -150,7 +150,7 @@ TEST_F(FreezePaths, the_walk_is_logged_at_level_2) {
     bring_up("/dev/sdb");
     clone_tool_answers("/dev/emcpowera\n");
     set_level(1);
-    EXPECT_EQ(freeze(), 0);
+    ASSERT_EQ(freeze(), 0);
     EXPECT_FALSE(logged("TimeFinder_freeze: block: /dev/emcpowera, raw: /dev/emcpowera"));
     EXPECT_FALSE(logged("\talternate port=/dev/sdc"));
 }

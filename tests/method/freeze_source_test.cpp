@@ -37,7 +37,7 @@ TEST_F(FreezeSource, a_null_source_is_the_empty_path) {
 TEST_F(FreezeSource, a_character_device_is_the_raw_device_as_root) {
     NEEDS_NODES();
     make_node(raw_disk, S_IFCHR);
-    EXPECT_EQ(freeze(nullptr, raw_disk), 0) << errmsg;
+    ASSERT_EQ(freeze(nullptr, raw_disk), 0) << errmsg;
     EXPECT_EQ(handle->object_type, 1);
     EXPECT_STREQ(handle->dev_raw_device, raw_disk);
     EXPECT_STREQ(handle->dev_block_device, block_disk);
@@ -57,7 +57,7 @@ TEST_F(FreezeSource, a_raw_device_that_cannot_be_mapped_is_named_as_root) {
 
 TEST_F(FreezeSource, a_block_device_is_the_block_device_as_root) {
     NEEDS_NODES();
-    EXPECT_EQ(freeze_block(block_disk), 0) << errmsg;
+    ASSERT_EQ(freeze_block(block_disk), 0) << errmsg;
     EXPECT_EQ(handle->object_type, 2);
     EXPECT_STREQ(handle->dev_raw_device, raw_disk);
     EXPECT_STREQ(handle->dev_block_device, block_disk);
@@ -69,7 +69,7 @@ TEST_F(FreezeSource, a_link_to_a_device_is_followed_but_keeps_its_name_as_root) 
     make_node(block_disk, S_IFBLK);
     ASSERT_EQ(symlink(block_disk, "/dev/link_to_disk"), 0);
     add_pair("0002", "/dev/link_to_disk");
-    EXPECT_EQ(freeze(nullptr, "/dev/link_to_disk"), 0) << errmsg;
+    ASSERT_EQ(freeze(nullptr, "/dev/link_to_disk"), 0) << errmsg;
     EXPECT_EQ(handle->object_type, 2);
     EXPECT_STREQ(handle->dev_block_device, "/dev/link_to_disk");
 }
@@ -97,7 +97,7 @@ TEST_F(FreezeSource, a_device_name_of_13_characters_passes_the_volume_test) {
     mount_device("/dev/abcdefgh");
     write_file("/dev/abcdefgh", "");
     add_pair("0002", "/dev/abcdefgh");
-    EXPECT_EQ(freeze(), 0) << errmsg;
+    ASSERT_EQ(freeze(), 0) << errmsg;
     EXPECT_STREQ(handle->vol_group, "__NOT_VOL__GRP__");
 }
 
@@ -106,7 +106,7 @@ TEST_F(FreezeSource, a_volume_prefix_without_its_slash_is_no_volume) {
     write_file("/dev/qz/dskX/group/vol", "");
     write_file("/dev/qz/rdskX/group/vol", "");
     add_pair("0002", "/dev/qz/rdskX/group/vol");
-    EXPECT_EQ(freeze(), 0) << errmsg;
+    ASSERT_EQ(freeze(), 0) << errmsg;
     EXPECT_EQ(handle->is_vol, 0);
     EXPECT_STREQ(handle->vol_group, "__NOT_VOL__GRP__");
 }
@@ -149,7 +149,7 @@ TEST_F(FreezeSource, a_volume_with_an_empty_name_fails_the_volume_test) {
 TEST_F(FreezeSource, group_and_volume_are_the_first_two_components) {
     mount_device("/dev/qz/dsk/datadg/vol1/more");
     clone_tool_answers(std::string(raw_disk) + "\n");
-    EXPECT_EQ(freeze(), 0) << errmsg;
+    ASSERT_EQ(freeze(), 0) << errmsg;
     EXPECT_STREQ(handle->vol_group, "datadg");
     EXPECT_STREQ(handle->vol_name, "vol1");
     EXPECT_EQ(handle->is_vol, 1);
@@ -161,7 +161,7 @@ TEST_F(FreezeSource, empty_components_of_a_volume_name_are_passed_over_as_root) 
     NEEDS_NODES();
     make_node("/dev/qz/dsk/datadg/vol1", S_IFBLK);
     clone_tool_answers(std::string(raw_disk) + "\n");
-    EXPECT_EQ(freeze(nullptr, "/dev/qz/dsk///datadg//vol1"), 0) << errmsg;
+    ASSERT_EQ(freeze(nullptr, "/dev/qz/dsk///datadg//vol1"), 0) << errmsg;
     EXPECT_STREQ(handle->vol_group, "datadg");
     EXPECT_STREQ(handle->vol_name, "vol1");
     EXPECT_STREQ(handle->dev_block_device, "/dev/qz/dsk///datadg//vol1");

@@ -34,10 +34,10 @@ TEST_F(Freeze, the_first_call_of_a_process_opens_the_session_and_the_second_does
     resolve_symapi = 0;
     sH = -1;
     write_file("/var/symapi/db/symapi_db.bin", "");
-    EXPECT_EQ(freeze(), 0) << errmsg;
+    ASSERT_EQ(freeze(), 0) << errmsg;
     EXPECT_EQ(array.calls_of("SymInitV").size(), 1U);
     EXPECT_EQ(sH, 7);
-    EXPECT_EQ(freeze(), 0) << errmsg;
+    ASSERT_EQ(freeze(), 0) << errmsg;
     EXPECT_EQ(array.calls_of("SymInitV").size(), 1U);
     EXPECT_EQ(emc_clients, 2);
 }
@@ -63,7 +63,7 @@ TEST_F(Freeze, a_config_of_1025_characters_is_refused_before_a_null_fifs) {
 
 TEST_F(Freeze, a_config_of_1024_characters_is_accepted) {
     const std::string config = "x=" + std::string(1022, 'a');
-    EXPECT_EQ(freeze(config.c_str()), 0) << errmsg;
+    ASSERT_EQ(freeze(config.c_str()), 0) << errmsg;
 }
 
 TEST_F(Freeze, a_null_fifs_is_named_before_a_wrong_flag) {
@@ -141,7 +141,7 @@ TEST_F(Freeze, two_bare_records_live_side_by_side) {
 
 TEST_F(Freeze, without_a_capture_name_the_freeze_goes_on) {
     fail_temporary_name(2);
-    EXPECT_EQ(freeze(), 0) << errmsg;
+    ASSERT_EQ(freeze(), 0) << errmsg;
     EXPECT_NE(handle->out_file, nullptr);
     EXPECT_EQ(handle->err_file, nullptr);
 }
@@ -171,7 +171,7 @@ TEST_F(Freeze, a_good_freeze_fills_the_record) {
     fake_host().host_name = "client1.example.com";
     ASSERT_EQ(chown(raw_disk, 11, 12), 0);
     ASSERT_EQ(chown(block_disk, 13, 14), 0);
-    EXPECT_EQ(freeze(), 0) << errmsg;
+    ASSERT_EQ(freeze(), 0) << errmsg;
     ASSERT_NE(handle, nullptr);
     EXPECT_EQ(nvols, 0);
     EXPECT_STREQ(handle->mount_point, "/mnt/fifs");
@@ -215,13 +215,13 @@ TEST_F(Freeze, a_good_freeze_fills_the_record) {
 
 TEST_F(Freeze, an_unknown_host_name_is_host) {
     fake_host().host_name_result = -1;
-    EXPECT_EQ(freeze(), 0);
+    ASSERT_EQ(freeze(), 0);
     EXPECT_STREQ(handle->primary_host, "host");
 }
 
 TEST_F(Freeze, a_host_name_without_a_domain_is_kept_whole) {
     fake_host().host_name = "backuphost";
-    EXPECT_EQ(freeze(), 0);
+    ASSERT_EQ(freeze(), 0);
     EXPECT_STREQ(handle->primary_host, "backuphost");
 }
 
@@ -232,9 +232,9 @@ TEST_F(Freeze, a_long_fifs_is_cut_to_its_field) {
 }
 
 TEST_F(Freeze, two_objects_share_the_group_of_plain_devices_newest_first) {
-    EXPECT_EQ(freeze(), 0);
+    ASSERT_EQ(freeze(), 0);
     hdef *const first = handle;
-    EXPECT_EQ(freeze(), 0);
+    ASSERT_EQ(freeze(), 0);
     ASSERT_NE(DG_LIST, nullptr);
     EXPECT_EQ(DG_LIST->next, nullptr);
     EXPECT_EQ(DG_LIST->members->h, handle);
@@ -244,7 +244,7 @@ TEST_F(Freeze, two_objects_share_the_group_of_plain_devices_newest_first) {
 }
 
 TEST_F(Freeze, a_failed_freeze_leaves_the_group_of_an_earlier_object_alone) {
-    EXPECT_EQ(freeze(), 0);
+    ASSERT_EQ(freeze(), 0);
     hdef *const first = handle;
     unlink(raw_disk);  // the owner cannot be read
     EXPECT_EQ(freeze(), 11);

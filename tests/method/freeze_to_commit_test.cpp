@@ -9,7 +9,7 @@ using namespace test;
 class FreezeToCommit : public FreezeTest {};
 
 TEST_F(FreezeToCommit, one_object_is_split_and_the_session_ends) {
-    EXPECT_EQ(freeze(), 0) << errmsg;
+    ASSERT_EQ(freeze(), 0) << errmsg;
     EXPECT_EQ(TimeFinder_freeze_commit(handle), 0) << errmsg;
     EXPECT_EQ(array.state(array_id, "0001"), 5);
     EXPECT_EQ(handle->pminfo_list->sync_at_end, 1);
@@ -21,7 +21,7 @@ TEST_F(FreezeToCommit, one_object_is_split_and_the_session_ends) {
 
 TEST_F(FreezeToCommit, an_object_frozen_without_waiting_is_split_once_it_is_synchronised) {
     array.set_state(array_id, "0001", 1);
-    EXPECT_EQ(freeze(nullptr, "/data", TF_FREEZE_NO_WAIT), 0) << errmsg;
+    ASSERT_EQ(freeze(nullptr, "/data", TF_FREEZE_NO_WAIT), 0) << errmsg;
     EXPECT_EQ(TimeFinder_freeze_commit(handle), 11);
     EXPECT_EQ(errnum, 11);
     array.set_state(array_id, "0001", 2);
@@ -30,9 +30,9 @@ TEST_F(FreezeToCommit, an_object_frozen_without_waiting_is_split_once_it_is_sync
 }
 
 TEST_F(FreezeToCommit, the_second_object_of_an_array_may_find_its_pair_split) {
-    EXPECT_EQ(freeze(), 0);
+    ASSERT_EQ(freeze(), 0);
     EXPECT_EQ(handle->pminfo_list->issplit, 0);
-    EXPECT_EQ(freeze(nullptr, "/data", TF_FREEZE_NO_WAIT), 0);
+    ASSERT_EQ(freeze(nullptr, "/data", TF_FREEZE_NO_WAIT), 0);
     EXPECT_EQ(handle->pminfo_list->issplit, 1);
     // The older object's record still wants the pair whole.
     array.set_state(array_id, "0001", 5);
@@ -44,9 +44,9 @@ TEST_F(FreezeToCommit, the_second_object_of_an_array_may_find_its_pair_split) {
 }
 
 TEST_F(FreezeToCommit, of_two_objects_only_one_counts_down_and_the_session_stays) {
-    EXPECT_EQ(freeze(), 0);
+    ASSERT_EQ(freeze(), 0);
     hdef *const first = handle;
-    EXPECT_EQ(freeze(), 0);
+    ASSERT_EQ(freeze(), 0);
     EXPECT_EQ(TimeFinder_freeze_commit(first), 0) << errmsg;
     EXPECT_EQ(TimeFinder_freeze_commit(handle), 0) << errmsg;
     EXPECT_EQ(client_count, 1);
@@ -59,7 +59,7 @@ TEST_F(FreezeToCommit, of_two_objects_only_one_counts_down_and_the_session_stays
 
 TEST_F(FreezeToCommit, behind_the_commit_the_queue_of_resyncs_is_empty) {
     array.set_state(array_id, "0001", 5);
-    EXPECT_EQ(freeze("sync_at_start=1"), 0) << errmsg;
+    ASSERT_EQ(freeze("sync_at_start=1"), 0) << errmsg;
     EXPECT_EQ(prim_mir_info_size, 1);
     array.set_state(array_id, "0001", 2);
     EXPECT_EQ(TimeFinder_freeze_commit(handle), 0) << errmsg;
@@ -69,7 +69,7 @@ TEST_F(FreezeToCommit, behind_the_commit_the_queue_of_resyncs_is_empty) {
 }
 
 TEST_F(FreezeToCommit, a_failed_freeze_is_not_split) {
-    EXPECT_EQ(freeze(), 0);
+    ASSERT_EQ(freeze(), 0);
     hdef *const first = handle;
     unlink(raw_disk);
     EXPECT_EQ(freeze(), 11);

@@ -26,7 +26,7 @@ class FreezeVolume : public FreezeTest {
 
 TEST_F(FreezeVolume, the_tool_is_asked_for_the_volumes_devices) {
     clone_tool_answers(std::string(raw_disk) + "\n");
-    EXPECT_EQ(freeze(), 0) << errmsg;
+    ASSERT_EQ(freeze(), 0) << errmsg;
     EXPECT_EQ(clone_tool_runs(), "-g datadg -n vol1 -f FILE -p DEFAULT\n");
     EXPECT_EQ(handle->dgimport, 0);
 }
@@ -34,7 +34,7 @@ TEST_F(FreezeVolume, the_tool_is_asked_for_the_volumes_devices) {
 TEST_F(FreezeVolume, with_the_import_the_tool_is_asked_for_the_groups_devices) {
     import_groups();
     clone_tool_answers(std::string(raw_disk) + "\n");
-    EXPECT_EQ(freeze((std::string(with_client) + ",plexname=p1").c_str()), 0) << errmsg;
+    ASSERT_EQ(freeze((std::string(with_client) + ",plexname=p1").c_str()), 0) << errmsg;
     EXPECT_EQ(clone_tool_runs(), "-g datadg -f FILE -p p1\n");
     EXPECT_EQ(handle->dgimport, 1);
 }
@@ -50,7 +50,7 @@ TEST_F(FreezeVolume, every_line_is_a_device_in_the_files_order) {
     add_pair("0002", "/dev/qz/rdmp/disk_1");
     add_pair("0003", "/dev/native_disk");
     clone_tool_answers("/dev/qz/rdmp/disk_0\n/dev/qz/rdmp/disk_1\n/dev/native_disk\n");
-    EXPECT_EQ(freeze(), 0) << errmsg;
+    ASSERT_EQ(freeze(), 0) << errmsg;
     EXPECT_EQ(raw_devices(handle),
               (std::vector<std::string>{raw_disk, "/dev/qz/rdmp/disk_1", "/dev/native_disk"}));
     const prim_mir_info *const second = handle->pminfo_list->next;
@@ -66,7 +66,7 @@ TEST_F(FreezeVolume, the_nodes_of_a_volume_are_not_looked_at) {
     clone_tool_answers(std::string(raw_disk) + "\n");
     unlink(raw_disk);
     unlink(block_disk);
-    EXPECT_EQ(freeze(), 0) << errmsg;
+    ASSERT_EQ(freeze(), 0) << errmsg;
     EXPECT_EQ(handle->pminfo_list->dev_raw_uid, 0);
 }
 
@@ -198,10 +198,10 @@ TEST_F(FreezeVolume, without_memory_each_step_of_the_list_names_itself) {
 TEST_F(FreezeVolume, a_second_volume_of_an_imported_group_has_no_devices) {
     import_groups();
     clone_tool_answers(std::string(raw_disk) + "\n");
-    EXPECT_EQ(freeze(with_client), 0) << errmsg;
+    ASSERT_EQ(freeze(with_client), 0) << errmsg;
     hdef *const first = handle;
     array.calls.clear();
-    EXPECT_EQ(freeze(with_client), 0) << errmsg;
+    ASSERT_EQ(freeze(with_client), 0) << errmsg;
     ASSERT_NE(handle, nullptr);
     EXPECT_EQ(handle->pminfo_list, nullptr);
     EXPECT_EQ(handle->dgimport, 1);
@@ -215,8 +215,8 @@ TEST_F(FreezeVolume, a_second_volume_of_an_imported_group_has_no_devices) {
 
 TEST_F(FreezeVolume, a_second_volume_of_a_group_without_import_finds_its_own_devices) {
     clone_tool_answers(std::string(raw_disk) + "\n");
-    EXPECT_EQ(freeze(), 0);
-    EXPECT_EQ(freeze(), 0);
+    ASSERT_EQ(freeze(), 0);
+    ASSERT_EQ(freeze(), 0);
     EXPECT_NE(handle->pminfo_list, nullptr);
     EXPECT_EQ(clone_tool_runs(),
               "-g datadg -n vol1 -f FILE -p DEFAULT\n-g datadg -n vol1 -f FILE -p DEFAULT\n");
@@ -224,7 +224,7 @@ TEST_F(FreezeVolume, a_second_volume_of_a_group_without_import_finds_its_own_dev
 
 TEST_F(FreezeVolume, a_failed_volume_leaves_its_group_as_it_was) {
     clone_tool_answers(std::string(raw_disk) + "\n");
-    EXPECT_EQ(freeze(), 0);
+    ASSERT_EQ(freeze(), 0);
     hdef *const first = handle;
     clone_tool_answers("");
     EXPECT_EQ(freeze(), 11);
@@ -241,7 +241,7 @@ TEST_F(FreezeVolume, a_failed_first_volume_does_not_make_its_group_a_listed_one)
     EXPECT_EQ(freeze(with_client), 11);
     EXPECT_EQ(DG_LIST, nullptr);
     clone_tool_answers(std::string(raw_disk) + "\n");
-    EXPECT_EQ(freeze(with_client), 0) << errmsg;
+    ASSERT_EQ(freeze(with_client), 0) << errmsg;
     EXPECT_NE(handle->pminfo_list, nullptr);
 }
 
@@ -257,6 +257,8 @@ TEST_F(FreezeVolume, ten_thousand_devices_are_listed_in_their_order) {
     ASSERT_EQ(names.size(), 10000U);
     EXPECT_EQ(names.front(), "/dev/native/d0");
     EXPECT_EQ(names.back(), "/dev/native/d9999");
+    EXPECT_STREQ(h->pminfo_list->p_dev_raw_device, "/dev/native/d0");
+    EXPECT_STREQ(h->pminfo_list->next->p_dev_raw_device, "/dev/native/d1");
     tf::free_hdef(h);
 }
 
