@@ -172,8 +172,9 @@ TEST(ShippedLibrary, a_config_string_of_garbage_is_refused_and_leaves_nothing) {
     EXPECT_EQ(test::resources_left(), "");
 }
 
-// A cycle of load, work and unload in one process: the heap must not grow with the cycles.
-TEST(ShippedLibrary, fifty_cycles_of_load_work_and_unload_leave_nothing) {
+// A cycle of load, work and unload in one process: the heap must not grow with the cycles. The
+// dynamic loader's own tables grow during the first ones.
+TEST(ShippedLibrary, cycles_of_load_work_and_unload_leave_nothing) {
     unlink(array_library.c_str());
     const auto cycle = [] {
         const Library method;
@@ -183,9 +184,9 @@ TEST(ShippedLibrary, fifty_cycles_of_load_work_and_unload_leave_nothing) {
         freeze(method, "plexname=Q,nonsense", &handle);
         lines.clear();
     };
-    for (int i = 0; i < 5; ++i) cycle();
+    for (int i = 0; i < 250; ++i) cycle();
     const size_t before = mallinfo2().uordblks;
-    for (int i = 0; i < 50; ++i) cycle();
+    for (int i = 0; i < 250; ++i) cycle();
     EXPECT_LE(mallinfo2().uordblks, before + 1024);
     EXPECT_FALSE(is_mapped());
     EXPECT_EQ(test::resources_left(), "");
