@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -41,8 +42,26 @@ class Cycle {
     void run(const std::vector<std::string> &paths, const std::vector<std::string> &command);
 
   private:
-    struct Outcome;
-    struct Cut;
+    // How a phase ended.
+    struct Outcome {
+        bool done = false;
+        Step last = Step::load;            // the step that it was in
+        std::unique_ptr<Failure> failure;  // as the phase, or the command itself, saw it
+        std::string trouble;               // what the phase could not clean up
+        std::string end;                   // how its process died, when it did
+
+        bool died() const { return !done && failure == nullptr; }
+        // Its failure, or its death as one.
+        Failure as_failure(ExitCode code_of_death) const;
+    };
+    // What is known of the cut.
+    struct Cut {
+        bool late = false;
+        bool disturbed = false;
+        double frozen_ms = 0;
+        std::vector<std::pair<std::string, std::string>> split_list;
+    };
+    using Handle = std::function<void(const Message &)>;
 
     // Preparation (cycle_prepare.cpp).
     std::vector<Source> check(const std::vector<std::string> &paths);
@@ -51,9 +70,8 @@ class Cycle {
     std::vector<ObjectRecord> plan_objects(int64_t id, const std::vector<Source> &sources);
     void remove_folders(const SnapshotRecord &snapshot);
 
-    // Phases.
-    template <typename Handle>
-    Outcome converse(Worker &worker, int64_t id, Handle handle);
+    // Phases (cycle.cpp, cycle_freeze.cpp, cycle_texts.cpp).
+    Outcome converse(Worker &worker, int64_t id, const Handle &handle);
     Outcome text_phase(int64_t id, bool mounting, const std::vector<std::string> &texts);
     void freeze_phase(int64_t id, const FreezeJob &job);
     void keep_states_before(int64_t id, const Message &message);
@@ -62,7 +80,7 @@ class Cycle {
     void release_void(int64_t id, const std::string &reason, ExitCode code);
     void undo(const SnapshotRecord &snapshot);
     void release_by_text(const SnapshotRecord &snapshot);
-    void end_release(const SnapshotRecord &snapshot);
+    void end_release(const SnapshotRecord &snapshot, const Outcome &outcome);
     void run_on_copy(int64_t id, const std::vector<std::string> &command);
 
     SnapshotRecord known(int64_t id);

@@ -1,0 +1,184 @@
+// The first half of a snapshot's life: freeze, cut, judge.
+#include "fimctl/array_reader.h"
+#include "fimctl/cycle.h"
+#include "fimctl/judge.h"
+#include "fimctl/log.h"
+#include "fimctl/signals.h"
+
+namespace fimctl {
+namespace {
+
+std::string joined(const std::vector<std::string> &reasons) {
+    std::string text;
+    for (const std::string &reason : reasons) text += (text.empty() ? "" : "; ") + reason;
+    return text;
+}
+
+}  // namespace
+
+int64_t Cycle::freeze(const std::vector<std::string> &paths) {
+    const auto sources = check(paths);
+    const int64_t id = catalogue_.enter(settings_.config);
+    lock(id);
+    FreezeJob job;
+    try {
+        catalogue_.set_objects(id, plan_objects(id, sources));
+    } catch (const Failure &failure) {
+        note(id, failure.what());
+        catalogue_.set_state(id, State::failed);
+        throw;
+    }
+    log::progress("snapshot " + std::to_string(id) + " begun");
+    const SnapshotRecord snapshot = known(id);
+    job.method = settings_.method;
+    job.config = settings_.config;
+    for (size_t i = 0; i < sources.size(); ++i) {
+        job.objects.push_back({sources[i].path, snapshot.objects[i].fifs, sources[i].is_volume});
+    }
+    if (settings_.quiesce) job.quiesce = file_systems_of(sources);
+    job.deadline = settings_.freeze_deadline;
+    try {
+        freeze_phase(id, job);
+    } catch (Failure &failure) {
+        failure.id = static_cast<long>(id);
+        note(id, std::string(name_of(failure.step)) + ": " + failure.what());
+        throw;
+    }
+    return id;
+}
+
+// The pairs are read and kept before the cut, and the snapshot is marked as being cut: from here on
+// only its texts, or another freeze, can undo it.
+void Cycle::keep_states_before(int64_t id, const Message &message) {
+    std::vector<Pair> asked;
+    for (const Message &object : message.at("pairs")) {
+        for (const Message &pair : object) {
+            asked.push_back({pair.at(0), pair.at(1), pair.at(2)});
+        }
+    }
+    const auto states = read_pair_states(asked, Step::states);
+    size_t next = 0;
+    size_t number = 0;
+    for (const Message &object : message.at("pairs")) {
+        std::vector<PairRecord> records;
+        for (size_t i = 0; i < object.size(); ++i, ++next) {
+            records.push_back({asked[next], states[next], state_unknown});
+        }
+        catalogue_.set_pairs(id, number++, records);
+    }
+    catalogue_.set_state(id, State::cutting);
+}
+
+void Cycle::freeze_phase(int64_t id, const FreezeJob &job) {
+    Cut cut;
+    Worker worker([&job](Channel &channel) { run_freeze_phase(job, channel); }, scratch(id));
+    const Outcome outcome = converse(worker, id, [&](const Message &message) {
+        if (message.contains("pairs")) keep_states_before(id, message);
+        if (message.contains("text")) {
+            catalogue_.set_text(id, message.at("object").get<size_t>(), message.at("text"));
+        }
+        if (!message.contains("cut")) return;
+        cut.frozen_ms = message.at("cut");
+        cut.late = message.at("late");
+        cut.disturbed = message.at("disturbed");
+        for (const Message &pair : message.at("split")) {
+            cut.split_list.emplace_back(pair.at(0), pair.at(1));
+        }
+        catalogue_.set_cut(id, !job.quiesce.empty(), cut.frozen_ms);
+    });
+    end_freeze(id, outcome, cut);
+}
+
+void Cycle::end_freeze(int64_t id, const Outcome &outcome, const Cut &cut) {
+    if (outcome.done) {
+        try {
+            catalogue_.set_state(id, State::frozen);
+            judge_copy(id, cut);
+        } catch (Failure &failure) {
+            // The copy exists, and only the catalogue does not say so.
+            if (failure.step == Step::catalogue) failure.code = ExitCode::left;
+            throw;
+        }
+        return;
+    }
+    const SnapshotRecord snapshot = known(id);
+    if (outcome.died()) {
+        const bool harmless = snapshot.state == State::begun;
+        if (harmless) {
+            catalogue_.set_state(id, State::failed);
+            remove_folders(snapshot);
+        }
+        const ExitCode code = !harmless                ? ExitCode::left
+                              : signals::raised() != 0 ? ExitCode::interrupted
+                                                       : ExitCode::failed;
+        throw outcome.as_failure(code);
+    }
+    Failure failure = *outcome.failure;
+    if (outcome.trouble.empty()) {
+        catalogue_.set_state(id, State::failed);
+        remove_folders(snapshot);
+        failure.afterwards = "rolled back";
+    } else {
+        failure.code = ExitCode::left;
+        failure.afterwards = "the roll-back failed: " + outcome.trouble;
+    }
+    throw failure;
+}
+
+// The array's word, after the process that cut the copy has ended.
+void Cycle::judge_copy(int64_t id, const Cut &cut) {
+    log::progress("snapshot " + std::to_string(id) + ": " + name_of(Step::judge));
+    SnapshotRecord snapshot = known(id);
+    std::vector<PairRecord> records;
+    std::vector<Pair> asked;
+    for (const ObjectRecord &object : snapshot.objects) {
+        const auto pairs = CheckpointText(object.text).pairs();
+        for (size_t i = 0; i < pairs.size(); ++i) {
+            const bool read = i < object.pairs.size() && object.pairs[i].pair == pairs[i];
+            records.push_back(
+                {pairs[i], read ? object.pairs[i].before : state_unknown, state_unknown});
+            asked.push_back(pairs[i]);
+        }
+    }
+    std::vector<long> states;
+    try {
+        states = read_pair_states(asked, Step::judge);
+    } catch (const Failure &failure) {
+        release_void(id, std::string("it could not be judged: ") + failure.what(), failure.code);
+    }
+    size_t next = 0;
+    for (size_t object = 0; object < snapshot.objects.size(); ++object) {
+        const size_t count = CheckpointText(snapshot.objects[object].text).pairs().size();
+        std::vector<PairRecord> own;
+        for (size_t i = 0; i < count; ++i, ++next) {
+            records[next].after = states[next];
+            own.push_back(records[next]);
+        }
+        catalogue_.set_pairs(id, object, own);
+    }
+    auto reasons = judge(records, cut.split_list);
+    if (cut.late) {
+        reasons.insert(reasons.begin(),
+                       "the file systems were thawed at the deadline, before the cut had ended");
+    }
+    if (cut.disturbed) {
+        reasons.insert(reasons.begin(), "a file system did not stay frozen during the cut");
+    }
+    if (!reasons.empty()) release_void(id, joined(reasons), ExitCode::failed);
+}
+
+void Cycle::release_void(int64_t id, const std::string &reason, ExitCode code) {
+    catalogue_.set_void(id, reason);
+    Failure failure(Step::judge, code, "the copy is void: " + reason);
+    log::problem("snapshot " + std::to_string(id) + ": " + failure.what());
+    try {
+        release(id);
+        failure.afterwards = "released";
+    } catch (const Failure &second) {
+        failure.code = ExitCode::left;
+        failure.afterwards = std::string("the release failed: ") + second.what();
+    }
+    throw failure;
+}
+
+}  // namespace fimctl

@@ -1,0 +1,166 @@
+// The second half of a snapshot's life: mount and release, from the texts.
+#include <poll.h>
+
+#include <chrono>
+
+#include "fimctl/cycle.h"
+#include "fimctl/log.h"
+#include "fimctl/signals.h"
+
+namespace fimctl {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// The configuration for freezing objects again so that what was split is established.
+std::string resync_config(const std::string &config) {
+    constexpr char wanted[] = "sync_at_start=1";
+    if (config.empty() || config.find("sync_at_start") != std::string::npos) return wanted;
+    return config + "," + wanted;
+}
+
+std::string copy_of(const ObjectRecord &object, const std::string &volume_path) {
+    return object.kind == "file system" ? object.fifs + object.inside : volume_path;
+}
+
+std::vector<std::string> texts_of(const SnapshotRecord &snapshot) {
+    const bool uncertain = snapshot.state == State::mounting || snapshot.state == State::releasing;
+    std::vector<std::string> texts;
+    for (const ObjectRecord &object : snapshot.objects) {
+        // A process that was killed while it mounted may have mounted without leaving a text.
+        texts.push_back(object.mounted_text.empty() && uncertain ? as_if_mounted(object.text)
+                                                                 : object.latest_text());
+    }
+    return texts;
+}
+
+bool every_text_is_there(const SnapshotRecord &snapshot) {
+    for (const ObjectRecord &object : snapshot.objects) {
+        if (object.text.empty()) return false;
+    }
+    return !snapshot.objects.empty();
+}
+
+void wait_a_second() {
+    poll(nullptr, 0, 1000);
+}
+
+}  // namespace
+
+// A phase that starts from the texts. Another process that owns the array's mirrors is waited for:
+// it may be a short one, and what waits here has a copy to look after.
+Cycle::Outcome Cycle::text_phase(int64_t id, bool mounting, const std::vector<std::string> &texts) {
+    const TextJob job = {settings_.method, texts};
+    const auto end = Clock::now() + std::chrono::duration_cast<Clock::duration>(
+                                        std::chrono::duration<double>(settings_.lock_wait));
+    for (;;) {
+        Worker worker(
+            [&job, mounting](Channel &channel) {
+                if (mounting) {
+                    run_mount_phase(job, channel);
+                } else {
+                    run_release_phase(job, channel);
+                }
+            },
+            scratch(id));
+        const auto snapshot = known(id);
+        Outcome outcome = converse(worker, id, [&](const Message &message) {
+            const auto object = message.at("object").get<size_t>();
+            catalogue_.set_mounted(id, object, message.at("text"),
+                                   copy_of(snapshot.objects.at(object), message.at("copy")));
+        });
+        const bool owned = outcome.failure != nullptr && outcome.failure->code == ExitCode::owned;
+        if (!owned || Clock::now() >= end) return outcome;
+        if (mounting && signals::raised() != 0) return outcome;
+        log::progress(std::string("waiting: ") + outcome.failure->what());
+        wait_a_second();
+    }
+}
+
+std::vector<std::string> Cycle::mount(int64_t id) {
+    lock(id);
+    SnapshotRecord snapshot = known(id);
+    if (snapshot.state != State::frozen || !snapshot.void_reason.empty()) {
+        throw Failure(Step::volumes, ExitCode::usage,
+                      "snapshot " + std::to_string(id) + " cannot be mounted: it is " +
+                          name_of(snapshot.state) +
+                          (snapshot.void_reason.empty() ? "" : " and void"));
+    }
+    catalogue_.set_state(id, State::mounting);
+    const Outcome outcome = text_phase(id, true, texts_of(snapshot));
+    if (outcome.done) {
+        catalogue_.set_state(id, State::mounted);
+        std::vector<std::string> copies;
+        for (const ObjectRecord &object : known(id).objects) copies.push_back(object.copy);
+        return copies;
+    }
+    Failure failure = outcome.as_failure(ExitCode::left);
+    failure.id = static_cast<long>(id);
+    note(id, std::string(name_of(failure.step)) + ": " + failure.what());
+    if (outcome.died()) throw failure;
+    if (outcome.trouble.empty()) {
+        catalogue_.clear_mounted(id);
+        catalogue_.set_state(id, State::frozen);
+        failure.afterwards = "nothing is mounted; the snapshot stays frozen";
+    } else {
+        failure.code = ExitCode::left;
+        failure.afterwards = "taking the copy down failed: " + outcome.trouble;
+    }
+    throw failure;
+}
+
+void Cycle::release(int64_t id) {
+    lock(id);
+    const SnapshotRecord snapshot = known(id);
+    if (is_over(snapshot.state)) {
+        throw Failure(
+            Step::thaw, ExitCode::usage,
+            "snapshot " + std::to_string(id) + " is over: it is " + name_of(snapshot.state));
+    }
+    if (snapshot.state == State::begun) {
+        // Killed before the cut: its locks have ended with its process.
+        catalogue_.set_state(id, State::failed);
+        remove_folders(snapshot);
+    } else if (every_text_is_there(snapshot)) {
+        release_by_text(snapshot);
+    } else {
+        undo(snapshot);
+    }
+}
+
+// A release that did not get beyond rebuild has changed nothing: the snapshot is as it was, and the
+// caller learns why. After that something is left.
+void Cycle::end_release(const SnapshotRecord &snapshot, const Outcome &outcome) {
+    if (outcome.done) {
+        catalogue_.set_state(snapshot.id, State::released);
+        remove_folders(snapshot);
+        log::progress("snapshot " + std::to_string(snapshot.id) + " released");
+        return;
+    }
+    Failure failure = outcome.as_failure(ExitCode::left);
+    const bool unchanged = !outcome.died() && outcome.failure->step == Step::rebuild;
+    if (unchanged) catalogue_.set_state(snapshot.id, snapshot.state);
+    const bool told = failure.code == ExitCode::owned || failure.code == ExitCode::array;
+    if (!unchanged || !told) failure.code = ExitCode::left;
+    failure.id = static_cast<long>(snapshot.id);
+    note(snapshot.id, std::string(name_of(failure.step)) + ": " + failure.what());
+    throw failure;
+}
+
+void Cycle::release_by_text(const SnapshotRecord &snapshot) {
+    catalogue_.set_state(snapshot.id, State::releasing);
+    end_release(snapshot, text_phase(snapshot.id, false, texts_of(snapshot)));
+}
+
+void Cycle::undo(const SnapshotRecord &snapshot) {
+    FreezeJob job;
+    job.method = settings_.method;
+    job.config = resync_config(snapshot.config);
+    for (const ObjectRecord &object : snapshot.objects) {
+        job.objects.push_back({object.source, object.fifs, false});
+    }
+    Worker worker([&job](Channel &channel) { run_undo_phase(job, channel); }, scratch(snapshot.id));
+    end_release(snapshot, converse(worker, snapshot.id, [](const Message &) {}));
+}
+
+}  // namespace fimctl

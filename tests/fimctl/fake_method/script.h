@@ -1,0 +1,52 @@
+// What the scripted libraries share: where their script, their record and their array lie.
+//
+// script: "CALL N ACTION ARGUMENT..." lines; N is the number of the call in its process, or "*".
+//   fail NUMBER TEXT            the call fails with this error number and message
+//   fail-with-handle NUMBER TEXT  a freeze that fails late: it returns its record and keeps its
+//   lock sleep MILLISECONDS, die, log LINE, copy FROM TO frozen? DIRECTORY           records
+//   whether the file system is frozen just now fithaw DIRECTORY            thaws it behind
+//   everybody's back keep-split-from SYMID       the commit leaves this array's pairs alone
+// calls: "PID CALL DETAIL" lines, in order.
+// array: "SYMID DEVICE BCV STATE" lines.
+// objects: "SOURCE TYPE SYMID DEVICE BCV" lines, one a pair.
+#pragma once
+
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace fake {
+
+inline const std::string folder = "/var/fake";
+
+inline std::vector<std::string> lines_of(const std::string &name) {
+    std::vector<std::string> lines;
+    std::ifstream in(folder + "/" + name);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    return lines;
+}
+
+struct ArrayPair {
+    std::string symid, device, bcv;
+    long state = 0;
+};
+
+inline std::vector<ArrayPair> read_array() {
+    std::vector<ArrayPair> pairs;
+    for (const std::string &line : lines_of("array")) {
+        ArrayPair pair;
+        std::istringstream(line) >> pair.symid >> pair.device >> pair.bcv >> pair.state;
+        pairs.push_back(pair);
+    }
+    return pairs;
+}
+
+inline void write_array(const std::vector<ArrayPair> &pairs) {
+    std::ofstream out(folder + "/array", std::ios::trunc);
+    for (const ArrayPair &pair : pairs) {
+        out << pair.symid << " " << pair.device << " " << pair.bcv << " " << pair.state << "\n";
+    }
+}
+
+}  // namespace fake
