@@ -27,18 +27,26 @@ void store(device_info *info, const char *key, const char *value) {
     if (strcmp(key, "s") == 0) tf::put(info->serial, value);
 }
 
+// Cuts text at the first of the ends and returns what stands behind it; null when there is none.
+char *cut_at(char *text, const char *ends) {
+    char *const end = text + strcspn(text, ends);
+    if (*end == '\0') return nullptr;
+    *end = '\0';
+    return end + 1;
+}
+
 // Takes a line apart from its first key on: the character before the first "=" alone, whatever
-// stands in front of it. Returns whether the line has a key at all.
+// stands in front of it. A value may be empty. Returns whether the line has a key at all.
 bool take_line(device_info *info, char *line) {
     char *const equals = strchr(line, '=');
     if (equals == nullptr || equals == line) return false;
-    char *rest = nullptr;
-    const char *key = strtok_r(equals - 1, "=", &rest);
+    char *key = equals - 1;
     while (key != nullptr) {
-        const char *const value = strtok_r(nullptr, " \t\n", &rest);
+        char *const value = cut_at(key, "=");
         if (value == nullptr) break;
+        char *const next = cut_at(value, " \t\n");
         store(info, key, value);
-        key = strtok_r(nullptr, "=", &rest);
+        key = next;
     }
     return true;
 }

@@ -87,6 +87,20 @@ TEST_F(DeviceInformation, a_value_may_hold_an_equals_sign) {
     EXPECT_EQ(found_in("EMC p=/dev/a=b s=A\n"), "/dev/a=b A");
 }
 
+TEST_F(DeviceInformation, an_empty_value_does_not_swallow_the_next_pair) {
+    EXPECT_EQ(found_in("EMC s= p=/dev/a\nEMC s=A\n"), "/dev/a A");
+    EXPECT_EQ(found_in("EMC p=/dev/a s=\n"), "nothing");
+    expect_failure(13, cannot_find);
+}
+
+TEST_F(DeviceInformation, a_blank_before_a_further_key_belongs_to_the_key) {
+    EXPECT_EQ(found_in("EMC p=/dev/a  s=A\n"), "nothing");
+}
+
+TEST_F(DeviceInformation, text_behind_the_last_pair_is_ignored) {
+    EXPECT_EQ(found_in("EMC p=/dev/a s=A and more\n"), "/dev/a A");
+}
+
 TEST_F(DeviceInformation, values_are_cut_to_their_fields) {
     const std::string serial(300, 'S');
     EXPECT_EQ(found_in("EMC p=/dev/a s=" + serial + "\n"), "/dev/a " + serial.substr(0, 255));
