@@ -5,6 +5,7 @@
 #include <filesystem>
 
 #include "method/pair_index.h"
+#include "symapi/symapi_wrappers.h"
 #include "tests/method/pair_fixture.h"
 #include "tests/support/allocation_faults.h"
 
@@ -195,6 +196,25 @@ TEST_F(PairDiscovery, a_failed_show_of_the_bcv_is_error_3_and_names_the_bcv) {
     EXPECT_STREQ(pm->symid, symid);
     EXPECT_STREQ(pm->bcvdev_sym_devname, "00B1");
     EXPECT_STREQ(pm->bcv_pdevname, "");
+}
+
+// The record of the primary is cleared before the BCV is read into it: what a sparing library does
+// not fill must not look like the BCV's.
+TEST_F(PairDiscovery, the_bcv_is_read_into_a_cleared_record) {
+    static int shows;
+    static SymDevice seen;
+    static decltype(p_emc_tf_SymDevShow) real;
+    shows = 0;
+    real = p_emc_tf_SymDevShow;
+    p_emc_tf_SymDevShow = [](int32_t session, const char *array_id, const char *name,
+                             SymDevice *device) {
+        if (++shows == 3) seen = *device;
+        return real(session, array_id, name, device);
+    };
+    EXPECT_EQ(discover(), 0);
+    EXPECT_EQ(shows, 3);
+    const SymDevice empty = {};
+    EXPECT_EQ(memcmp(&seen, &empty, sizeof seen), 0);
 }
 
 TEST_F(PairDiscovery, a_bcv_whose_first_path_is_down_is_used_through_its_alternate_port) {
