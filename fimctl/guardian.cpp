@@ -143,10 +143,10 @@ void tell(int socket, const Report &report) {
     held.thaw_all();
     last.frozen_ms = milliseconds_since(start);
     freezer.join();
-    if (last.late != 0) {
-        char word = 0;
-        while (recv(socket, &word, 1, 0) < 0 && errno == EINTR) {
-        }
+    // The parent's word, or its end. It is read in any case: closing a socket with something unread
+    // in it would take the last report away from the parent.
+    char word = 0;
+    while (recv(socket, &word, 1, 0) < 0 && errno == EINTR) {
     }
     last.disturbed = held.disturbed() ? 1 : 0;
     tell(socket, last);

@@ -185,7 +185,6 @@ TEST_F(Cycle, a_roll_back_that_fails_leaves_something_to_clean_and_says_what_to_
 
 TEST_F(Cycle, a_text_that_cannot_be_kept_is_rolled_back_by_the_process_that_cut_the_copy) {
     // The catalogue is gone from under the command when the first text arrives.
-    test::write_script("/var/fake/hook", "exit 0");
     script("ckpt 2 copy /var/fake/broken " + state_);
     test::make_folders("/var/fake/broken");
     test::write_file("/var/fake/broken/catalogue.db", std::string(8192, 'x'));
@@ -331,9 +330,11 @@ TEST_F(Cycle, an_object_whose_mirror_serves_a_copy_is_not_frozen_again) {
 
 TEST_F(Cycle, temporary_files_of_a_phase_go_with_it) {
     // The method's temporary names come from TMPDIR, which is the phase's own.
-    test::make_folders("/var/fake/none");
-    script("freeze 1 copy /var/fake/none " + state_ + "/tmp/1/QfMSleft");
+    script("freeze 1 temporary");
     ASSERT_EQ(freeze().status, 0);
+    const auto made = calls();
+    EXPECT_NE(std::find(made.begin(), made.end(), "note TMPDIR=" + state_ + "/tmp/1"), made.end());
+    EXPECT_TRUE(test::exists(state_));
     EXPECT_FALSE(test::exists(state_ + "/tmp/1"));
 }
 

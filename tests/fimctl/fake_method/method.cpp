@@ -101,6 +101,10 @@ void act(const std::string &action, std::istringstream &rest, Play &play) {
         std::filesystem::copy(word, to,
                               std::filesystem::copy_options::recursive |
                                   std::filesystem::copy_options::overwrite_existing);
+    } else if (action == "temporary") {
+        const std::string temporary = getenv("TMPDIR");
+        record("note", "TMPDIR=" + temporary);
+        std::ofstream(temporary + "/QfMSleft") << "left";
     } else if (action == "frozen?") {
         rest >> word;
         record_frozen(word);

@@ -1,0 +1,135 @@
+// The paths that a user names.
+#include "fimctl/source.h"
+
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <fstream>
+
+#include "fimctl/failure.h"
+#include "tests/fimctl/world.h"
+#include "tests/support/private_root.h"
+
+namespace {
+
+using fimctl::look_at_sources;
+using fimctl::SourceKind;
+
+class Sources : public test::FimctlWorld {
+  protected:
+    void expect_refused(const std::vector<std::string> &paths, const std::string &text) {
+        try {
+            look_at_sources(paths);
+            FAIL() << "accepted";
+        } catch (const fimctl::Failure &failure) {
+            EXPECT_EQ(failure.code, fimctl::ExitCode::usage);
+            EXPECT_NE(std::string(failure.what()).find(text), std::string::npos) << failure.what();
+        }
+    }
+};
+
+TEST_F(Sources, a_directory_belongs_to_the_file_system_mounted_above_it) {
+    const auto one = add_file_system("one", "000184500123", "00A1", "00B1");
+    test::make_folders(one + "/a/b");
+    const auto sources = look_at_sources({one + "/a/b/"});
+    ASSERT_EQ(sources.size(), 1U);
+    EXPECT_EQ(sources[0].path, one + "/a/b");
+    EXPECT_EQ(sources[0].kind, SourceKind::file_system);
+    EXPECT_EQ(sources[0].mount_dir, one);
+    EXPECT_EQ(sources[0].inside, "/a/b");
+    EXPECT_FALSE(sources[0].is_volume);
+}
+
+TEST_F(Sources, a_mount_point_with_blanks_is_found) {
+    const auto one = add_file_system("with blanks", "000184500123", "00A1", "00B1");
+    EXPECT_EQ(look_at_sources({one})[0].mount_dir, one);
+    EXPECT_EQ(look_at_sources({one})[0].inside, "");
+}
+
+TEST_F(Sources, a_file_system_on_a_volume_is_known_as_a_volume) {
+    test::make_folders("/vol");
+    ASSERT_EQ(mount("/dev/qz/dsk/g/v", "/vol", "tmpfs", 0, nullptr), 0);
+    mounted_.push_back("/vol");
+    EXPECT_TRUE(look_at_sources({"/vol"})[0].is_volume);
+}
+
+TEST_F(Sources, a_path_with_a_newline_is_refused_before_anything_is_frozen) {
+    const auto one = add_file_system("one", "000184500123", "00A1", "00B1");
+    test::make_folders(one + "/a\nb");
+    expect_refused({one + "/a\nb"}, "newline");
+    EXPECT_EQ(fimctl({"freeze", "--no-quiesce", one + "/a\nb"}).status, 2);
+    EXPECT_TRUE(story().empty());
+    EXPECT_FALSE(fimctl::Catalogue::exists(state_) &&
+                 !fimctl::Catalogue(state_, false).all().empty())
+        << "nothing was entered";
+}
+
+TEST_F(Sources, missing_empty_and_too_long_paths_are_refused) {
+    expect_refused({"/no/such/path"}, "/no/such/path: No such file or directory");
+    expect_refused({""}, "empty path");
+    expect_refused({"/" + std::string(1100, 'x')}, "longer than 1023 characters");
+}
+
+TEST_F(Sources, two_paths_of_one_file_system_are_refused) {
+    const auto one = add_file_system("one", "000184500123", "00A1", "00B1");
+    test::make_folders(one + "/a");
+    expect_refused({one, one + "/a"}, "lie on one file system");
+    expect_refused({one, one}, "lie on one file system");
+}
+
+TEST_F(Sources, root_device_nodes_are_devices) {
+    if (!test::is_real_root()) GTEST_SKIP() << "needs root: makes device nodes";
+    mknod("/dev/p0", S_IFBLK | 0600, makedev(7, 250));
+    mknod("/dev/r0", S_IFCHR | 0600, makedev(1, 3));
+    const auto sources = look_at_sources({"/dev/p0", "/dev/r0"});
+    EXPECT_EQ(sources[0].kind, SourceKind::block_device);
+    EXPECT_EQ(sources[1].kind, SourceKind::raw_device);
+    EXPECT_EQ(sources[0].device, makedev(7, 250));
+    expect_refused({"/dev/p0", "/dev/p0"}, "are one device");
+}
+
+TEST_F(Sources, the_copy_is_never_mounted_where_the_original_is) {
+    const auto one = add_file_system("one", "000184500123", "00A1", "00B1");
+    const auto ended = fimctl({"freeze", "--no-quiesce", "--mount-at", one + "/.", one});
+    EXPECT_EQ(ended.status, 2);
+    EXPECT_NE(ended.err.find("is where the original is mounted"), std::string::npos) << ended.err;
+    EXPECT_TRUE(story().empty());
+}
+
+TEST_F(Sources, the_copy_is_not_mounted_over_another_mount) {
+    const auto one = add_file_system("one", "000184500123", "00A1", "00B1");
+    const auto two = add_file_system("two", "000184500123", "00A2", "00B2");
+    const auto ended = fimctl({"freeze", "--no-quiesce", "--mount-at", two, one});
+    EXPECT_EQ(ended.status, 2);
+    EXPECT_NE(ended.err.find("is a mount point already"), std::string::npos) << ended.err;
+}
+
+TEST_F(Sources, mount_at_names_the_directory_of_the_copy_and_outlives_it_when_it_was_there) {
+    const auto one = add_file_system("one", "000184500123", "00A1", "00B1");
+    test::make_folders("/copies");
+    ASSERT_EQ(fimctl({"freeze", "--no-quiesce", "--mount-at", "/copies", one}).status, 0);
+    EXPECT_EQ(fimctl({"mount", "1"}).out, "/copies\n");
+    EXPECT_EQ(fimctl({"release", "1"}).status, 0);
+    EXPECT_TRUE(test::exists("/copies"));
+}
+
+TEST_F(Sources, mount_at_of_several_paths_has_a_directory_for_each) {
+    const auto one = add_file_system("one", "000184500123", "00A1", "00B1");
+    const auto two = add_file_system("two", "000184500123", "00A2", "00B2");
+    ASSERT_EQ(fimctl({"freeze", "--no-quiesce", "--mount-at", "/copies", one, two}).status, 0);
+    EXPECT_EQ(fimctl({"mount", "1"}).out, "/copies/1\n/copies/2\n");
+    EXPECT_EQ(fimctl({"release", "1"}).status, 0);
+}
+
+TEST_F(Sources, a_symbolic_link_to_the_mount_directory_is_resolved_for_the_method) {
+    // The method compares the directory with the mount table to the letter.
+    const auto one = add_file_system("one", "000184500123", "00A1", "00B1");
+    test::make_folders("/real");
+    ASSERT_EQ(symlink("/real", "/link"), 0);
+    ASSERT_EQ(fimctl({"freeze", "--no-quiesce", "--mount-at", "/link/copy", one}).status, 0);
+    EXPECT_EQ(snapshot(1).objects[0].fifs, "/real/copy");
+}
+
+}  // namespace
