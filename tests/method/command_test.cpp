@@ -157,6 +157,13 @@ TEST_F(CommandRunner, the_command_line_is_logged_from_level_1_on) {
     EXPECT_EQ(whole_log(), "Executing command: true" + suffix() + "\n");
 }
 
+TEST_F(CommandRunner, a_long_command_line_is_logged_as_far_as_a_log_line_goes) {
+    set_level(1);
+    const std::string command = command_for_line_of(2000);
+    EXPECT_EQ(do_cmd(object.get(), "%s", command.c_str()), 0);
+    EXPECT_EQ(whole_log(), ("Executing command: " + command).substr(0, 1022) + "\n");
+}
+
 TEST_F(CommandRunner, a_missing_name_stands_for_the_null_device) {
     hdef h = *object.get();
     h.out_file = nullptr;

@@ -165,6 +165,22 @@ TEST_F(LockFile, a_set_is_traced_line_by_line) {
     EXPECT_GT(lock_fd, 2);
 }
 
+// The lock covers the counter file's whole life in this process.
+TEST_F(LockFile, the_counter_file_is_closed_before_the_lock_file) {
+    static std::vector<int> closed;
+    for (const bool works : {true, false}) {
+        closed.clear();
+        test::log_lines().clear();
+        const test::SystemFault fault("write", works ? 99 : 1, ENOSPC);
+        test::on_close([](int fd) { closed.push_back(fd); });
+        EXPECT_EQ(set(), works ? 0 : -1);
+        test::on_close(nullptr);
+        ASSERT_GE(closed.size(), 2U);
+        EXPECT_EQ(test::log_lines().back(), "closing fd=" + std::to_string(*(closed.end() - 2)) +
+                                                ", lockfd=" + std::to_string(closed.back()));
+    }
+}
+
 TEST_F(LockFile, below_level_2_a_set_says_nothing) {
     set_level(0);
     EXPECT_EQ(set(), 0);

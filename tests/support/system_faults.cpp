@@ -17,6 +17,7 @@ int __real_fcntl(int fd, int command, ...);
 pid_t __real_getpgid(pid_t pid);
 pid_t __real_getpid();
 int __real_system(const char *command);
+int __real_close(int fd);
 ssize_t __wrap_read(int fd, void *buffer, size_t size);
 ssize_t __wrap_write(int fd, const void *buffer, size_t size);
 off_t __wrap_lseek(int fd, off_t offset, int whence);
@@ -26,6 +27,7 @@ int __wrap_fcntl(int fd, int command, ...);
 pid_t __wrap_getpgid(pid_t pid);
 pid_t __wrap_getpid();
 int __wrap_system(const char *command);
+int __wrap_close(int fd);
 }
 
 namespace {
@@ -37,11 +39,10 @@ struct Fault {
     long result = 0;
 } fault;
 
-void (*system_call_action)(const char *function);
+void (*close_action)(int fd);
 void (*command_line_action)(const char *line);
 
 bool answered(const char *function) {
-    if (system_call_action != nullptr) system_call_action(function);
     if (strcmp(fault.function, function) != 0 || --fault.n != 0) return false;
     errno = fault.error;
     return true;
@@ -63,8 +64,8 @@ SystemFault::~SystemFault() {
     fault = {};
 }
 
-void on_system_call(void (*action)(const char *function)) {
-    system_call_action = action;
+void on_close(void (*action)(int fd)) {
+    close_action = action;
 }
 
 void on_command_line(void (*action)(const char *line)) {
@@ -104,4 +105,8 @@ pid_t __wrap_getpid() {
 int __wrap_system(const char *command) {
     if (command_line_action != nullptr) command_line_action(command);
     return answered("system") ? static_cast<int>(fault.result) : __real_system(command);
+}
+int __wrap_close(int fd) {
+    if (close_action != nullptr) close_action(fd);
+    return __real_close(fd);
 }

@@ -16,8 +16,8 @@ class SystemFault {
     SystemFault &operator=(const SystemFault &) = delete;
 };
 
-// Called before each of the functions is passed on, with its name; null for none.
-void on_system_call(void (*action)(const char *function));
+// Called with every descriptor that the code under test closes; null for none.
+void on_close(void (*action)(int fd));
 // Called with the line of each system() before it is passed on or answered; null for none.
 void on_command_line(void (*action)(const char *line));
 
