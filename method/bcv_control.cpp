@@ -97,7 +97,7 @@ int32_t emc_tf_bcv_control_all(int32_t action, uint32_t option, int32_t count,
     const size_t slots = static_cast<size_t>(count) + 1;
     const tf::HeapOwner<const char *> names(
         static_cast<const char **>(calloc(2 * slots, sizeof(const char *))));
-    if (!names) return fail(ErrorNumber::memory, msg::out_of_memory, control_reporter);
+    if (!names) return fail(ErrorNumber::operation, msg::out_of_memory, control_reporter);
     const Control control = {action, option, names.get(), names.get() + slots};
     for (int32_t first = 0; first < count;) {
         const int32_t length = group_length(list + first, count - first);

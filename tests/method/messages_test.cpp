@@ -4,6 +4,8 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <map>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -153,6 +155,32 @@ TEST(Messages, every_row_is_raised_somewhere) {
         }
         EXPECT_TRUE(raised) << use << " is raised nowhere";
     }
+}
+
+// The identifier and the number are read together: an identifier with a foreign number sends
+// whoever reads it to the wrong page.
+TEST(Messages, every_site_stores_a_number_of_its_row) {
+    const std::map<std::string, std::string> numbers = {
+        {"memory", "1"},     {"operation", "3"},   {"mount_table", "4"}, {"parameter", "7"},
+        {"pair_query", "8"}, {"not_primary", "9"}, {"no_bcv", "10"},     {"disk_group", "11"},
+        {"session", "12"},   {"limit", "13"},
+    };
+    std::map<std::string, std::string> allowed;
+    const std::vector<std::string> names = table_names();
+    for (size_t i = 0; i < names.size(); ++i) {
+        allowed[names[i]] = ", " + table_rows()[i].numbers + ",";
+    }
+    const std::string sources = method_sources();
+    const std::regex site("ErrorNumber::(\\w+),\\s*(?:tf::)?msg::(\\w+)");
+    int sites = 0;
+    for (std::sregex_iterator at(sources.begin(), sources.end(), site), end; at != end; ++at) {
+        ++sites;
+        const std::string number = (*at)[1], name = (*at)[2];
+        ASSERT_TRUE(numbers.contains(number)) << number;
+        EXPECT_NE(allowed[name].find(" " + numbers.at(number) + ","), std::string::npos)
+            << name << " is raised with number " << numbers.at(number);
+    }
+    EXPECT_GT(sites, 100);
 }
 
 // The page for operators is made from the same rows; ./tools/messages-page writes it anew.
