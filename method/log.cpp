@@ -24,17 +24,20 @@ void log_formatted(const char *format, va_list args) {
 }  // namespace
 
 void emc_tf__log(char *text) {
-    if (logf_p == nullptr || text == nullptr) return;
+    // A sink may switch itself off while it runs; it still gets the rest of the text it was called
+    // for.
+    const tf_log_function sink = logf_p;
+    if (sink == nullptr || text == nullptr) return;
     const size_t length = strlen(text);
     for (size_t start = 0; start < length; start += sink_piece) {
         if (start + sink_piece >= length) {
-            logf_p(text + start);
+            sink(text + start);
             return;
         }
         char *const end = text + start + sink_piece;
         const char saved = *end;
         *end = '\0';
-        logf_p(text + start);
+        sink(text + start);
         *end = saved;
     }
 }

@@ -5,6 +5,7 @@
 
 #include "method/interface.h"
 #include "method/report.h"
+#include "tests/support/allocation_faults.h"
 #include "tests/support/method_fixture.h"
 
 namespace {
@@ -53,6 +54,19 @@ TEST_F(Log, a_text_of_exactly_1024_characters_is_one_call_and_of_1025_two) {
     text = alphabet(1025);
     emc_tf__log(text.data());
     EXPECT_EQ(line_lengths(), (std::vector<size_t>{1024, 1}));
+}
+
+TEST_F(Log, a_sink_that_switches_itself_off_gets_the_rest_of_its_text) {
+    logf_p = [](const char *line) {
+        test::collect_line(line);
+        TimeFinder_set_logf(nullptr, 2);
+    };
+    std::string text = alphabet(1500);
+    emc_tf__log(text.data());
+    EXPECT_EQ(line_lengths(), (std::vector<size_t>{1024, 476}));
+    EXPECT_EQ(text, alphabet(1500));
+    emc_tf__log(text.data());
+    EXPECT_EQ(test::log_lines().size(), 2U);
 }
 
 TEST_F(Log, it_does_not_look_at_the_level) {
@@ -108,6 +122,15 @@ TEST_F(Log, at_level_0_a_failure_is_logged_once_as_it_stands_in_the_buffer) {
     set_level(0);
     tf::fail(tf::ErrorNumber::no_bcv, tf::msg::not_in_pair, "find_bcv_pair", "/dev/x");
     EXPECT_EQ(whole_log(), std::string(errmsg) + "\n");
+}
+
+TEST_F(Log, logging_and_reporting_allocate_nothing) {
+    set_level(2);
+    test::no_more_faults();
+    tf::log_trace("Waiting for %s...", "SymInit");
+    tf::fail(tf::ErrorNumber::no_bcv, tf::msg::not_in_pair, "find_bcv_pair", "/dev/x");
+    EXPECT_EQ(test::allocations_seen(), 0);
+    EXPECT_EQ(test::log_lines().size(), 2U);
 }
 
 TEST_F(Log, a_failure_of_a_system_call_carries_the_error_that_errno_held) {
