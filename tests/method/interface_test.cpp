@@ -63,6 +63,10 @@ TEST(Query, writes_44_1_0_at_offsets_0_32_36_and_nothing_else) {
     EXPECT_EQ(record, expected);
 }
 
+TEST(Query, a_missing_record_is_not_written) {
+    EXPECT_EQ(TimeFinder_query(nullptr), 0);
+}
+
 TEST(SetLocale, both_locales_are_C_until_it_is_called) {
     EXPECT_STREQ(mth_lc_messages, "C");
     EXPECT_STREQ(mth_lc_logging, "C");
@@ -80,6 +84,19 @@ TEST(SetLocale, a_name_of_300_characters_is_cut_to_its_first_255) {
     TimeFinder_set_locale(name.c_str(), "fr_FR");
     EXPECT_EQ(std::string(mth_lc_messages), std::string(255, 'x'));
     EXPECT_STREQ(mth_lc_logging, "fr_FR");
+    TimeFinder_set_locale("de_DE", name.c_str());
+    EXPECT_STREQ(mth_lc_messages, "de_DE");
+    EXPECT_EQ(std::string(mth_lc_logging), std::string(255, 'x'));
+}
+
+TEST(SetLocale, a_null_name_stands_for_C_on_either_side_alone) {
+    TimeFinder_set_locale("de_DE", "fr_FR");
+    TimeFinder_set_locale(nullptr, "it_IT");
+    EXPECT_STREQ(mth_lc_messages, "C");
+    EXPECT_STREQ(mth_lc_logging, "it_IT");
+    TimeFinder_set_locale("de_DE", nullptr);
+    EXPECT_STREQ(mth_lc_messages, "de_DE");
+    EXPECT_STREQ(mth_lc_logging, "C");
 }
 
 TEST(SetLocale, passing_the_buffers_back_leaves_them_as_they_are) {
@@ -112,6 +129,15 @@ TEST_F(FreshSink, the_version_line_is_not_tried_again_after_its_allocation_faile
     EXPECT_EQ(version_logged, 1);
     TimeFinder_set_logf(&test::collect_line, 0);
     EXPECT_TRUE(test::log_lines().empty());
+}
+
+TEST_F(FreshSink, sink_and_level_are_stored_whatever_they_are) {
+    EXPECT_EQ(TimeFinder_set_logf(&test::collect_line, -3), 0);
+    EXPECT_EQ(logf_p, &test::collect_line);
+    EXPECT_EQ(log_level, -3);
+    EXPECT_EQ(TimeFinder_set_logf(nullptr, 7), 0);
+    EXPECT_EQ(logf_p, nullptr);
+    EXPECT_EQ(log_level, 7);
 }
 
 TEST_F(FreshSink, the_parser_gets_the_same_sink_and_level) {
