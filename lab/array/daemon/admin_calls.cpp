@@ -216,7 +216,8 @@ json answer_or_failure(Engine *engine, const std::string &line) {
         return failure(refused.number, refused.what());
     } catch (const MediaError &error) {
         return failure(error.number, error.what());
-    } catch (const json::exception &error) {
+    } catch (const std::exception &error) {
+        // A request of the wrong shape, or one that there is no memory for: nothing to die of.
         return failure(code::bad_request, error.what());
     }
 }

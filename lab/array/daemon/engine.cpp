@@ -177,7 +177,12 @@ std::vector<uint64_t> Engine::restore(const Control &plan) {
 const Device &Engine::create_device(const std::string &symid, const std::string &name,
                                     uint64_t size, bool bcv) {
     const Device &device = world_.add_device(symid, name, size, bcv);
-    media_->attach(device, true);
+    try {
+        media_->attach(device, true);
+    } catch (const MediaError &) {
+        world_.undo_device(device.id);
+        throw;
+    }
     return device;
 }
 

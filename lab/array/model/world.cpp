@@ -74,6 +74,14 @@ Device &World::add_device(const std::string &symid, const std::string &name, uin
     return devices_[added.id] = added;
 }
 
+void World::undo_device(int64_t id) {
+    const Device gone = devices_.at(id);
+    if (!gone.bcv) arrays_.at(gone.symid).used -= gone.size;
+    by_name_.erase(key(gone.symid, gone.name));
+    devices_.erase(id);
+    changes.devices.erase(id);
+}
+
 Pair &World::add_pair(const std::string &symid, const std::string &primary_name,
                       const std::string &bcv_name) {
     Device &primary = must_find(symid, primary_name), &bcv = must_find(symid, bcv_name);

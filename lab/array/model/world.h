@@ -32,6 +32,8 @@ class World {
     // Building. Each throws Refused and changes nothing when it cannot be.
     void add_array(const std::string &symid, uint64_t capacity);
     Device &add_device(const std::string &symid, const std::string &name, uint64_t size, bool bcv);
+    // Takes back the device that was added last.
+    void undo_device(int64_t id);
     Pair &add_pair(const std::string &symid, const std::string &primary, const std::string &bcv);
     void set_label(const std::string &symid, const std::string &name, const std::string &ldev);
     // ldev "" keeps the logical name.
