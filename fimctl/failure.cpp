@@ -22,8 +22,6 @@ const char *name_of(Step step) {
         return "quiesce the file systems";
     case Step::commit:
         return "freeze commit";
-    case Step::unquiesce:
-        return "thaw the file systems";
     case Step::checkpoint:
         return "checkpoint";
     case Step::judge:

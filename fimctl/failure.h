@@ -32,7 +32,6 @@ enum class Step {
     states,   // read the pair states
     quiesce,  // FIFREEZE
     commit,   // freeze commit
-    unquiesce,
     checkpoint,
     judge,
     rebuild,

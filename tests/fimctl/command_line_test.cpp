@@ -46,6 +46,7 @@ TEST_F(CommandLine, a_number_that_is_no_snapshot_ends_with_10) {
     for (const char *command : {"mount", "release", "show"}) {
         EXPECT_EQ(fimctl({command, "7"}).status, 10) << command;
     }
+    EXPECT_FALSE(test::exists(state_)) << "asking makes no catalogue";
     EXPECT_EQ(freeze().status, 0);
     EXPECT_EQ(fimctl({"show", "7"}).status, 10);
 }
@@ -228,7 +229,6 @@ TEST_F(CommandLine, what_does_not_fit_the_state_of_a_snapshot_is_refused) {
 
 TEST_F(CommandLine, a_catalogue_of_a_later_version_is_left_alone) {
     ASSERT_EQ(freeze().status, 0);
-    ASSERT_EQ(system("true"), 0);
     {
         std::string bytes = test::read_file("/var/lib/fimctl/catalogue.db");
         bytes[63] = 9;  // the user version in the file's header
