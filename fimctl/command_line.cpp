@@ -93,9 +93,9 @@ class CommandLine {
         }
         log::set_up(options_.log);
         signals::install();
-        Catalogue catalogue(
-            options_.settings.state,
-            run_->parsed() || freeze_->parsed() || !Catalogue::exists(options_.settings.state));
+        const bool begins = run_->parsed() || freeze_->parsed();
+        if (!begins && !Catalogue::exists(options_.settings.state)) throw no_such_snapshot();
+        Catalogue catalogue(options_.settings.state, begins);
         Cycle cycle(options_.settings, catalogue);
         if (run_->parsed()) cycle.run(options_.paths, options_.command);
         if (freeze_->parsed())
@@ -144,6 +144,11 @@ class CommandLine {
                           "do not freeze the file systems around the cut");
     }
 
+    Failure no_such_snapshot() const {
+        return Failure(Step::catalogue, ExitCode::no_such_snapshot,
+                       "there is no snapshot " + std::to_string(options_.id));
+    }
+
     void list() {
         std::vector<SnapshotRecord> shown;
         if (Catalogue::exists(options_.settings.state)) {
@@ -159,10 +164,7 @@ class CommandLine {
         if (Catalogue::exists(options_.settings.state)) {
             snapshot = Catalogue(options_.settings.state, false).find(options_.id);
         }
-        if (!snapshot) {
-            throw Failure(Step::catalogue, ExitCode::no_such_snapshot,
-                          "there is no snapshot " + std::to_string(options_.id));
-        }
+        if (!snapshot) throw no_such_snapshot();
         std::vector<Pair> pairs;
         for (const ObjectRecord &object : snapshot->objects) {
             for (const PairRecord &record : object.pairs) pairs.push_back(record.pair);
