@@ -185,6 +185,18 @@ TEST_F(Convert, a_buffer_that_cannot_grow_is_gone) {
     EXPECT_EQ(message(), "make_room: Memory allocation failure at line 177");
 }
 
+TEST_F(Convert, a_buffer_that_cannot_grow_is_given_back) {
+    const size_t before = mallinfo2().uordblks;
+    for (int i = 0; i < 100; ++i) {
+        size_t size = 1024;
+        char *buffer = static_cast<char *>(malloc(size));
+        test::fail_allocation(1);
+        make_room(table, 1024, &buffer, &size);
+        test::no_more_faults();
+    }
+    EXPECT_LT(mallinfo2().uordblks, before + 10240);
+}
+
 TEST_F(Convert, a_value_may_hold_the_equals_sign) {
     add_text("a", text);
     EXPECT_EQ(internal("a=b=c"), 0u);

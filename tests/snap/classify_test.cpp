@@ -230,10 +230,18 @@ TEST_F(Fsdevinfo, a_raw_device_whose_block_name_has_no_memory_is_a_success_witho
     EXPECT_EQ(outputs(), "raw_device, /dev/null, null, /null, ext4");
 }
 
+// Writes over whatever an earlier call has left on the stack.
+[[gnu::noinline]] void overwrite_stack() {
+    char rubbish[16384];
+    memset(rubbish, 'r', sizeof rubbish);
+    asm volatile("" : : "r"(rubbish) : "memory");
+}
+
 TEST_F(Fsdevinfo, a_block_device_has_a_raw_name_that_outlives_the_call_needs_root) {
     SKIP_UNLESS_NODES();
     test::make_node(block_volume, S_IFBLK);
     EXPECT_EQ(describe(block_volume), 0);
+    overwrite_stack();
     EXPECT_EQ(outputs(), "block_device, /dev/qz/rdsk/dg/vol, /dev/qz/dsk/dg/vol, /data, qzfs");
     EXPECT_EQ(block, block_volume);
 }
