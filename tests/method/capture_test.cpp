@@ -95,6 +95,14 @@ TEST_F(CaptureFiles, reading_does_not_follow_a_link_and_does_not_wait_for_a_pipe
     for (const char *name : {"/tmp/target", "/tmp/link", "/tmp/pipe"}) unlink(name);
 }
 
+TEST_F(CaptureFiles, what_is_read_does_not_reach_other_programs) {
+    test::write_file("/tmp/target", "text");
+    const tf::StreamOwner stream(tf::open_for_reading("/tmp/target"));
+    ASSERT_TRUE(stream);
+    EXPECT_EQ(fcntl(fileno(stream.get()), F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+    unlink("/tmp/target");
+}
+
 class HostCommandOutput : public test::Method {
   protected:
     test::FrozenObject object;

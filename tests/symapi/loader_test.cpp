@@ -122,6 +122,15 @@ TEST_F(Loader, resolution_without_a_missing_function_is_0) {
     EXPECT_EQ(whole_log(), "");
 }
 
+TEST_F(Loader, resolution_of_two_groups_fills_every_row_that_is_in_one_of_them) {
+    EXPECT_EQ(emc_tf_openSymapiLibrary(fake_library_path), 0);
+    EXPECT_EQ(emc_tf_resolveSymapiSymbols(5), 13);
+    for (const auto &[name, row] : rows()) {
+        const bool wanted = (row->mask & 5) != 0 && name != "SymDgShow";
+        EXPECT_EQ(slot(*row) != nullptr, wanted) << name;
+    }
+}
+
 TEST_F(Loader, the_four_functions_without_a_group_are_never_loaded) {
     EXPECT_EQ(emc_tf_openSymapiLibrary(fake_library_path), 0);
     emc_tf_resolveSymapiSymbols(0xffffffff);
