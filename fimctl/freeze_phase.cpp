@@ -109,10 +109,11 @@ class FreezePhase {
         const Guardian::End end = guardian.thaw();
         Message split = Message::array();
         for (const auto &[device, bcv] : log::split_list()) split.push_back({device, bcv});
-        talk_.send({{"cut", end.frozen_ms},
-                    {"late", end.late},
-                    {"disturbed", end.disturbed},
-                    {"split", split}});
+        talk_.ask({{"cut", end.frozen_ms},
+                   {"late", end.late},
+                   {"disturbed", end.disturbed},
+                   {"split", split}},
+                  Step::commit);
     }
 
     void checkpoint(Method &method) {

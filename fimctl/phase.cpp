@@ -27,10 +27,6 @@ void Conversation::step(Step step, int object) {
     channel_.send({{"step", static_cast<int>(step)}, {"object", object}});
 }
 
-void Conversation::send(const Message &message) {
-    channel_.send(message);
-}
-
 void Conversation::ask(const Message &message, Step step) {
     channel_.send(message);
     const auto answer = channel_.receive();

@@ -1,9 +1,9 @@
 // The three phases of a snapshot, each the body of a process of its own, and how a phase talks with
 // the command that started it.
 //
-// A phase sends messages: {"step", "object"} before each call, its results, and at its end
-// {"done"} or {"failed"}. It asks for a "go" where the command has to keep something before the
-// phase may go on; an answer of false, or none, makes it roll back.
+// A phase sends {"step", "object"} before each call, and {"done"} or {"failed"} at its end. Every
+// other message is a result that the command keeps and answers with a "go": an answer of false, or
+// none, makes the phase roll back.
 #pragma once
 
 #include <string>
@@ -50,7 +50,6 @@ class Conversation {
 
     // Tells which call comes next; object -1 where it concerns none alone.
     void step(Step step, int object = -1);
-    void send(const Message &message);
     // Sends a message and waits for the go; throws Failure when it is refused.
     void ask(const Message &message, Step step);
     void done();

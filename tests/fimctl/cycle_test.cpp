@@ -184,14 +184,18 @@ TEST_F(Cycle, a_roll_back_that_fails_leaves_something_to_clean_and_says_what_to_
 }
 
 TEST_F(Cycle, a_text_that_cannot_be_kept_is_rolled_back_by_the_process_that_cut_the_copy) {
-    // The catalogue is gone from under the command when the first text arrives.
-    script("ckpt 2 copy /var/fake/broken " + state_);
+    // The catalogue breaks while the text of the second object is being made.
+    script("ckpt 4 copy /var/fake/broken " + state_);
     test::make_folders("/var/fake/broken");
     test::write_file("/var/fake/broken/catalogue.db", std::string(8192, 'x'));
-    const Ended ended = freeze();
+    const Ended ended = fimctl({"freeze", "--no-quiesce", one_, second()});
     EXPECT_NE(ended.status, 0);
-    EXPECT_EQ(story(), "freeze ctl ckpt freeze_commit ckpt thaw thaw_commit");
+    EXPECT_NE(ended.err.find("the catalogue: "), std::string::npos) << ended.err;
+    EXPECT_EQ(story(),
+              "freeze freeze ctl ckpt ckpt freeze_commit freeze_commit ckpt ckpt "
+              "thaw thaw thaw_commit thaw_commit");
     EXPECT_EQ(array_state("00A1"), 2);
+    EXPECT_EQ(array_state("00A2"), 2);
 }
 
 TEST_F(Cycle, the_text_taken_after_volumes_is_the_one_to_thaw_with) {
