@@ -13,33 +13,19 @@ bool is_ready(const World &world, const Device &bcv) {
     return true;
 }
 
-// Makes BCVs that were taken from their hosts ready again unless the work was finished.
-class TakenFromHosts {
-  public:
-    explicit TakenFromHosts(Media *media) : media_(media) {}
-    TakenFromHosts(const TakenFromHosts &) = delete;
-    TakenFromHosts &operator=(const TakenFromHosts &) = delete;
-    ~TakenFromHosts() {
-        for (const Device *bcv : taken_) give_back(*bcv);
+// Takes BCVs away from their hosts: all of them, or none when one cannot be taken.
+void take_from_hosts(Media *media, const std::vector<DataPair> &pairs) {
+    std::vector<const Device *> taken;
+    for (const DataPair &pair : pairs) {
+        if (media->ready(*pair.bcv)) taken.push_back(pair.bcv);  // a restored one is taken already
     }
-    void take(const Device &bcv) {
-        if (!media_->ready(bcv)) return;  // after a restore
-        media_->set_ready(bcv, false);
-        taken_.push_back(&bcv);
+    try {
+        media->set_ready(taken, false);
+    } catch (const MediaError &) {
+        media->set_ready(taken, true);
+        throw;
     }
-    void keep() { taken_.clear(); }
-
-  private:
-    void give_back(const Device &bcv) {
-        try {
-            media_->set_ready(bcv, true);
-        } catch (const MediaError &error) {
-            std::cerr << "tfarrayd: " << error.what() << "\n";
-        }
-    }
-    Media *media_;
-    std::vector<const Device *> taken_;
-};
+}
 
 }  // namespace
 
@@ -69,14 +55,15 @@ Engine::Engine(const std::string &state_file, std::unique_ptr<Media> media)
 void Engine::settle() {
     const std::vector<int64_t> settled = world_.settle(now());
     if (settled.empty()) return;
+    std::vector<const Device *> split;
     for (const int64_t id : settled) {
         const Pair &pair = world_.pair(id);
-        if (pair.state != PairState::split) continue;
-        try {
-            media_->set_ready(world_.device(pair.bcv), true);
-        } catch (const MediaError &error) {
-            std::cerr << "tfarrayd: " << error.what() << "\n";
-        }
+        if (pair.state == PairState::split) split.push_back(&world_.device(pair.bcv));
+    }
+    try {
+        media_->set_ready(split, true);
+    } catch (const MediaError &error) {
+        std::cerr << "tfarrayd: " << error.what() << "\n";
     }
     save();
 }
@@ -136,7 +123,9 @@ std::vector<uint64_t> Engine::move_data(const Control &plan) {
     const std::vector<DataPair> pairs = data_pairs(plan);
     media_->cut(pairs);
     if (world_.settings().split_time == 0) {
-        for (const DataPair &pair : pairs) media_->set_ready(*pair.bcv, true);
+        std::vector<const Device *> bcvs;
+        for (const DataPair &pair : pairs) bcvs.push_back(pair.bcv);
+        media_->set_ready(bcvs, true);
     }
     return std::vector<uint64_t>(pairs.size(), 0);
 }
@@ -152,9 +141,7 @@ std::vector<uint64_t> Engine::join(const Control &plan) {
         tracks.push_back(plan.action == BcvAction::full_establish ? pair.primary->size / track_size
                                                                   : media_->changed_tracks(pair));
     }
-    TakenFromHosts taken(media_.get());
-    for (const DataPair &pair : pairs) taken.take(*pair.bcv);
-    taken.keep();
+    take_from_hosts(media_.get(), pairs);
     return tracks;
 }
 
@@ -168,9 +155,7 @@ std::vector<uint64_t> Engine::restore(const Control &plan) {
     }
     for (const DataPair &pair : pairs) tracks.push_back(media_->changed_tracks(pair));
     media_->copy_back(pairs);
-    TakenFromHosts taken(media_.get());
-    for (const DataPair &pair : pairs) taken.take(*pair.bcv);
-    taken.keep();
+    take_from_hosts(media_.get(), pairs);
     return tracks;
 }
 

@@ -72,14 +72,8 @@ class FileMedia : public Media {
                          "device " + device.symid + " " + device.name + " is held by a host");
     }
 
-    void set_ready(const Device &bcv, bool ready) override {
-        struct stat status = {};
-        const Fd &file = places_.at(bcv.id).file;
-        if (fstat(file.get(), &status) != 0) media_fails("look at device " + bcv.name);
-        // A cut has filled the file already; what it holds stays.
-        if (!ready || static_cast<uint64_t>(status.st_size) != bcv.size) {
-            set_size(file, ready ? bcv.size : 0);
-        }
+    void set_ready(const std::vector<const Device *> &bcvs, bool ready) override {
+        for (const Device *bcv : bcvs) set_one_ready(*bcv, ready);
     }
 
     uint64_t changed_tracks(const DataPair &pair) override {
@@ -119,6 +113,16 @@ class FileMedia : public Media {
 
     std::string path_of(const Device &device) const {
         return store_ + "/" + device.symid + "-" + device.name + (device.bcv ? ".bcv" : ".std");
+    }
+
+    void set_one_ready(const Device &bcv, bool ready) {
+        struct stat status = {};
+        const Fd &file = places_.at(bcv.id).file;
+        if (fstat(file.get(), &status) != 0) media_fails("look at device " + bcv.name);
+        // A cut has filled the file already; what it holds stays.
+        if (!ready || static_cast<uint64_t>(status.st_size) != bcv.size) {
+            set_size(file, ready ? bcv.size : 0);
+        }
     }
 
     void copy(const Device &from, const Device &to) {

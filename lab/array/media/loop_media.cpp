@@ -15,8 +15,13 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <exception>
 #include <map>
+#include <mutex>
+#include <thread>
 
 #include "lab/array/media/extents.h"
 #include "lab/array/media/loop_device.h"
@@ -26,6 +31,8 @@ namespace {
 
 // A major number that no driver has: opening a node of it answers ENXIO, as a dead path does.
 constexpr unsigned dead_major = 120;
+
+constexpr size_t most_threads = 32;
 
 struct ClaimedLoop : Claim {
     explicit ClaimedLoop(Fd held) : fd(std::move(held)) {}
@@ -78,10 +85,30 @@ class LoopMedia : public Media {
             "device " + device.symid + " " + device.name + " is held or mounted by a host");
     }
 
-    void set_ready(const Device &bcv, bool ready) override {
-        LoopDevice &loop = places_.at(bcv.id).loop;
-        loop.move_window(ready ? 0 : bcv.size);
-        loop.flush();
+    // The kernel takes some 20 ms to change one loop device, most of it waiting; many at a time
+    // wait together.
+    void set_ready(const std::vector<const Device *> &bcvs, bool ready) override {
+        std::atomic<size_t> next = 0;
+        std::mutex lock;
+        std::exception_ptr failure;
+        const auto work = [&] {
+            for (size_t i = next++; i < bcvs.size(); i = next++) {
+                try {
+                    set_one_ready(*bcvs[i], ready);
+                } catch (...) {
+                    const std::lock_guard guard(lock);
+                    failure = std::current_exception();
+                }
+            }
+        };
+        {
+            std::vector<std::jthread> others;
+            for (size_t i = 1; i < std::min(bcvs.size(), most_threads); ++i) {
+                others.emplace_back(work);
+            }
+            work();
+        }
+        if (failure != nullptr) std::rethrow_exception(failure);
     }
 
     uint64_t changed_tracks(const DataPair &pair) override {
@@ -139,6 +166,12 @@ class LoopMedia : public Media {
         LoopDevice loop;
         Fd file;  // of a BCV
     };
+
+    void set_one_ready(const Device &bcv, bool ready) {
+        LoopDevice &loop = places_.at(bcv.id).loop;
+        loop.move_window(ready ? 0 : bcv.size);
+        loop.flush();
+    }
 
     LoopDevice loop_over(const Fd &file, const std::string &path, uint64_t offset, uint64_t size) {
         LoopDevice loop;

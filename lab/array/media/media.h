@@ -46,7 +46,9 @@ class Media {
 
     // Claims a device or throws bcv_held or standard_held when a host holds or has mounted it.
     virtual std::unique_ptr<Claim> claim(const Device &device) = 0;
-    virtual void set_ready(const Device &bcv, bool ready) = 0;
+    // BCVs that are so already stay so. When one cannot be changed, some of the others may have
+    // been.
+    virtual void set_ready(const std::vector<const Device *> &bcvs, bool ready) = 0;
     // Tracks in which the BCV differs from its standard device.
     virtual uint64_t changed_tracks(const DataPair &pair) = 0;
     // Copies every standard device of the call into its BCV as of one instant. All pairs are of one
