@@ -76,6 +76,7 @@ class Cycle {
     void freeze_phase(int64_t id, const FreezeJob &job);
     void keep_states_before(int64_t id, const Message &message);
     void end_freeze(int64_t id, const Outcome &outcome, const Cut &cut);
+    bool end_as_failed(int64_t id);
     void judge_copy(int64_t id, const Cut &cut);
     void release_void(int64_t id, const std::string &reason, ExitCode code);
     void undo(const SnapshotRecord &snapshot);

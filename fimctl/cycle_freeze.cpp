@@ -101,13 +101,9 @@ void Cycle::end_freeze(int64_t id, const Outcome &outcome, const Cut &cut) {
         }
         return;
     }
-    const SnapshotRecord snapshot = known(id);
     if (outcome.died()) {
-        const bool harmless = snapshot.state == State::begun;
-        if (harmless) {
-            catalogue_.set_state(id, State::failed);
-            remove_folders(snapshot);
-        }
+        const bool harmless = known(id).state == State::begun;
+        if (harmless) end_as_failed(id);
         const ExitCode code = !harmless                ? ExitCode::left
                               : signals::raised() != 0 ? ExitCode::interrupted
                                                        : ExitCode::failed;
@@ -115,14 +111,27 @@ void Cycle::end_freeze(int64_t id, const Outcome &outcome, const Cut &cut) {
     }
     Failure failure = *outcome.failure;
     if (outcome.trouble.empty()) {
-        catalogue_.set_state(id, State::failed);
-        remove_folders(snapshot);
         failure.afterwards = "rolled back";
+        if (!end_as_failed(id)) failure.code = ExitCode::left;
     } else {
         failure.code = ExitCode::left;
         failure.afterwards = "the roll-back failed: " + outcome.trouble;
     }
     throw failure;
+}
+
+// A catalogue that cannot be written is one more failure, not the one that the user asks about.
+bool Cycle::end_as_failed(int64_t id) {
+    try {
+        const SnapshotRecord snapshot = known(id);
+        remove_folders(snapshot);
+        catalogue_.set_state(id, State::failed);
+        return true;
+    } catch (const Failure &failure) {
+        log::problem(std::string(failure.what()) + "; it still lists snapshot " +
+                     std::to_string(id));
+        return false;
+    }
 }
 
 // The array's word, after the process that cut the copy has ended.

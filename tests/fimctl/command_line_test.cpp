@@ -134,6 +134,28 @@ TEST_F(CommandLine, a_full_disk_ends_before_the_array_is_touched) {
     EXPECT_TRUE(story().empty());
 }
 
+TEST_F(CommandLine, a_disk_that_is_full_when_the_text_is_to_be_kept_rolls_the_copy_back) {
+    test::make_folders("/small");
+    ASSERT_EQ(mount("tmpfs", "/small", "tmpfs", 0, "size=256k,mode=0700"), 0);
+    mounted_.push_back("/small");
+    test::make_folders("/var/fake/big");
+    test::write_file("/var/fake/big/filler", std::string(1 << 20, 'x'));
+    script("ckpt 2 copy /var/fake/big /small");
+    const Ended ended = fimctl({"--state", "/small", "freeze", "--no-quiesce", one_});
+    EXPECT_EQ(ended.status, 3) << ended.err;
+    EXPECT_EQ(story(), "freeze ctl ckpt freeze_commit ckpt thaw thaw_commit");
+    EXPECT_NE(ended.err.find("step \"keep the catalogue\" failed: the catalogue: database or disk "
+                             "is full"),
+              std::string::npos)
+        << ended.err;
+    EXPECT_NE(ended.err.find("then: rolled back"), std::string::npos) << ended.err;
+    EXPECT_EQ(array_state("00A1"), 2);
+    unlink("/small/filler");
+    EXPECT_NE(fimctl({"--state", "/small", "list"}).out.find("cutting"), std::string::npos);
+    test::write_file("/var/fake/script", "");
+    EXPECT_EQ(fimctl({"--state", "/small", "release", "1"}).status, 0);
+}
+
 TEST_F(CommandLine, freeze_prints_the_number_and_nothing_else_on_standard_output) {
     EXPECT_EQ(freeze().out, "1\n");
 }

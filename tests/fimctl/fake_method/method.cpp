@@ -98,9 +98,12 @@ void act(const std::string &action, std::istringstream &rest, Play &play) {
     } else if (action == "copy") {
         std::string to;
         rest >> word >> to;
+        // A disk may fill up under the copy: as much of it as there is room for is what is wanted.
+        std::error_code error;
         std::filesystem::copy(word, to,
                               std::filesystem::copy_options::recursive |
-                                  std::filesystem::copy_options::overwrite_existing);
+                                  std::filesystem::copy_options::overwrite_existing,
+                              error);
     } else if (action == "temporary") {
         const std::string temporary = getenv("TMPDIR");
         record("note", "TMPDIR=" + temporary);
