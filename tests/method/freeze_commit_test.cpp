@@ -108,6 +108,16 @@ TEST_F(FreezeCommit, with_several_objects_the_session_stays_for_the_others) {
     EXPECT_FALSE(logged("Waiting for SymExit..."));
 }
 
+TEST_F(FreezeCommit, a_count_that_falls_below_0_ends_no_session) {
+    hdef *const h = object("datadg");
+    device(h, "0001");
+    client_count = 0;  // a rebuilt object was never counted
+    EXPECT_EQ(TimeFinder_freeze_commit(h), 0);
+    EXPECT_EQ(client_count, -1);
+    EXPECT_TRUE(array.calls_of("SymExit").empty());
+    EXPECT_EQ(sH, 7);
+}
+
 TEST_F(FreezeCommit, each_array_gets_one_call_and_the_waits_follow_the_sorted_table) {
     hdef *const h = object("datadg");
     device(h, "0001", 2, other_array);

@@ -207,6 +207,23 @@ TEST_F(FreezeConfig, keep_fi_in_the_string_does_not_import) {
     EXPECT_TRUE(logged("hdefp->dgimport = 0"));
 }
 
+TEST_F(FreezeConfig, a_record_that_is_kept_imports_unless_a_contrary_entry_exists) {
+    hdef *const h = tf::make_zeroed<hdef>();
+    h->keep_fi = 1;
+    tf::Freeze f{nullptr, "", "", false, nullptr};
+    f.h = h;
+    f.alternate_client.reset(strdup("backup1"));
+    EXPECT_EQ(tf::decide_import(f), 0);
+    EXPECT_EQ(h->dgimport, 1);
+    EXPECT_EQ(fake_host().looked_up,
+              (std::vector<std::string>{"/usr/quill/tessera no_dgimport",
+                                        "/usr/quill/tessera no_dgimport_backup1"}));
+    fake_host().entries["no_dgimport"] = "";
+    EXPECT_EQ(tf::decide_import(f), 0);
+    EXPECT_EQ(h->dgimport, 0);
+    tf::free_hdef(h);
+}
+
 TEST_F(FreezeConfig, the_decision_is_logged_at_level_2) {
     set_level(1);
     ASSERT_EQ(freeze("alternate_backup_client=backup1"), 0);

@@ -155,6 +155,27 @@ TEST_F(Restore, group_whose_first_object_is_not_imported_is_left_alone) {
     EXPECT_EQ(commands(), test::Lines{});
 }
 
+// The object that was listed last stands first, whichever object the call is about.
+TEST_F(Restore, newest_object_of_the_group_decides_whether_it_is_imported) {
+    hdef *h = new_restored("vola", "00A1", "01A1");
+    new_restored("volb", "00A2", "01A2")->dgimport = 0;
+    EXPECT_EQ(TimeFinder_thaw_commit(h), 0);
+    EXPECT_EQ(TimeFinder_thaw_commit(h), 0);
+    EXPECT_EQ(DG_LIST->restore_count, DG_LIST->vol_count);
+    EXPECT_EQ(array.calls, test::Lines{});
+    EXPECT_EQ(commands(), test::Lines{});
+}
+
+TEST_F(Restore, call_behind_the_last_one_of_its_group_deports_nothing) {
+    hdef *h = new_restored("vola", "00A1", "01A1");
+    EXPECT_EQ(TimeFinder_thaw_commit(h), 0);
+    array.calls.clear();
+    EXPECT_EQ(TimeFinder_thaw_commit(h), 0);
+    EXPECT_EQ(DG_LIST->restore_count, 2);
+    EXPECT_EQ(array.calls, test::Lines{});
+    EXPECT_EQ(commands(), deport_import_start);
+}
+
 TEST_F(Restore, failed_deport_is_returned_before_the_array_is_touched) {
     hdef *h = new_restored("vola", "00A1", "01A1");
     test::RecordedCommands::fail(1);

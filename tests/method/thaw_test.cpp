@@ -137,6 +137,27 @@ TEST_F(Thaw, unlisted_disk_group_fails_and_removes_only_the_capture_files) {
     EXPECT_TRUE(test::exists("/tmp/EMCTXtest"));
 }
 
+TEST_F(Thaw, copy_of_an_unlisted_group_is_unmounted_all_the_same) {
+    hdef *h = new_object(TF_OBJECT_FILE_SYSTEM);
+    h->is_mount = 1;
+    tf::put(h->mount_point, "/var");
+    EXPECT_EQ(TimeFinder_thaw(h), 11);
+    expect_failure(11, "TimeFinder_thaw: __NOT_VOL__GRP__: disk group not listed");
+    EXPECT_EQ(test::fake_host().calls, test::Lines{"umount /var 0"});
+}
+
+TEST_F(Thaw, copy_is_unmounted_before_its_group_is_deported) {
+    hdef *h = new_imported_volume("vola", "datadg", TF_OBJECT_FILE_SYSTEM);
+    h->is_mount = 1;
+    tf::put(h->mount_point, "/var");
+    test::fake_host().on_command = [](const std::string &, const Q_sys_cmd_exec_options &) {
+        EXPECT_EQ(commands(), test::Lines{});
+    };
+    EXPECT_EQ(TimeFinder_thaw(h), 0);
+    EXPECT_EQ(test::fake_host().calls.size(), 1U);
+    EXPECT_EQ(commands().size(), 2U);
+}
+
 TEST_F(Thaw, last_of_three_objects_deports_the_imported_group) {
     hdef *objects[] = {new_imported_volume("vola"), new_imported_volume("volb"),
                        new_imported_volume("volc")};

@@ -139,6 +139,18 @@ TEST_F(Volumes, failed_owner_change_of_the_block_path_fails_the_call) {
     EXPECT_EQ(owners("/dev/qz/rdmp/b0"), "11:12");
 }
 
+TEST_F(Volumes, failed_owner_changes_of_both_paths_are_both_reported) {
+    hdef *h = new_mirrored_device();
+    unlink("/dev/qz/rdmp/b0");
+    unlink("/dev/qz/dmp/b0");
+    EXPECT_EQ(volumes(h), 11);
+    EXPECT_EQ(whole_log(),
+              "set_owner_ids: Cannot chown /dev/qz/rdmp/b0 to uid=11, gid=12: "
+              "No such file or directory\n"
+              "set_owner_ids: Cannot chown /dev/qz/dmp/b0 to uid=13, gid=14: "
+              "No such file or directory\n");
+}
+
 TEST_F(Volumes, unlisted_disk_group_is_reported) {
     hdef *h = new_object(TF_OBJECT_RAW_DEVICE);
     h->is_vol = h->dgimport = 1;

@@ -1,0 +1,61 @@
+#include "method/transfer_file.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "method/text.h"
+#include "tests/support/private_root.h"
+
+namespace {
+
+constexpr char path[] = "/tmp/EMCTXtest";
+
+class TransferFile : public testing::Test {
+  protected:
+    ~TransferFile() override { unlink(path); }
+
+    tf::TransferFile file;
+};
+
+TEST_F(TransferFile, file_that_exists_is_not_taken) {
+    test::write_file(path, "somebody else's");
+    EXPECT_FALSE(file.create(path));
+    EXPECT_EQ(errno, EEXIST);
+    EXPECT_FALSE(file.write_line("a line"));
+    EXPECT_EQ(test::read_file(path), "somebody else's");
+}
+
+TEST_F(TransferFile, link_is_not_followed) {
+    ASSERT_EQ(symlink("/var/elsewhere", path), 0);
+    EXPECT_FALSE(file.create(path));
+    EXPECT_FALSE(test::exists("/var/elsewhere"));
+}
+
+TEST_F(TransferFile, line_stands_in_the_file_at_once) {
+    ASSERT_TRUE(file.create(path));
+    EXPECT_TRUE(file.write_line("one line"));
+    EXPECT_TRUE(file.write_line(""));
+    EXPECT_EQ(test::read_file(path), "one line\n\n");
+}
+
+TEST_F(TransferFile, closed_file_takes_no_line_and_may_be_closed_again) {
+    ASSERT_TRUE(file.create(path));
+    file.close();
+    file.close();
+    EXPECT_FALSE(file.write_line("a line"));
+    EXPECT_EQ(test::read_file(path), "");
+}
+
+TEST_F(TransferFile, discarding_deletes_the_file_and_empties_the_path) {
+    hdef h = {};
+    tf::put(h.transfer_file, path);
+    test::write_file(path, "");
+    tf::discard_transfer_file(&h);
+    EXPECT_FALSE(test::exists(path));
+    EXPECT_STREQ(h.transfer_file, "");
+    tf::discard_transfer_file(&h);
+}
+
+}  // namespace
