@@ -20,10 +20,16 @@ void message_format_does_not_match_its_types();  // never defined: calling it is
 // The conversion that prints a type in a message.
 template <class T>
 consteval const char *conversion() {
-    if constexpr (std::is_same_v<T, const char *>) return "s";
-    if constexpr (std::is_same_v<T, int>) return "d";
-    if constexpr (std::is_same_v<T, long>) return "ld";
-    if constexpr (std::is_same_v<T, unsigned long>) return "lu";
+    if constexpr (std::is_same_v<T, const char *>) {
+        return "s";
+    } else if constexpr (std::is_same_v<T, int>) {
+        return "d";
+    } else if constexpr (std::is_same_v<T, long>) {
+        return "ld";
+    } else {
+        static_assert(std::is_same_v<T, unsigned long>, "no message prints this type");
+        return "lu";
+    }
 }
 
 // Advances format past its next conversion when that is the wanted one.

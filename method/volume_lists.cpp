@@ -69,10 +69,10 @@ class DeviceList {
         size_t wanted = size_;
         while (wanted <= length_ + length) wanted *= 2;
         if (wanted == size_) return true;
-        auto *const grown = static_cast<char *>(realloc(text_.get(), wanted));
+        char *const held = text_.release();
+        auto *const grown = static_cast<char *>(realloc(held, wanted));
+        text_.reset(grown != nullptr ? grown : held);
         if (grown == nullptr) return false;
-        text_.release();
-        text_.reset(grown);
         size_ = wanted;
         return true;
     }

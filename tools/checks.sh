@@ -133,6 +133,6 @@ check_tidy() {
     local files
     configured clang || return 1
     mapfile -t files < <(git ls-files -- "${shipped[@]/%//*.cpp}" 'fimctl/*.cpp' 'lab/*.cpp')
-    printf '%s\n' "${files[@]}" | xargs -P 2 -n 4 clang-tidy-14 --quiet -p build/clang \
+    printf '%s\n' "${files[@]}" | xargs -P 2 -n 1 clang-tidy-14 --quiet -p build/clang \
         --warnings-as-errors='*'
 }
