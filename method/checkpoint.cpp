@@ -33,41 +33,41 @@ struct Field {
 // Every caller of the table registers an integer with the size 8, whatever its width.
 constexpr uint64_t integer_size = 8;
 
-#define TF_INTEGER(prefix, record, field) \
-    { prefix #field, CTYPE_INT, integer_size, offsetof(record, field) }
-#define TF_TEXT(prefix, record, field) \
-    { prefix #field, CTYPE_STR, sizeof(record::field), offsetof(record, field) }
+#define TF_HDEF_INTEGER(field) \
+    { "HDEF-" #field, CTYPE_INT, integer_size, offsetof(hdef, field) }
+#define TF_HDEF_TEXT(field) \
+    { "HDEF-" #field, CTYPE_STR, sizeof(hdef::field), offsetof(hdef, field) }
+#define TF_PMINFO_INTEGER(field) \
+    { "PMINFO-" #field, CTYPE_INT, integer_size, offsetof(prim_mir_info, field) }
+#define TF_PMINFO_TEXT(field) \
+    { "PMINFO-" #field, CTYPE_STR, sizeof(prim_mir_info::field), offsetof(prim_mir_info, field) }
 
 // The order of these rows is the order of the lines.
 constexpr Field hdef_fields[] = {
-    TF_INTEGER("HDEF-", hdef, sync_at_start), TF_INTEGER("HDEF-", hdef, async_resync),
-    TF_INTEGER("HDEF-", hdef, is_vol),        TF_INTEGER("HDEF-", hdef, is_mount),
-    TF_INTEGER("HDEF-", hdef, object_type),   TF_TEXT("HDEF-", hdef, mount_point),
-    TF_TEXT("HDEF-", hdef, vol_group),        TF_TEXT("HDEF-", hdef, vol_name),
-    TF_TEXT("HDEF-", hdef, clone_group),      TF_TEXT("HDEF-", hdef, primary_host),
-    TF_TEXT("HDEF-", hdef, fstype),           TF_INTEGER("HDEF-", hdef, keep_fi),
-    TF_INTEGER("HDEF-", hdef, dgimport),      TF_TEXT("HDEF-", hdef, fs_path),
-    TF_TEXT("HDEF-", hdef, dev_raw_device),   TF_TEXT("HDEF-", hdef, dev_block_device),
+    TF_HDEF_INTEGER(sync_at_start), TF_HDEF_INTEGER(async_resync), TF_HDEF_INTEGER(is_vol),
+    TF_HDEF_INTEGER(is_mount),      TF_HDEF_INTEGER(object_type),  TF_HDEF_TEXT(mount_point),
+    TF_HDEF_TEXT(vol_group),        TF_HDEF_TEXT(vol_name),        TF_HDEF_TEXT(clone_group),
+    TF_HDEF_TEXT(primary_host),     TF_HDEF_TEXT(fstype),          TF_HDEF_INTEGER(keep_fi),
+    TF_HDEF_INTEGER(dgimport),      TF_HDEF_TEXT(fs_path),         TF_HDEF_TEXT(dev_raw_device),
+    TF_HDEF_TEXT(dev_block_device),
 };
 constexpr Field owner_fields[] = {
-    TF_INTEGER("PMINFO-", prim_mir_info, dev_raw_uid),
-    TF_INTEGER("PMINFO-", prim_mir_info, dev_raw_gid),
-    TF_INTEGER("PMINFO-", prim_mir_info, dev_blk_uid),
-    TF_INTEGER("PMINFO-", prim_mir_info, dev_blk_gid),
+    TF_PMINFO_INTEGER(dev_raw_uid),
+    TF_PMINFO_INTEGER(dev_raw_gid),
+    TF_PMINFO_INTEGER(dev_blk_uid),
+    TF_PMINFO_INTEGER(dev_blk_gid),
 };
 constexpr Field pminfo_fields[] = {
-    TF_TEXT("PMINFO-", prim_mir_info, symid),
-    TF_TEXT("PMINFO-", prim_mir_info, dev_sym_devname),
-    TF_TEXT("PMINFO-", prim_mir_info, dev_raw_device),
-    TF_TEXT("PMINFO-", prim_mir_info, p_dev_raw_device),
-    TF_TEXT("PMINFO-", prim_mir_info, bcv_raw_device),
-    TF_TEXT("PMINFO-", prim_mir_info, bcvdev_sym_devname),
-    TF_INTEGER("PMINFO-", prim_mir_info, issplit),
-    TF_INTEGER("PMINFO-", prim_mir_info, sync_at_end),
-    TF_INTEGER("PMINFO-", prim_mir_info, lock_set),
+    TF_PMINFO_TEXT(symid),          TF_PMINFO_TEXT(dev_sym_devname),
+    TF_PMINFO_TEXT(dev_raw_device), TF_PMINFO_TEXT(p_dev_raw_device),
+    TF_PMINFO_TEXT(bcv_raw_device), TF_PMINFO_TEXT(bcvdev_sym_devname),
+    TF_PMINFO_INTEGER(issplit),     TF_PMINFO_INTEGER(sync_at_end),
+    TF_PMINFO_INTEGER(lock_set),
 };
-#undef TF_INTEGER
-#undef TF_TEXT
+#undef TF_HDEF_INTEGER
+#undef TF_HDEF_TEXT
+#undef TF_PMINFO_INTEGER
+#undef TF_PMINFO_TEXT
 
 // A registration that fails leaves its message in the table and is passed over: the table answers 0
 // or 1, and only a negative answer would count here. Frameworks hold texts that were written under
