@@ -329,6 +329,21 @@ TEST_F(Checkpoint, failed_lists_are_passed_on) {
     EXPECT_EQ(DG_LIST->cloned, 1);
 }
 
+TEST_F(Checkpoint, refused_registration_does_not_change_what_the_table_builders_return) {
+    hdef *h = new_device();
+    prim_mir_info *pm = add_record(h, "000184500123", "00A1", "01A1", "/dev/qz/rdmp/p0");
+    tf::ConversionTable table;
+    ASSERT_EQ(table.open("test"), 0);
+    for (int i = 0; i < 1024; ++i) {
+        ASSERT_EQ(convert_add_ent(table.get(), "FILLER", &pm->issplit, 8, CTYPE_INT, nullptr), 0U);
+    }
+    test::fail_allocation(1);
+    EXPECT_EQ(build_table_pminfo(table.get(), pm, nullptr), 0);
+    test::no_more_faults();
+    EXPECT_STREQ(convert_errmsg(table.get()),
+                 "convert_add_ent: Memory allocation failure at line 123");
+}
+
 TEST_F(Checkpoint, table_builders_return_0) {
     hdef *h = new_device();
     prim_mir_info *pm = add_record(h, "000184500123", "00A1", "01A1", "/dev/qz/rdmp/p0");

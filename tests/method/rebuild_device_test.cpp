@@ -141,6 +141,15 @@ TEST_F(RebuildDevice, unknown_disk_is_defined_and_failures_of_both_commands_are_
     EXPECT_TRUE(is_listed(h));
 }
 
+TEST_F(RebuildDevice, path_that_is_too_short_to_be_cut_gives_an_empty_disk_name) {
+    const std::string text = imported_target() + known_pair();
+    SymDevice &bcv = array.device(symid, "01A1").record;
+    tf::put(bcv.pdevname, "/dev/rdsk/c9t9d9");
+    tf::put(bcv.pdevname, "/dev/sdc");  // the rest of the longer name stands behind its end
+    ASSERT_EQ(rebuild(text), 0);
+    EXPECT_EQ(commands(), (test::Lines{"/usr/sbin/qzdisk list", "/usr/sbin/qzdisk online"}));
+}
+
 TEST_F(RebuildDevice, placeholder_and_short_path_are_cut_after_ten_characters) {
     ASSERT_EQ(rebuild(imported_target() + known_pair("00A1", "01A1", "")), 0);
     ASSERT_EQ(rebuild(imported_target() + known_pair("00A2", "01A2", "/dev/sdc")), 0);

@@ -298,6 +298,21 @@ TEST_F(Rebuild, two_objects_of_a_group_share_its_entry) {
     EXPECT_EQ(total_freeze_volumes, 2);
 }
 
+TEST_F(Rebuild, record_of_a_failed_rebuild_goes_with_its_files_when_the_process_ends) {
+    EXPECT_EXIT(
+        {
+            rebuild("HDEF-restore=1\n");
+            test::write_file("/var/left", std::string(h->transfer_file) + "\n" + h->out_file);
+            exit(test::exists(h->transfer_file) && test::exists(h->out_file) ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "");
+    const std::string left = test::read_file("/var/left");
+    const size_t end = left.find('\n');
+    EXPECT_TRUE(left.starts_with("/tmp/EMCTX"));
+    EXPECT_FALSE(test::exists(left.substr(0, end)));
+    EXPECT_FALSE(test::exists(left.substr(end + 1)));
+}
+
 // The clone block.
 
 TEST_F(Rebuild, clone_lines_go_into_a_fresh_file_and_the_stale_one_is_deleted) {

@@ -1,6 +1,8 @@
 #include "method/transfer_file.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -38,6 +40,22 @@ TEST_F(TransferFile, line_stands_in_the_file_at_once) {
     EXPECT_TRUE(file.write_line("one line"));
     EXPECT_TRUE(file.write_line(""));
     EXPECT_EQ(test::read_file(path), "one line\n\n");
+}
+
+TEST_F(TransferFile, file_is_private_and_closed_to_commands) {
+    const int next = dup(0);
+    close(next);
+    ASSERT_TRUE(file.create(path));
+    EXPECT_EQ(fcntl(next, F_GETFD), FD_CLOEXEC);
+    struct stat status = {};
+    ASSERT_EQ(stat(path, &status), 0);
+    EXPECT_EQ(status.st_mode & 07777U, 0600U);
+}
+
+TEST_F(TransferFile, line_is_no_format) {
+    ASSERT_TRUE(file.create(path));
+    EXPECT_TRUE(file.write_line("100%s"));
+    EXPECT_EQ(test::read_file(path), "100%s\n");
 }
 
 TEST_F(TransferFile, closed_file_takes_no_line_and_may_be_closed_again) {
