@@ -369,8 +369,8 @@ std::vector<SnapshotRecord> Catalogue::all() {
 }
 
 std::optional<SnapshotRecord> Catalogue::find(int64_t id) {
-    for (SnapshotRecord &snapshot : all()) {
-        if (snapshot.id == id) return std::move(snapshot);
+    for (const SnapshotRecord &snapshot : all()) {
+        if (snapshot.id == id) return snapshot;
     }
     return std::nullopt;
 }
