@@ -1,6 +1,7 @@
 #include "method/checkpoint.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 
@@ -327,6 +328,23 @@ TEST_F(Checkpoint, failed_lists_are_passed_on) {
     expect_failure(1, "get_dg_vols: Memory allocation failure at line 372");
     EXPECT_EQ(commands(), test::Lines{});
     EXPECT_EQ(DG_LIST->cloned, 1);
+}
+
+TEST_F(Checkpoint, every_allocation_may_fail_once) {
+    hdef *h = new_cloned_volume("vola", "/tmp/EMCTXtest");
+    int failures = 0;
+    for (int n = 1; n < 30; ++n) {
+        DG_LIST->cloned = 0;
+        unlink("/tmp/EMCTXtest");
+        test::fail_allocation(n);
+        const int32_t status = checkpoint(h);
+        const bool reached = test::allocations_seen() >= n;
+        test::no_more_faults();
+        EXPECT_EQ(status, reached ? 11 : 0) << "allocation " << n;
+        EXPECT_EQ(text == "(none)", reached) << "allocation " << n;
+        if (reached) ++failures;
+    }
+    EXPECT_GE(failures, 6);
 }
 
 TEST_F(Checkpoint, refused_registration_does_not_change_what_the_table_builders_return) {

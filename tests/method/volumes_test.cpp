@@ -216,6 +216,22 @@ TEST_F(Volumes, failed_lists_empty_the_clone_name_and_are_passed_on) {
     EXPECT_EQ(commands(), test::Lines{});
 }
 
+TEST_F(Volumes, every_allocation_may_fail_once) {
+    hdef *h = new_cloned_volume();
+    int failures = 0;
+    for (int n = 1; n < 20; ++n) {
+        DG_LIST->imported = 0;
+        test::fail_allocation(n);
+        const int32_t status = volumes(h);
+        const bool reached = test::allocations_seen() >= n;
+        test::no_more_faults();
+        EXPECT_EQ(status, reached ? 11 : 0) << "allocation " << n;
+        EXPECT_EQ(DG_LIST->imported, reached ? 0 : 1) << "allocation " << n;
+        if (reached) ++failures;
+    }
+    EXPECT_EQ(failures, 2);
+}
+
 TEST_F(Volumes, import_brings_the_mirrors_group_up_under_the_clone_name) {
     hdef *h = new_imported_volume();
     h->is_rebuilt = 1;
