@@ -24,6 +24,7 @@ SnapshotRecord Cycle::known(int64_t id) {
 }
 
 void Cycle::lock(int64_t id) {
+    log::about(static_cast<long>(id));
     if (lock_ == nullptr) lock_ = std::make_unique<SnapshotLock>(settings_.state, id);
 }
 
@@ -42,14 +43,11 @@ void Cycle::note(int64_t id, const std::string &text) {
 
 // Hears a phase to its end. handle gets every result and answers whether the phase may go on; when
 // it throws, the phase is refused and rolls back, and its failure is the one that counts.
-Cycle::Outcome Cycle::converse(Worker &worker, int64_t id, const Handle &handle) {
+Cycle::Outcome Cycle::converse(Worker &worker, const Handle &handle) {
     Outcome outcome;
     while (const auto message = worker.receive()) {
         if (message->contains("step")) {
             outcome.last = static_cast<Step>(message->at("step").get<int>());
-            const int object = message->at("object");
-            log::progress("snapshot " + std::to_string(id) + ": " + name_of(outcome.last) +
-                          (object < 0 ? "" : " (object " + std::to_string(object + 1) + ")"));
         } else if (message->contains("done")) {
             outcome.done = true;
         } else if (message->contains("failed")) {
@@ -112,8 +110,7 @@ void Cycle::run_on_copy(int64_t id, const std::vector<std::string> &command) {
     stop_when_interrupted(Step::freeze);
     const auto copies = mount(id);
     stop_when_interrupted(Step::volumes);
-    log::progress("snapshot " + std::to_string(id) + ": " + name_of(Step::command) + ": " +
-                  command.front());
+    log::progress(name_of(Step::command) + (": " + command.front()));
     const int status = run_command(with_copies(command, copies));
     stop_when_interrupted(Step::command);
     if (WIFSIGNALED(status)) {

@@ -71,7 +71,7 @@ class Cycle {
     void remove_folders(const SnapshotRecord &snapshot);
 
     // Phases (cycle.cpp, cycle_freeze.cpp, cycle_texts.cpp).
-    Outcome converse(Worker &worker, int64_t id, const Handle &handle);
+    static Outcome converse(Worker &worker, const Handle &handle);
     Outcome text_phase(int64_t id, bool mounting, const std::vector<std::string> &texts);
     void freeze_phase(int64_t id, const FreezeJob &job);
     void keep_states_before(int64_t id, const Message &message);

@@ -28,7 +28,7 @@ int64_t Cycle::freeze(const std::vector<std::string> &paths) {
         catalogue_.set_state(id, State::failed);
         throw;
     }
-    log::progress("snapshot " + std::to_string(id) + " begun");
+    log::progress("begun");
     const SnapshotRecord snapshot = known(id);
     job.method = settings_.method;
     job.config = settings_.config;
@@ -72,7 +72,7 @@ void Cycle::keep_states_before(int64_t id, const Message &message) {
 void Cycle::freeze_phase(int64_t id, const FreezeJob &job) {
     Cut cut;
     Worker worker([&job](Channel &channel) { run_freeze_phase(job, channel); }, scratch(id));
-    const Outcome outcome = converse(worker, id, [&](const Message &message) {
+    const Outcome outcome = converse(worker, [&](const Message &message) {
         if (message.contains("pairs")) keep_states_before(id, message);
         if (message.contains("text")) {
             catalogue_.set_text(id, message.at("object").get<size_t>(), message.at("text"));
@@ -136,7 +136,7 @@ bool Cycle::end_as_failed(int64_t id) {
 
 // The array's word, after the process that cut the copy has ended.
 void Cycle::judge_copy(int64_t id, const Cut &cut) {
-    log::progress("snapshot " + std::to_string(id) + ": " + name_of(Step::judge));
+    log::progress(name_of(Step::judge));
     SnapshotRecord snapshot = known(id);
     std::vector<PairRecord> records;
     std::vector<Pair> asked;

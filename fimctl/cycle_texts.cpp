@@ -64,7 +64,7 @@ Cycle::Outcome Cycle::text_phase(int64_t id, bool mounting, const std::vector<st
             },
             scratch(id));
         const auto snapshot = known(id);
-        Outcome outcome = converse(worker, id, [&](const Message &message) {
+        Outcome outcome = converse(worker, [&](const Message &message) {
             const auto object = message.at("object").get<size_t>();
             catalogue_.set_mounted(id, object, message.at("text"),
                                    copy_of(snapshot.objects.at(object), message.at("copy")));
@@ -134,7 +134,7 @@ void Cycle::end_release(const SnapshotRecord &snapshot, const Outcome &outcome) 
     if (outcome.done) {
         catalogue_.set_state(snapshot.id, State::released);
         remove_folders(snapshot);
-        log::progress("snapshot " + std::to_string(snapshot.id) + " released");
+        log::progress("released");
         return;
     }
     Failure failure = outcome.as_failure(ExitCode::left);
@@ -160,7 +160,7 @@ void Cycle::undo(const SnapshotRecord &snapshot) {
         job.objects.push_back({object.source, object.fifs, false});
     }
     Worker worker([&job](Channel &channel) { run_undo_phase(job, channel); }, scratch(snapshot.id));
-    end_release(snapshot, converse(worker, snapshot.id, [](const Message &) {}));
+    end_release(snapshot, converse(worker, [](const Message &) {}));
 }
 
 }  // namespace fimctl

@@ -43,7 +43,7 @@ const char *name_of(Step step) {
 namespace {
 
 std::string remedy_of_rest(Step step, long id) {
-    const std::string release = "fimctl release " + std::to_string(id);
+    std::string release = "fimctl release " + std::to_string(id);
     switch (step) {
     case Step::thaw:
         return "end whatever uses the copy (fuser -vm), then: " + release;

@@ -53,7 +53,7 @@ Json description_json(const SnapshotRecord &snapshot, const std::vector<long> &n
         one["source"] = object.source;
         one["kind"] = object.kind;
         one["mount_point"] = object.fifs;
-        one["copy_path"] = object.copy;
+        one["copy_path"] = is_over(snapshot.state) ? "" : object.copy;
         one["checkpoint"] = object.latest_text();
         one["pairs"] = Json::array();
         for (const PairRecord &record : object.pairs) {
@@ -86,10 +86,11 @@ std::string milliseconds(double value) {
     return text;
 }
 
-std::string object_text(const ObjectRecord &object, const std::vector<long> &now, size_t &next) {
+std::string object_text(const ObjectRecord &object, bool over, const std::vector<long> &now,
+                        size_t &next) {
     std::string text = field("object", object.source + " (" + object.kind + ")");
     text += field("  mount at", object.fifs);
-    text += field("  copy", object.copy);
+    text += field("  copy", over ? "" : object.copy);
     for (const PairRecord &record : object.pairs) {
         const long current = next < now.size() ? now[next] : state_unknown;
         ++next;
@@ -136,7 +137,9 @@ std::string description(const SnapshotRecord &snapshot, const std::vector<long> 
     text += field("config", snapshot.config);
     text += field("last failure", snapshot.note);
     size_t next = 0;
-    for (const ObjectRecord &object : snapshot.objects) text += object_text(object, now, next);
+    for (const ObjectRecord &object : snapshot.objects) {
+        text += object_text(object, is_over(snapshot.state), now, next);
+    }
     return text;
 }
 

@@ -17,6 +17,7 @@ namespace {
 Settings settings;
 int file = -1;
 int owner = 0;
+std::string subject;  // "snapshot 1: "
 std::vector<std::pair<std::string, std::string>> splits;
 
 void write_all(int fd, std::string_view text) {
@@ -71,9 +72,13 @@ int level() {
     return settings.level;
 }
 
+void about(long id) {
+    subject = "snapshot " + std::to_string(id) + ": ";
+}
+
 void progress(const std::string &text) {
-    to_file(text);
-    if (!settings.quiet) to_terminal(text);
+    to_file(subject + text);
+    if (!settings.quiet) to_terminal(subject + text);
 }
 
 void problem(const std::string &text) {

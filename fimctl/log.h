@@ -19,6 +19,8 @@ struct Settings {
 void set_up(const Settings &settings);
 int level();
 
+// The snapshot that progress is about from now on, in this process and those that it starts.
+void about(long id);
 // A line of progress, and a line that must be seen.
 void progress(const std::string &text);
 void problem(const std::string &text);

@@ -24,7 +24,9 @@ bool is_array_failure(const Method &method) {
 }  // namespace
 
 void Conversation::step(Step step, int object) {
-    channel_.send({{"step", static_cast<int>(step)}, {"object", object}});
+    log::progress(name_of(step) +
+                  (object < 0 ? "" : " (object " + std::to_string(object + 1) + ")"));
+    channel_.send({{"step", static_cast<int>(step)}});
 }
 
 void Conversation::ask(const Message &message, Step step) {

@@ -1,7 +1,7 @@
 // The three phases of a snapshot, each the body of a process of its own, and how a phase talks with
 // the command that started it.
 //
-// A phase sends {"step", "object"} before each call, and {"done"} or {"failed"} at its end. Every
+// A phase sends {"step"} before each call, and {"done"} or {"failed"} at its end. Every
 // other message is a result that the command keeps and answers with a "go": an answer of false, or
 // none, makes the phase roll back.
 #pragma once
@@ -48,7 +48,7 @@ class Conversation {
   public:
     explicit Conversation(Channel &channel) : channel_(channel) {}
 
-    // Tells which call comes next; object -1 where it concerns none alone.
+    // Tells the user and the command which call comes next; object -1 where it concerns none alone.
     void step(Step step, int object = -1);
     // Sends a message and waits for the go; throws Failure when it is refused.
     void ask(const Message &message, Step step);
