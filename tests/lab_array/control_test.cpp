@@ -16,6 +16,10 @@ struct Row {
     int establish, split, restore;
 };
 
+void PrintTo(const Row &row, std::ostream *out) {
+    *out << lab::name_of(row.state);
+}
+
 // The table of docs/array.md.
 constexpr Row rows[] = {
     {PairState::split, code::ok, code::pair_split, code::ok},

@@ -75,6 +75,16 @@ TEST_F(HostLibraryNeedsRoot, discovery_that_cannot_write_the_database_says_so) {
     EXPECT_EQ(library->SymExit(other, 0), 0);
 }
 
+TEST_F(HostLibraryNeedsRoot, discovery_whose_answer_is_lost_has_written_the_database) {
+    test::write_file(database, "old");
+    fault({{"function", "SymDiscover"}, {"code", 77}});
+    EXPECT_EQ(library->SymDiscover(session, 0), 77);
+    EXPECT_EQ(test::read_file(database), "old");
+    fault({{"function", "SymDiscover"}, {"code", 78}, {"after", true}});
+    EXPECT_EQ(library->SymDiscover(session, 0), 78);
+    EXPECT_NE(test::read_file(database), "old");
+}
+
 TEST_F(HostLibraryNeedsRoot, version_and_patch_are_what_the_administrator_set) {
     settings({{"version", 0x04020099}, {"patch", "P42"}});
     uint32_t number = 0;
@@ -122,7 +132,7 @@ TEST_F(HostLibraryNeedsRoot, a_device_is_shown_by_its_name_also_when_this_host_d
 
 TEST_F(HostLibraryNeedsRoot, a_failed_show_leaves_the_record_alone) {
     SymDevice device = {};
-    strcpy(device.symid, "untouched");
+    snprintf(device.symid, sizeof device.symid, "untouched");
     EXPECT_EQ(library->SymPdevShow(session, "/dev/sdz", &device), code::path_unknown);
     EXPECT_EQ(library->SymDevShow(session, ArrayDaemon::symid, "0FFF", &device),
               code::device_unknown);

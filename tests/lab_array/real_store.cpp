@@ -10,7 +10,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 
 #include "tests/support/private_root.h"
 
@@ -50,11 +49,11 @@ void NeedsRoot::SetUp() {
 }
 
 int loops_over_store() {
+    struct stat store = {};
+    EXPECT_EQ(stat("/tmp/store", &store), 0);
     int found = 0;
-    for (const auto &entry : std::filesystem::directory_iterator("/sys/block")) {
-        std::ifstream in(entry.path() / "loop/backing_file");
-        std::string file;
-        if (std::getline(in, file) && file.starts_with("/tmp/store/")) ++found;
+    for (const auto &[file, loops] : lab::attached_loops(nodes)) {
+        if (file.first == store.st_dev) found += static_cast<int>(loops.size());
     }
     return found;
 }

@@ -1,4 +1,5 @@
 // The array of one world, in the foreground.
+#include <signal.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -35,6 +36,8 @@ void say_ready(int fd) {
 }  // namespace
 
 int main(int argc, char **argv) {
+    // Who read our messages may be gone; the array goes on.
+    signal(SIGPIPE, SIG_IGN);
     CLI::App app("The simulated array of one world", "tfarrayd");
     Options options;
     add_options(&app, &options);
