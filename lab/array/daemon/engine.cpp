@@ -6,6 +6,12 @@
 namespace lab {
 namespace {
 
+int64_t steady_nanoseconds() {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
 bool is_ready(const World &world, const Device &bcv) {
     for (const int64_t id : bcv.pairs) {
         if (is_joined(world.pair(id).state)) return false;
@@ -121,7 +127,9 @@ std::vector<uint64_t> Engine::move_data(const Control &plan) {
         break;
     }
     const std::vector<DataPair> pairs = data_pairs(plan);
+    const int64_t begun = steady_nanoseconds();
     media_->cut(pairs);
+    last_cut_ = {begun, steady_nanoseconds()};
     if (world_.settings().split_time == 0) {
         std::vector<const Device *> bcvs;
         for (const DataPair &pair : pairs) bcvs.push_back(pair.bcv);

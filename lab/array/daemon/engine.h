@@ -23,6 +23,12 @@ namespace lab {
 // Real time of a steady clock in microseconds.
 Micros steady_time();
 
+// When the data of the last split were cut: the instant lies between the two, in nanoseconds of the
+// machine's steady clock. 0 before the first split of this daemon.
+struct CutTime {
+    int64_t begun_ns = 0, ended_ns = 0;
+};
+
 class Engine {
   public:
     // Loads the saved state and brings all devices and nodes up.
@@ -56,6 +62,7 @@ class Engine {
     World &world() { return world_; }
     const World &world() const { return world_; }
     const Clock &clock() const { return clock_; }
+    CutTime last_cut() const { return last_cut_; }
     Faults &faults() { return faults_; }
     Media &media() { return *media_; }
     Sessions &sessions() { return sessions_; }
@@ -77,6 +84,7 @@ class Engine {
     Faults faults_;
     Clock clock_;
     Sessions sessions_;
+    CutTime last_cut_;
 };
 
 // The file that stands for a host's path in its folder of devices.

@@ -106,6 +106,8 @@ json faults(const std::vector<Fault> &of) {
 
 json report(Engine &engine) {
     return {{"clock", {{"seconds", seconds(engine.now())}, {"running", engine.clock().running()}}},
+            {"last_cut",
+             {{"begun_ns", engine.last_cut().begun_ns}, {"ended_ns", engine.last_cut().ended_ns}}},
             {"media", engine.media().kind()},
             {"limits", engine.media().limits()},
             {"settings", settings(engine.world().settings())},
