@@ -77,7 +77,7 @@ void mount_root(const place::Host &host) {
     }
 }
 
-void mount_own_folders(const place::Host &host) {
+void mount_own_folders(const place::Host &host, bool administrator) {
     const fs::path &root = host.root;
     for (const char *folder : {"dev", "proc", "sys", "run", "tmp"}) make_folder(root / folder);
     mount_bind(host.dev, root / "dev");
@@ -85,6 +85,7 @@ void mount_own_folders(const place::Host &host) {
     mount_new("proc", root / "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC);
     mount_new("sysfs", root / "sys", MS_NOSUID | MS_NODEV | MS_NOEXEC | MS_RDONLY);
     mount_bind(host.own_run, root / "run");
+    if (administrator) mount_bind(place::administrator, root / "run/tfarray");
     mount_tmpfs(root / "tmp", "mode=1777");
     mount_bind(place::exchange, root / place::exchange_in_host.relative_path());
 }
@@ -122,11 +123,11 @@ void leave_terminal(const fs::path &log) {
 }
 
 // The first process of a host: makes its root, says so, and then is parent to the host's orphans.
-int be_host(const std::string &name, const place::Host &host, const Fd &ready) {
+int be_host(const std::string &name, const place::Host &host, bool administrator, const Fd &ready) {
     leave_terminal(place::logs / name);
     if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) fails("make / private");
     mount_root(host);
-    mount_own_folders(host);
+    mount_own_folders(host, administrator);
     write_identity(name, host.root);
     change_root(host.root);
     if (write(ready.get(), "", 1) != 1) fails("report the host");
@@ -135,20 +136,21 @@ int be_host(const std::string &name, const place::Host &host, const Fd &ready) {
     }
 }
 
-void make_folders(const place::Host &host, bool administrator) {
+void make_folders(const place::Host &host) {
     for (const fs::path &folder : {host.root, host.changes, host.dev, host.own_run}) {
         make_folder(folder);
     }
     for (const char *folder : {"lock", "tfarray", "fimctl"}) make_folder(host.own_run / folder);
     mount_tmpfs(host.dev, "mode=0755");
     fill_devices(host.dev);
-    if (administrator) mount_bind(place::administrator, host.own_run / "tfarray");
 }
 
 pid_t pid_of(const std::string &name) {
     const std::string text = read_text(place::Host(name).pid);
     if (text.empty()) throw std::runtime_error("there is no host '" + name + "' in this world");
-    return atoi(text.c_str());
+    const pid_t pid = atoi(text.c_str());
+    if (pid <= 1) throw std::runtime_error("the process of host '" + name + "' is not known");
+    return pid;
 }
 
 // All are opened before the first is entered, since from there on the process has another /proc.
@@ -169,14 +171,14 @@ void start_host(const std::string &name, bool administrator) {
     require_world();
     const place::Host host(name);
     if (fs::exists(host.folder)) throw std::runtime_error("host '" + name + "' is there already");
-    make_folders(host, administrator);
+    make_folders(host);
     if (fs::exists(place::control)) {
         administer({"host", "add", name, "--socket", host.socket, "--dev", host.dev});
     }
     Pipe ready = make_pipe();
-    const pid_t first = fork_into(host_namespaces, [&name, &host, &ready] {
+    const pid_t first = fork_into(host_namespaces, [&] {
         ready.read.reset();
-        return be_host(name, host, ready.write);
+        return be_host(name, host, administrator, ready.write);
     });
     ready.write.reset();
     char byte = 0;
@@ -198,7 +200,7 @@ void stop_host(const std::string &name) {
         if (waitpid(first, nullptr, WNOHANG) == first) break;
         usleep(1000);
     }
-    umount2((host.own_run / "tfarray").c_str(), MNT_DETACH);
+    if (fs::exists(place::control)) administer({"host", "remove", name});
     umount2(host.dev.c_str(), MNT_DETACH);
     fs::remove_all(host.folder);
 }

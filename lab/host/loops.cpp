@@ -35,16 +35,29 @@ void make_node(const fs::path &path, mode_t type, dev_t device) {
     }
 }
 
+// The kernel names a file by its path in its own namespace, and the paths of all worlds are the
+// same. So the file of that name here has to be the very one.
+bool is_over(int number, const std::string &file, const fs::path &nodes) {
+    struct stat status = {};
+    if (stat(file.c_str(), &status) != 0) return false;
+    const fs::path node = nodes / ("loop" + std::to_string(number));
+    make_node(node, S_IFBLK, makedev(loop_major, static_cast<unsigned>(number)));
+    const Fd device(open(node.c_str(), O_RDONLY | O_CLOEXEC));
+    loop_info64 info = {};
+    return device.get() >= 0 && ioctl(device.get(), LOOP_GET_STATUS64, &info) == 0 &&
+           info.lo_inode == status.st_ino && info.lo_device == status.st_dev;
+}
+
 }  // namespace
 
-std::vector<Loop> loops_below(const fs::path &folder) {
+std::vector<Loop> loops_below(const fs::path &folder, const fs::path &nodes) {
     std::vector<Loop> found;
     for (const auto &entry : fs::directory_iterator("/sys/block")) {
         const std::string name = entry.path().filename();
         if (!name.starts_with("loop")) continue;
         const int number = atoi(name.c_str() + 4);
         const std::string file = file_of(number);
-        if (file.starts_with(folder.string() + "/")) {
+        if (file.starts_with(folder.string() + "/") && is_over(number, file, nodes)) {
             found.push_back({number, sequence_of(number), file});
         }
     }

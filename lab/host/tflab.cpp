@@ -25,7 +25,8 @@ constexpr int lab_failure = 125;  // the lab itself failed, not the command that
 
 // What all commands that start a world share.
 struct Start {
-    std::string build, scenario, pid_file, media = "loop", store_size = "16G";
+    std::string build, scenario, pid_file, media = "loop";
+    uint64_t store_bytes = 16ULL << 30;
     std::vector<std::string> hosts;
     bool administrator = false, bare = false;
 };
@@ -43,7 +44,7 @@ void add_start_options(CLI::App *command, Start *start) {
                         "where to write the process number of the world");
     command->add_option("--media", start->media, "loop (real devices) or files")
         ->check(CLI::IsMember({"loop", "files"}));
-    command->add_option("--store-size", start->store_size, "size of the array's sparse store")
+    command->add_option("--store-size", start->store_bytes, "size of the array's sparse store")
         ->transform(CLI::AsSizeValue(false));
     command->add_flag("--bare", start->bare, "no array");
 }
@@ -61,7 +62,7 @@ tflab::WorldOptions world_options(const Start &start) {
     options.build = start.build.empty()
                         ? tflab::fs::read_symlink("/proc/self/exe").parent_path().parent_path()
                         : tflab::fs::canonical(start.build);
-    options.store_bytes = std::stoull(start.store_size);
+    options.store_bytes = start.store_bytes;
     options.media = start.media;
     options.array = !start.bare;
     options.in_outer = [pid_file = start.pid_file](pid_t first) {
@@ -112,7 +113,7 @@ int list_hosts() {
 
 int list_loops() {
     tflab::require_world();
-    for (const tflab::Loop &loop : tflab::loops_below(tflab::place::base)) {
+    for (const tflab::Loop &loop : tflab::loops_below(tflab::place::base, "/dev")) {
         printf("%d %llu %s\n", loop.number, static_cast<unsigned long long>(loop.sequence),
                loop.file.c_str());
     }

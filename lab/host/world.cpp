@@ -100,8 +100,10 @@ int reap_until(pid_t awaited) {
     }
 }
 
-// Ends every process but this one.
+// Ends every process of the world but this one. Anywhere else than in the first process of a
+// namespace the same call would end every process of the machine.
 void end_processes() {
+    if (getpid() != 1) throw std::logic_error("this is not the first process of a world");
     kill(-1, SIGKILL);
     while (waitpid(-1, nullptr, 0) > 0 || errno == EINTR) {
     }
@@ -110,7 +112,7 @@ void end_processes() {
 // Takes the store away while somebody can still wait for it, and answers what is left. The kernel
 // gives back the mounts of a host some moments after its last process.
 std::vector<Loop> end_devices() {
-    const std::vector<Loop> loops = loops_below(place::base);
+    const std::vector<Loop> loops = loops_below(place::base, "/dev");
     const auto deadline = std::chrono::steady_clock::now() + patience;
     std::vector<Loop> left;
     do {

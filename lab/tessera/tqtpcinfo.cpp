@@ -6,6 +6,7 @@
 // The serial is the array's number followed by the device's name on the array, so that the serials
 // of all devices of an array differ in their last characters only.
 #include <dlfcn.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -20,6 +21,7 @@
 namespace {
 
 constexpr char library_path[] = "/usr/symcli/shlib/libsymapi.so";
+constexpr char database_folder[] = "/var/symapi/db";
 constexpr char database_path[] = "/var/symapi/db/symapi_db.bin";
 constexpr int use_database = 3, create_database = 4;
 
@@ -51,6 +53,7 @@ class Session {
         library_.find<decltype(SymApiVersion)>("SymApiVersion")(&version_, &text);
         // Whoever comes first on a host makes its database.
         if (access(database_path, F_OK) != 0) {
+            mkdir(database_folder, 0755);  // what stands in the way shows at the next call
             open_with(create_database);
             check("SymDiscover", library_.find<decltype(SymDiscover)>("SymDiscover")(session_, 0));
             close();
