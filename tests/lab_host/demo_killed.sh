@@ -1,0 +1,77 @@
+#!/usr/bin/env bash
+# Kills the demo with -9 at several moments and looks for what it left.
+# usage: demo_killed.sh BUILD_DIR
+set -euo pipefail
+
+build=$1
+top=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
+readonly build top
+[ "$(id -u)" -eq 0 ] || exit 77
+
+# Below the build folder: killed itself, this leaves nothing anywhere else.
+scratch=$(mktemp -d -p "$build" demo_killed.XXXXXX)
+demo=""
+trap '[ -z "$demo" ] || kill -9 "$demo" 2>/dev/null; rm -rf "$scratch"' EXIT
+
+fail() {
+    printf 'demo_killed: %s\n' "$*" >&2
+    cat "$scratch/output" >&2
+    exit 1
+}
+
+# Calls a function again and again for a while until it succeeds.
+eventually() {
+    local end=$((SECONDS + 30))
+    until "$@"; do
+        [ $SECONDS -lt $end ] || return 1
+        sleep 0.02
+    done
+}
+
+has_said() {
+    grep -q "$1" "$scratch/output"
+}
+
+# No loop device of the list is attached as it was then.
+loops_are_gone() {
+    local number sequence
+    while read -r number sequence _; do
+        if [ -e "/sys/block/loop$number/loop/backing_file" ] &&
+            [ "$(cat "/sys/block/loop$number/diskseq")" = "$sequence" ]; then
+            return 1
+        fi
+    done <"$scratch/loops"
+}
+
+# No process is in the world's namespaces: then none of its mounts is either.
+processes_are_gone() {
+    local link space
+    for link in /proc/[0-9]*/ns/pid /proc/[0-9]*/ns/mnt; do
+        space=$(readlink "$link" 2>/dev/null) || continue
+        if grep -qxF "$space" "$scratch/spaces"; then return 1; fi
+    done
+}
+
+kill_at() {
+    local moment=$1 outer world
+    "$top/lab/demo.sh" "$build" >"$scratch/output" 2>&1 &
+    demo=$!
+    eventually has_said "$moment" || fail "it never came to: $moment"
+    outer=$(pgrep -P "$demo" -x tflab) || fail "it runs no tflab"
+    world=$(pgrep -P "$outer") || fail "tflab runs no world"
+    "$build/bin/tflab" loops --world "$world" >"$scratch/loops"
+    [ "$(wc -l <"$scratch/loops")" -eq 3 ] || fail "three loop devices were expected"
+    readlink "/proc/$world/ns/pid" "/proc/$world/ns/mnt" >"$scratch/spaces"
+    kill -9 "$demo"
+    wait "$demo" 2>/dev/null || true
+    demo=""
+    eventually processes_are_gone || fail "killed at \"$moment\": processes are left"
+    eventually loops_are_gone || fail "killed at \"$moment\": loop devices are left"
+    if grep -q tflab /proc/self/mountinfo; then fail "killed at \"$moment\": mounts are left"; fi
+    ! has_said "The demo is over" || fail "it was over before it could be killed"
+}
+
+kill_at "^2\."
+kill_at "THE SPLIT"
+kill_at "reads the copy"
+echo "killed three times, nothing left"
