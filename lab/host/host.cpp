@@ -131,8 +131,16 @@ int be_host(const std::string &name, const place::Host &host, bool administrator
     write_identity(name, host.root);
     change_root(host.root);
     if (write(ready.get(), "", 1) != 1) fails("report the host");
+    // Blocked, the signal is kept until it is waited for, so no orphan stays a zombie: one that
+    // owned an array's locks would go on owning them.
+    sigset_t orphan;
+    sigemptyset(&orphan);
+    sigaddset(&orphan, SIGCHLD);
+    sigprocmask(SIG_BLOCK, &orphan, nullptr);
     for (;;) {
-        if (waitpid(-1, nullptr, 0) < 0 && errno == ECHILD) pause();
+        while (waitpid(-1, nullptr, WNOHANG) > 0) {
+        }
+        sigwaitinfo(&orphan, nullptr);
     }
 }
 
