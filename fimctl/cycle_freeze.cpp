@@ -91,9 +91,10 @@ void Cycle::freeze_phase(int64_t id, const FreezeJob &job) {
 
 void Cycle::end_freeze(int64_t id, const Outcome &outcome, const Cut &cut) {
     if (outcome.done) {
+        // Not before the judgement: a command that is killed here leaves a copy that nobody trusts.
         try {
-            catalogue_.set_state(id, State::frozen);
             judge_copy(id, cut);
+            catalogue_.set_state(id, State::frozen);
         } catch (Failure &failure) {
             // The copy exists, and only the catalogue does not say so.
             if (failure.step == Step::catalogue) failure.code = ExitCode::left;

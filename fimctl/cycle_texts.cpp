@@ -128,8 +128,8 @@ void Cycle::release(int64_t id) {
     }
 }
 
-// A release that did not get beyond rebuild has changed nothing: the snapshot is as it was, and the
-// caller learns why. After that something is left.
+// A release that did not get beyond its first step has changed nothing: the snapshot is as it was,
+// and the caller learns why. After that something is left.
 void Cycle::end_release(const SnapshotRecord &snapshot, const Outcome &outcome) {
     if (outcome.done) {
         catalogue_.set_state(snapshot.id, State::released);
@@ -138,7 +138,8 @@ void Cycle::end_release(const SnapshotRecord &snapshot, const Outcome &outcome) 
         return;
     }
     Failure failure = outcome.as_failure(ExitCode::left);
-    const bool unchanged = !outcome.died() && outcome.failure->step == Step::rebuild;
+    const bool unchanged = !outcome.died() && outcome.trouble.empty() &&
+                           (failure.step == Step::rebuild || failure.step == Step::freeze);
     if (unchanged) catalogue_.set_state(snapshot.id, snapshot.state);
     const bool told = failure.code == ExitCode::owned || failure.code == ExitCode::array;
     if (!unchanged || !told) failure.code = ExitCode::left;

@@ -61,6 +61,7 @@ std::string remedy_of(Step step, ExitCode code, long id) {
     if (code == ExitCode::left) {
         return id != 0 ? remedy_of_rest(step, id) : "fimctl list shows what is left";
     }
+    if (code == ExitCode::usage) return "";
     if (code == ExitCode::owned) return "wait until the other process has ended, then try again";
     if (code == ExitCode::permission) return "run fimctl as root";
     if (code == ExitCode::array) {

@@ -16,9 +16,16 @@ std::string dump(const Json &json) {
     return json.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 
+// A copy is good when the array was asked about every pair, and nothing spoke against it.
 std::string judgement(const SnapshotRecord &snapshot) {
     if (!snapshot.void_reason.empty()) return "void";
-    if (snapshot.objects.empty() || snapshot.objects.front().text.empty()) return "none";
+    if (snapshot.objects.empty()) return "none";
+    for (const ObjectRecord &object : snapshot.objects) {
+        if (object.text.empty()) return "none";
+        for (const PairRecord &pair : object.pairs) {
+            if (pair.after == state_unknown) return "none";
+        }
+    }
     return "good";
 }
 

@@ -298,6 +298,18 @@ TEST_F(Cycle, a_release_that_may_not_wait_ends_with_11_and_changes_nothing) {
     EXPECT_EQ(snapshot(1).state, State::frozen);
 }
 
+TEST_F(Cycle, an_undoing_that_meets_another_owner_ends_with_11_and_can_be_repeated) {
+    script("freeze_commit 1 die");
+    ASSERT_EQ(freeze().status, 3);
+    test::write_file("/var/fake/script", "");
+    test::write_file("/var/fake/owner", std::to_string(getpid()));
+    EXPECT_EQ(fimctl({"release", "1"}).status, 11);
+    EXPECT_EQ(snapshot(1).state, State::cutting);
+    test::write_file("/var/fake/owner", "");
+    EXPECT_EQ(fimctl({"release", "1"}).status, 0);
+    EXPECT_EQ(snapshot(1).state, State::released);
+}
+
 TEST_F(Cycle, a_command_that_fails_ends_the_run_with_1_after_the_release) {
     const Ended ended = run({"sh", "-c", "exit 7"});
     EXPECT_EQ(ended.status, 1);

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <fstream>
 
 #include "tests/fimctl/world.h"
 #include "tests/support/private_root.h"
@@ -104,6 +105,23 @@ TEST_F(Interruption, a_snapshot_killed_between_split_and_checkpoint_is_undone_by
     EXPECT_TRUE(resynchronises);
     EXPECT_EQ(array_state("00A1"), 2);
     EXPECT_EQ(snapshot(1).state, State::released);
+}
+
+TEST_F(Interruption, a_copy_that_was_never_judged_is_not_offered_and_is_released_by_its_text) {
+    // The array's library hangs when it is asked about the pairs after the commit.
+    std::ofstream("/var/fake/hanging") << "SymDevShow -1\n";
+    script("ckpt 2 copy /var/fake/hanging /var/fake/symapi");
+    const pid_t pid = start({"freeze", "--no-quiesce", one_});
+    ASSERT_TRUE(wait_for_call("hang"));
+    kill(pid, SIGKILL);
+    finish(pid);
+    for (const pid_t reader : processes_of("hang")) ASSERT_TRUE(test::wait_until_gone(reader));
+    test::write_file("/var/fake/symapi", "");
+    EXPECT_EQ(fimctl({"mount", "1"}).status, 2);
+    EXPECT_NE(fimctl({"list"}).out.find("cutting    none"), std::string::npos);
+    EXPECT_EQ(fimctl({"release", "1"}).status, 0);
+    EXPECT_TRUE(story().ends_with("ckpt rebuild thaw thaw_commit")) << story();
+    EXPECT_EQ(array_state("00A1"), 2);
 }
 
 TEST_F(Interruption, a_snapshot_killed_while_it_mounts_is_unmounted_by_its_release) {

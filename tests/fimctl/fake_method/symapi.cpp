@@ -1,5 +1,5 @@
 // The array's library as far as fimctl reads it, answering from the scripted array. A "symapi"
-// file in the folder holds "CALL CODE" lines for calls that fail.
+// file in the folder holds "CALL CODE" lines for calls that fail; a negative code never answers.
 #include <unistd.h>
 
 #include <cstring>
@@ -58,7 +58,12 @@ const char *SymPerror(int32_t, int) {
 }
 
 int SymDevShow(int32_t, const char *symid, const char *sym_devname, SymDevice *device) {
-    if (const int code = scripted("SymDevShow")) return code;
+    const int code = scripted("SymDevShow");
+    if (code < 0) {
+        record("hang", "");
+        pause();
+    }
+    if (code != 0) return code;
     *device = {};
     put(device->symid, symid);
     put(device->sym_devname, sym_devname);
