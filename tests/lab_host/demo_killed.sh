@@ -48,7 +48,11 @@ processes_are_gone() {
     local link space
     for link in /proc/[0-9]*/ns/pid /proc/[0-9]*/ns/mnt; do
         space=$(readlink "$link" 2>/dev/null) || continue
-        if grep -qxF "$space" "$scratch/spaces"; then return 1; fi
+        # One that has ended but was not waited for by its new parent holds nothing any more.
+        if grep -qxF "$space" "$scratch/spaces" &&
+            ! grep -q "^State:.*zombie" "${link%/ns/*}/status" 2>/dev/null; then
+            return 1
+        fi
     done
 }
 
