@@ -15,8 +15,8 @@ struct Loop {
     std::string file;
 };
 
-// All attached loop devices over files below a folder of this process's namespace. Nodes are made in
-// the given folder, to look at them.
+// All attached loop devices over files below a folder of this process's namespace. Nodes are made
+// in the given folder, to look at them.
 std::vector<Loop> loops_below(const fs::path &folder, const fs::path &nodes);
 // Whether that very attachment is still there.
 bool is_attached(const Loop &loop);

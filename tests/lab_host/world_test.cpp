@@ -187,7 +187,7 @@ struct KilledWorld : World {
     }
     void expect_nothing_left() {
         EXPECT_TRUE(within(10s, [this] { return is_over(first); })) << "process " << first;
-        EXPECT_TRUE(within(10s, [this] { return processes_with("/exchange/w").empty(); }));
+        EXPECT_TRUE(within(10s, [] { return processes_with("/exchange/w").empty(); }));
         for (const tflab::Loop &loop : loops) {
             EXPECT_TRUE(within(10s, [&loop] { return !tflab::is_attached(loop); }))
                 << "/dev/loop" << loop.number << " over " << loop.file;
