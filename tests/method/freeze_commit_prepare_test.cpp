@@ -66,6 +66,12 @@ TEST_F(FreezeCommitPrepare, a_pair_split_for_the_group_before_is_passed_over) {
     EXPECT_EQ(pm->sync_at_end, 0);
 }
 
+TEST_F(FreezeCommitPrepare, every_number_but_0_says_that_the_pair_was_split_before) {
+    hdef *const h = object("datadg");
+    device(h, "0001", 5)->issplit = -1;
+    EXPECT_EQ(TimeFinder_freeze_commit(h), 0) << errmsg;
+}
+
 TEST_F(FreezeCommitPrepare, that_a_pair_was_split_before_is_progress) {
     set_level(0);
     hdef *const h = object("datadg");

@@ -82,6 +82,9 @@ TEST_F(Restore, mounted_file_system_is_unmounted_before_its_group_is_deported) {
 
 TEST_F(Restore, file_system_that_is_not_mounted_is_not_unmounted) {
     hdef *h = new_restored("vola", "00A1", "01A1", TF_OBJECT_FILE_SYSTEM);
+    test::fake_host().on_command = [](const std::string &, const Q_sys_cmd_exec_options &) {
+        EXPECT_EQ(commands(), deport_import_start);  // the group is on line before it is checked
+    };
     EXPECT_EQ(TimeFinder_thaw_commit(h), 0);
     EXPECT_EQ(test::fake_host().calls, (test::Lines{"fsck /dev/raw_vola type_of_vola 0",
                                                     "mount /dev/block_vola /mnt/vola type_of_vola "

@@ -329,6 +329,8 @@ TEST_F(ThawCommit, call_behind_the_last_one_finds_everything_established) {
     EXPECT_EQ(TimeFinder_thaw_commit(h), 0);
     EXPECT_EQ(TimeFinder_thaw_commit(h), 0);
     EXPECT_EQ(controls().size(), 1U);
+    EXPECT_EQ(array.calls_of("SymInitV").size(), 2U);
+    EXPECT_TRUE(logged("device /dev/qz/rdmp/p00A11 already established"));
     EXPECT_EQ(thaw_commit_vols, 2);
 }
 
