@@ -317,7 +317,7 @@ TEST_F(ThawCommit, batch_table_is_emptied_and_control_code_4_finds_no_queue) {
     EXPECT_EQ(TimeFinder_thaw_commit(h), 0);
     EXPECT_EQ(primmirlist[0], h->pminfo_list);
     EXPECT_EQ(primmirlist[2047], nullptr);
-    EXPECT_EQ(prim_mir_info_size, 0);
+    ASSERT_EQ(prim_mir_info_size, 0);
     array.calls.clear();
     EXPECT_EQ(TimeFinder_ctl(h, TF_CTL_RESYNC_AT_START), 0);
     EXPECT_EQ(array.calls, test::Lines{});
