@@ -14,6 +14,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <sstream>
 
 namespace test {
 namespace {
@@ -42,6 +43,18 @@ void put_text(const char *path, const std::string &text) {
     close(fd);
 }
 
+// Puts an overlay of a folder at the target; what is written there stays on the scratch tmpfs.
+// False when the kernel does not take this folder as the lower layer.
+bool overlay(const std::string &lower, const std::string &target) {
+    static int count = 0;
+    const std::string number = std::to_string(count++);
+    const std::string upper = "/tmp/upper" + number, work = "/tmp/work" + number;
+    for (const std::string &folder : {upper, work}) mkdir(folder.c_str(), 0755);
+    std::string options = "lowerdir=" + lower + ",upperdir=" + upper + ",workdir=" + work;
+    if (!real_root) options += ",userxattr";
+    return mount("overlay", target.c_str(), "overlay", 0, options.c_str()) == 0;
+}
+
 // Without root a user namespace gives the capabilities for the mounts below.
 void enter_namespaces() {
     real_root = geteuid() == 0;
@@ -54,6 +67,61 @@ void enter_namespaces() {
         put_text("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1");
     }
     do_mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr);
+}
+
+bool holds_mounts(const std::string &folder) {
+    std::ifstream table("/proc/self/mountinfo");
+    for (std::string line; std::getline(table, line);) {
+        std::istringstream fields(line);
+        std::string skipped, place;
+        fields >> skipped >> skipped >> skipped >> skipped >> place;
+        if (place.starts_with(folder + "/")) return true;
+    }
+    return false;
+}
+
+// The entries of a folder, each overlaid for itself: in a user namespace the mounts that were there
+// before cannot be parted from the folder that they lie in, and the kernel takes no such folder as
+// a lower layer. What cannot be overlaid is bound as it is, and what cannot even be bound (another
+// user's mount) stays empty. "" is the root.
+void assemble(const std::string &folder, const std::string &root) {
+    std::error_code error, unreadable;
+    for (std::filesystem::directory_iterator entry(folder + "/", error), end; entry != end;
+         ++entry) {
+        const std::string path = folder + "/" + entry->path().filename().string();
+        const std::string target = root + path;
+        if (entry->is_symlink()) {
+            std::filesystem::copy_symlink(path, target);
+            continue;
+        }
+        if (!entry->is_directory(unreadable)) {
+            close(open(target.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+            mount(path.c_str(), target.c_str(), nullptr, MS_BIND, nullptr);
+            continue;
+        }
+        mkdir(target.c_str(), 0755);
+        if (path == "/proc" || path == "/sys" || path == "/dev" || path == "/tmp") continue;
+        if (holds_mounts(path)) {
+            assemble(path, root);
+        } else if (!overlay(path, target)) {
+            mount(path.c_str(), target.c_str(), nullptr, MS_BIND | MS_REC, nullptr);
+        }
+    }
+    if (error) bind(folder, root + folder);
+}
+
+// The new root, a mount of its own; /proc, /sys, /dev and /tmp in it are still empty.
+void make_root(const std::string &root) {
+    if (real_root) {
+        if (!overlay("/", root)) give_up("overlay /");
+        return;
+    }
+    do_mount("tmpfs", root, "tmpfs", 0, "mode=0755");
+    assemble("", root);
+    // Only the top of an overlay belongs to this user; tests write below these, too.
+    for (const std::string folder : {"/usr/bin", "/usr/sbin", "/var/lib"}) {
+        if (!overlay(folder, root + folder)) give_up("overlay " + folder);
+    }
 }
 
 void fill_dev(const std::string &dev) {
@@ -76,11 +144,9 @@ void enter_private_root() {
     const int source = open(TF_SOURCE_DIR, O_PATH | O_CLOEXEC);
     if (source < 0) give_up("open " TF_SOURCE_DIR);
     do_mount("tmpfs", "/tmp", "tmpfs", 0, nullptr);
-    for (const char *folder : {"/tmp/upper", "/tmp/work", "/tmp/root"}) mkdir(folder, 0755);
-    do_mount("overlay", "/tmp/root", "overlay", 0,
-             real_root ? "lowerdir=/,upperdir=/tmp/upper,workdir=/tmp/work"
-                       : "lowerdir=/,upperdir=/tmp/upper,workdir=/tmp/work,userxattr");
     const std::string root = "/tmp/root";
+    mkdir(root.c_str(), 0755);
+    make_root(root);
     bind("/proc", root + "/proc");
     bind("/sys", root + "/sys");
     fill_dev(root + "/dev");
