@@ -65,7 +65,7 @@ TEST_F(Restore, unlisted_disk_group_fails_the_call_which_counts) {
 }
 
 TEST_F(Restore, mounted_file_system_is_unmounted_before_its_group_is_deported) {
-    test::write_mount_table("/dev/x / ext4 rw 0 0\n");
+    test::write_mount_table("/dev/x /etc ext4 rw 0 0\n");
     hdef *h = new_restored("vola", "00A1", "01A1", TF_OBJECT_FILE_SYSTEM);
     tf::put(h->dev_block_device, "/etc");
     test::fake_host().on_command = [&](const std::string &line, const Q_sys_cmd_exec_options &o) {
@@ -92,7 +92,7 @@ TEST_F(Restore, file_system_that_is_not_mounted_is_not_unmounted) {
 }
 
 TEST_F(Restore, only_file_systems_are_unmounted) {
-    test::write_mount_table("/dev/x / ext4 rw 0 0\n");
+    test::write_mount_table("/dev/x /etc ext4 rw 0 0\n");
     hdef *h = new_restored("vola", "00A1", "01A1", TF_OBJECT_BLOCK_DEVICE);
     tf::put(h->dev_block_device, "/etc");
     EXPECT_EQ(TimeFinder_thaw_commit(h), 0);
@@ -100,7 +100,7 @@ TEST_F(Restore, only_file_systems_are_unmounted) {
 }
 
 TEST_F(Restore, failed_unmount_returns_11_at_once_without_a_message) {
-    test::write_mount_table("/dev/x / ext4 rw 0 0\n");
+    test::write_mount_table("/dev/x /etc ext4 rw 0 0\n");
     hdef *h = new_restored("vola", "00A1", "01A1", TF_OBJECT_FILE_SYSTEM);
     tf::put(h->dev_block_device, "/etc");
     test::fake_host().umount_result = 1;

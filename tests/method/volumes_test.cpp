@@ -74,7 +74,8 @@ TEST_F(Volumes, object_without_devices_needs_an_imported_volume) {
     EXPECT_EQ(volumes(new_imported_volume("volb", "otherdg")), 0);
 }
 
-TEST_F(Volumes, plain_raw_device_hands_the_mirror_out_with_the_primarys_owners) {
+TEST_F(Volumes, plain_raw_device_hands_the_mirror_out_with_the_primarys_owners_needs_root) {
+    if (!test::is_real_root()) GTEST_SKIP() << "chown needs the machine's root";
     hdef *h = new_mirrored_device();
     give_transfer_file(h, "/tmp/EMCTXtest");
     ASSERT_EQ(volumes(h), 0);
@@ -89,20 +90,23 @@ TEST_F(Volumes, plain_raw_device_hands_the_mirror_out_with_the_primarys_owners) 
     EXPECT_EQ(whole_log(), "");
 }
 
-TEST_F(Volumes, plain_block_device_hands_the_block_path_out) {
+TEST_F(Volumes, plain_block_device_hands_the_block_path_out_needs_root) {
+    if (!test::is_real_root()) GTEST_SKIP() << "chown needs the machine's root";
     ASSERT_EQ(volumes(new_mirrored_device(TF_OBJECT_BLOCK_DEVICE)), 0);
     EXPECT_STREQ(path, "/dev/qz/dmp/b0");
     EXPECT_EQ(count, 0);
 }
 
-TEST_F(Volumes, object_whose_volume_flag_is_another_number_is_a_plain_device) {
+TEST_F(Volumes, object_whose_volume_flag_is_another_number_is_a_plain_device_needs_root) {
+    if (!test::is_real_root()) GTEST_SKIP() << "chown needs the machine's root";
     hdef *h = new_mirrored_device();
     h->is_vol = 2;
     ASSERT_EQ(volumes(h), 0);
     EXPECT_STREQ(path, "/dev/qz/rdmp/b0");
 }
 
-TEST_F(Volumes, site_script_sees_a_plain_device_before_its_owners_change) {
+TEST_F(Volumes, site_script_sees_a_plain_device_before_its_owners_change_needs_root) {
+    if (!test::is_real_root()) GTEST_SKIP() << "chown needs the machine's root";
     test::RecordedCommands::install_site_script();
     hdef *h = new_mirrored_device();
     ASSERT_EQ(volumes(h), 0);
@@ -118,7 +122,8 @@ TEST_F(Volumes, site_script_sees_a_plain_device_before_its_owners_change) {
     EXPECT_TRUE(test::exists("/tmp/EMCTXtest"));
 }
 
-TEST_F(Volumes, failed_owner_change_of_the_raw_path_still_changes_the_block_path) {
+TEST_F(Volumes, failed_owner_change_of_the_raw_path_still_changes_the_block_path_needs_root) {
+    if (!test::is_real_root()) GTEST_SKIP() << "chown needs the machine's root";
     hdef *h = new_mirrored_device();
     unlink("/dev/qz/rdmp/b0");
     EXPECT_EQ(volumes(h), 11);
@@ -129,7 +134,8 @@ TEST_F(Volumes, failed_owner_change_of_the_raw_path_still_changes_the_block_path
     EXPECT_EQ(path[0], 'x');
 }
 
-TEST_F(Volumes, failed_owner_change_of_the_block_path_fails_the_call) {
+TEST_F(Volumes, failed_owner_change_of_the_block_path_fails_the_call_needs_root) {
+    if (!test::is_real_root()) GTEST_SKIP() << "chown needs the machine's root";
     hdef *h = new_mirrored_device();
     unlink("/dev/qz/dmp/b0");
     EXPECT_EQ(volumes(h), 11);
@@ -317,7 +323,8 @@ TEST_F(Volumes, file_system_is_checked_on_the_raw_and_mounted_from_the_block_dev
     EXPECT_FALSE(test::exists("/tmp/EMCTXtest"));
 }
 
-TEST_F(Volumes, file_system_on_a_plain_device_is_mounted_from_the_mirror) {
+TEST_F(Volumes, file_system_on_a_plain_device_is_mounted_from_the_mirror_needs_root) {
+    if (!test::is_real_root()) GTEST_SKIP() << "chown needs the machine's root";
     hdef *h = new_mirrored_device(TF_OBJECT_FILE_SYSTEM);
     tf::put(h->fstype, "ext4");
     ASSERT_EQ(volumes(h), 0);
@@ -412,7 +419,8 @@ TEST_F(Volumes, unknown_kind_of_object_is_reported_and_cleans_up) {
     EXPECT_TRUE(test::exists("/tmp/EMCTXtest"));
 }
 
-TEST_F(Volumes, capture_files_stay_unless_both_names_are_set) {
+TEST_F(Volumes, capture_files_stay_unless_both_names_are_set_needs_root) {
+    if (!test::is_real_root()) GTEST_SKIP() << "chown needs the machine's root";
     hdef *h = new_mirrored_device();
     char *const out_file = h->out_file;
     h->out_file = nullptr;
