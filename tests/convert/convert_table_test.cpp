@@ -106,6 +106,13 @@ TEST_F(Convert, an_entry_of_no_type_puts_no_line_and_takes_no_value) {
     EXPECT_STREQ(text, "before");
 }
 
+TEST_F(Convert, reinit_clears_the_first_byte_of_an_entry_of_no_type_too) {
+    strncpy(text, "xyz", sizeof text);
+    convert_add_ent(table, "x", text, sizeof text, 7, nullptr);
+    EXPECT_EQ(convert_reinit(table), 0u);
+    EXPECT_EQ(std::string(text, 3), std::string("\0yz", 3));
+}
+
 TEST_F(Convert, the_1024th_entry_needs_no_growth_and_the_1025th_raises_the_capacity_to_2048) {
     add_numbers(1024);
     EXPECT_EQ(table->capacity, 1024);

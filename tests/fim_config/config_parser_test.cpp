@@ -49,6 +49,12 @@ TEST_F(FimConfigParse, stops_at_an_empty_pair_with_3_and_keeps_what_was_stored) 
     EXPECT_EQ(b_given, 0);
 }
 
+TEST_F(FimConfigParse, an_empty_pair_at_the_start_gives_3_and_quotes_the_whole_string) {
+    EXPECT_EQ(parse(",a=1"), 3);
+    EXPECT_EQ(a, -1);
+    EXPECT_EQ(log(), "qfm_fcp: Empty pair: ',a=1'\n");
+}
+
 TEST_F(FimConfigParse, a_blank_before_a_keyword_makes_it_another_keyword) {
     EXPECT_EQ(parse(" a=1"), 0);
     EXPECT_EQ(a, -1);
@@ -124,6 +130,15 @@ TEST_F(FimConfigParse, a_long_takes_the_numbers_of_64_bits) {
     EXPECT_EQ(big, INT64_MAX);
     EXPECT_EQ(parse("big=-9223372036854775808"), 0);
     EXPECT_EQ(big, INT64_MIN);
+}
+
+TEST_F(FimConfigParse, a_number_beyond_64_bits_is_the_nearest_one) {
+    EXPECT_EQ(parse("big=99999999999999999999"), 0);
+    EXPECT_EQ(big, INT64_MAX);
+    EXPECT_EQ(parse("big=-99999999999999999999"), 0);
+    EXPECT_EQ(big, INT64_MIN);
+    EXPECT_EQ(parse("a=99999999999999999999"), 8);
+    EXPECT_EQ(a, -1);
 }
 
 TEST_F(FimConfigParse, a_flag_counts_a_keyword_whose_value_then_fails) {
@@ -214,6 +229,8 @@ TEST_F(FimConfigParse, a_standalone_keyword_gives_6_where_empty_values_are_not_a
     const qfm_fcp_options alone = {0, 0, 1, 0, 0, 0};
     options = &alone;
     EXPECT_EQ(parse("a"), 6);
+    EXPECT_EQ(a_given, 0);
+    EXPECT_EQ(log(), "qfm_fcp: Empty value: 'a'\n");
 }
 
 TEST_F(FimConfigParse, empty_pairs_are_skipped_on_demand) {
@@ -283,6 +300,8 @@ TEST_F(FimConfigParse, an_entry_of_unknown_type_gives_5) {
     table->first->type = 9;
     EXPECT_EQ(parse("a=1"), 5);
     EXPECT_EQ(log(), "qfm_fcp_parse: Unknown data type for keyword 'a': 9\n");
+    EXPECT_EQ(a, -1);
+    EXPECT_EQ(a_given, 1);
 }
 
 TEST_F(FimConfigParse, a_null_table_gives_12) {

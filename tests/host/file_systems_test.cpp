@@ -151,6 +151,18 @@ TEST_F(FileSystem, device_mounted_elsewhere_fails_like_the_program_needs_root) {
     EXPECT_FALSE(is_mounted_on(copy_dir));
 }
 
+TEST_F(FileSystem, device_that_is_mounted_there_and_elsewhere_is_mounted_there_needs_root) {
+    SKIP_WITHOUT_ROOT();
+    const test::LoopDevice device(8 * megabyte);
+    make_ext4(device);
+    ASSERT_EQ(Q_mount(device.path().c_str(), "/mnt/other", "ext4", 0, nullptr), 0);
+    ASSERT_EQ(mount("/mnt/other", copy_dir, nullptr, MS_BIND, nullptr), 0);
+    const size_t before = mounts();
+    EXPECT_EQ(mount_copy(device), 0);
+    EXPECT_EQ(Q_mount(device.path().c_str(), "/mnt/other", "ext4", 0, nullptr), 0);
+    EXPECT_EQ(mounts(), before);
+}
+
 TEST_F(FileSystem,
        device_hidden_below_another_mount_on_the_directory_is_mounted_elsewhere_needs_root) {
     SKIP_WITHOUT_ROOT();

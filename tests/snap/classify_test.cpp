@@ -260,6 +260,18 @@ TEST_F(Fsdevinfo, a_file_has_the_device_of_its_mount_in_the_mount_output) {
     EXPECT_EQ(outputs(), "regular, null, null, /dev/null, null");
 }
 
+// The second look-up, by the device's name, answers for the type as well; without a raw device
+// there is nothing to check.
+TEST_F(Fsdevinfo,
+       a_file_whose_device_is_no_directory_of_a_mount_has_no_type_and_no_checked_device) {
+    test::write_file("/data/file", "");
+    EXPECT_EQ(describe("/data/file"), 0);
+    EXPECT_EQ(outputs(), "regular, null, null, /dev/qz/dsk/dg/vol, null");
+    EXPECT_EQ(happened(),
+              "realpath returned linkname as /data/file for /data/file\n"
+              "realpath returned NULL for partition /dev/qz/dsk/dg/vol\n");
+}
+
 TEST_F(Fsdevinfo, a_file_under_no_mount_says_so_and_succeeds_without_names) {
     test::write_mount_table("/dev/x /elsewhere ext4 rw 0 0\n");
     EXPECT_EQ(describe("/etc/passwd"), 0);

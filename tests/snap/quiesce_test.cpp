@@ -202,6 +202,18 @@ TEST_F(Snap, a_second_locksnap_takes_the_place_of_the_first_and_leaks_no_descrip
     EXPECT_EQ(qz_fd, -1);
 }
 
+TEST_F(Snap, a_second_locksnap_that_fails_forgets_and_closes_the_first) {
+    answer_ioctl(0);
+    EXPECT_EQ(locksnap("/usr", 0, 1), 0);
+    const int first = qz_fd;
+    EXPECT_EQ(locksnap("/nowhere", 0, 1), ENOENT);
+    EXPECT_EQ(qz_fd, -1);
+    EXPECT_FALSE(is_open(first));
+    events().clear();
+    EXPECT_EQ(unlocksnap("/usr", 0, 1), 0);
+    EXPECT_EQ(happened(), "");
+}
+
 TEST_F(Snap, unlocksnap_of_ufs_returns_0_whatever_the_command_did) {
     install_lockfs(1);
     EXPECT_EQ(unlocksnap("/data", 1, 0), 0);
