@@ -1,0 +1,179 @@
+// One process of the framework: loads the method as the framework does and calls the entry points
+// that its arguments name, in their order.
+//
+// usage: tfphase REPORT LEVEL STEP...
+//   freeze CONFIG SOURCE FIFS     CONFIG "-" is no configuration
+//   ctl CODE | commit | volumes | thaw | thaw_commit
+//   ckpt FILE | rebuild FILE      the checkpoint text is in FILE
+//   rollback                      thaw and thaw_commit when there is a handle
+//   run COMMAND                   a line for the shell, while this process is alive
+//
+// REPORT gets a line "KEY VALUE" for everything seen, texts with \n for a newline: "log" for each
+// line of the log, then of each call "step", "status", "number", "handle", "errmsg" and "logmsg".
+#include <dlfcn.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <string>
+
+#include "include/timefinder.h"
+
+namespace {
+
+constexpr char method_path[] = "/usr/quill/tessera/lib/libtimefinder_fim.so";
+constexpr int32_t no_number = -1;
+
+FILE *report;
+
+void tell(const char *key, const std::string &text) {
+    fprintf(report, "%s ", key);
+    for (const char c : text) {
+        if (c == '\n')
+            fputs("\\n", report);
+        else
+            fputc(c, report);
+    }
+    fputc('\n', report);
+    fflush(report);
+}
+
+[[noreturn]] void give_up(const std::string &why) {
+    fprintf(stderr, "tfphase: %s\n", why.c_str());
+    exit(2);
+}
+
+// The entry points as the framework finds them: by their names.
+class Method {
+  public:
+    explicit Method(int32_t level) {
+        library_ = dlopen(method_path, RTLD_NOW | RTLD_LOCAL);
+        if (library_ == nullptr) give_up(dlerror());
+        entry<decltype(TimeFinder_init)>("TimeFinder_init")(&number_, logmsg_, errmsg_);
+        entry<decltype(TimeFinder_set_locale)>("TimeFinder_set_locale")(nullptr, nullptr);
+        entry<decltype(TimeFinder_set_logf)>("TimeFinder_set_logf")(
+            [](const char *line) { tell("log", line); }, level);
+    }
+
+    template <class Entry, class... Arguments>
+    void step(const char *name, const char *symbol, Arguments... arguments) {
+        number_ = no_number;
+        errmsg_[0] = logmsg_[0] = '\0';
+        const int32_t status = entry<Entry>(symbol)(arguments...);
+        tell("step", name);
+        tell("status", std::to_string(status));
+        tell("number", std::to_string(number_));
+        tell("handle", handle_ != nullptr ? "1" : "0");
+        tell("errmsg", errmsg_);
+        tell("logmsg", logmsg_);
+    }
+
+    void freeze(const char *config, const char *source, const char *fifs) {
+        int32_t volumes = -1;
+        const char *given = strcmp(config, "-") == 0 ? nullptr : config;
+        step<decltype(TimeFinder_freeze)>("freeze", "TimeFinder_freeze", given, source, fifs,
+                                          nullptr, &volumes, TF_FREEZE_WAIT, &handle_);
+    }
+
+    void ckpt(const char *file) {
+        char *text = nullptr;
+        step<decltype(TimeFinder_ckpt)>("ckpt", "TimeFinder_ckpt", handle_, &text);
+        if (text != nullptr) std::ofstream(file) << text;
+        free(text);
+    }
+
+    void rebuild(const char *file) {
+        std::ifstream in(file);
+        if (!in) give_up(std::string("no file ") + file);
+        std::string text((std::istreambuf_iterator<char>(in)), {});
+        step<decltype(TimeFinder_rebuild)>("rebuild", "TimeFinder_rebuild", &handle_, text.data());
+    }
+
+    void volumes() {
+        char path[TF_VOLPATH_SIZE] = "";
+        int32_t count = -1;
+        step<decltype(TimeFinder_volumes)>("volumes", "TimeFinder_volumes", handle_, path, &count);
+        tell("volpath", path);
+        tell("nvols", std::to_string(count));
+    }
+
+    void ctl(int32_t code) {
+        step<decltype(TimeFinder_ctl)>("ctl", "TimeFinder_ctl", handle_, code);
+    }
+    void commit() {
+        step<decltype(TimeFinder_freeze_commit)>("commit", "TimeFinder_freeze_commit", handle_);
+    }
+    void thaw() { step<decltype(TimeFinder_thaw)>("thaw", "TimeFinder_thaw", handle_); }
+    void thaw_commit() {
+        step<decltype(TimeFinder_thaw_commit)>("thaw_commit", "TimeFinder_thaw_commit", handle_);
+    }
+    void rollback() {
+        if (handle_ == nullptr) return;
+        thaw();
+        thaw_commit();
+    }
+
+  private:
+    template <class Entry>
+    Entry *entry(const char *symbol) const {
+        void *found = dlsym(library_, symbol);
+        if (found == nullptr) give_up(dlerror());
+        return reinterpret_cast<Entry *>(found);
+    }
+
+    void *library_;
+    int32_t number_ = no_number;
+    char errmsg_[TF_MESSAGE_SIZE] = "", logmsg_[TF_MESSAGE_SIZE] = "";
+    hdef *handle_ = nullptr;
+};
+
+// Takes the steps one after the other from the arguments.
+class Steps {
+  public:
+    explicit Steps(char **rest) : rest_(rest) {}
+    bool more() const { return *rest_ != nullptr; }
+    const char *next() {
+        if (!more()) give_up("an argument is missing");
+        return *rest_++;
+    }
+
+  private:
+    char **rest_;
+};
+
+void run_line(const char *line) {
+    const int status = system(line);
+    if (status != 0) give_up(std::string("failed: ") + line);
+}
+
+void take(Method &method, Steps &steps) {
+    const std::string name = steps.next();
+    if (name == "freeze") {
+        const char *config = steps.next(), *source = steps.next();
+        return method.freeze(config, source, steps.next());
+    }
+    if (name == "ctl") return method.ctl(atoi(steps.next()));
+    if (name == "commit") return method.commit();
+    if (name == "ckpt") return method.ckpt(steps.next());
+    if (name == "rebuild") return method.rebuild(steps.next());
+    if (name == "volumes") return method.volumes();
+    if (name == "thaw") return method.thaw();
+    if (name == "thaw_commit") return method.thaw_commit();
+    if (name == "rollback") return method.rollback();
+    if (name == "run") return run_line(steps.next());
+    give_up("unknown step " + name);
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    if (argc < 3) give_up("usage: tfphase REPORT LEVEL STEP...");
+    report = fopen(argv[1], "we");
+    if (report == nullptr) give_up(std::string("cannot write ") + argv[1]);
+    Method method(atoi(argv[2]));
+    Steps steps(argv + 3);
+    while (steps.more()) take(method, steps);
+    return 0;
+}

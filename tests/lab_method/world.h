@@ -1,0 +1,84 @@
+// A world of the lab with one host and the array of the demo, for one test case. The case runs in
+// the machine's own namespaces, the world in its own; it needs root.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/types.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace test {
+
+// What one call of an entry point gave.
+struct Call {
+    std::string step;
+    int status = -1, number = -1;
+    bool handle = false;
+    std::string errmsg, logmsg;
+    std::string volpath;
+    int nvols = -1;
+    std::vector<std::string> log;  // the lines logged by this call
+
+    bool logged(const std::string &line) const;
+    bool logged_part(const std::string &part) const;
+};
+
+// What one process gave, call after call.
+struct Phase {
+    int status = -1;
+    std::string output;
+    std::vector<Call> calls;
+    // The call of a name; an empty one, which no check accepts, when there is none.
+    const Call &at(const std::string &step, size_t occurrence = 0) const;
+};
+
+using Words = std::vector<std::string>;
+
+class World : public testing::Test {
+  protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    // Runs a line of the shell in the host. must: its status has to be 0. Returns both streams.
+    std::string host(const std::string &line);
+    std::string host(const std::string &line, int *status);
+    // Runs tfarray in the host.
+    std::string array(const std::string &line) { return host("tfarray " + line); }
+    // One process that loads the shipped library and takes these steps.
+    Phase phase(const Words &steps, int level = 2, const Words &environment = {});
+
+    // Makes a file system on the standard device of the demo and mounts it on /data.
+    void mount_source(const std::string &type = "ext4");
+    // The mirror runs, as it does between two snapshots.
+    void synchronise();
+    int pair_state(const std::string &primary = "00A1", const std::string &bcv = "01A1");
+    // Pair states, counter files, mounts, loop devices, temporary files: what a failure must not
+    // change.
+    std::string picture();
+    std::string counter_files();
+
+    // Freeze, control code 4, commit, thaw and thaw commit in a new process, all of which succeed
+    // and leave nothing but the synchronised pair.
+    void expect_a_snapshot_succeeds(const std::string &source = "/data");
+    // The daemon of the array ends, and starts again with what it had.
+    void end_array();
+    void restart_array();
+
+    std::filesystem::path exchange() const;  // the host's /exchange
+
+  private:
+    pid_t array_daemon() const;
+
+    pid_t outer_ = -1, first_ = -1, second_daemon_ = -1;
+    std::string scratch_;
+    std::vector<std::string> daemon_line_;
+    int phases_ = 0;
+};
+
+// Status, error number and the text in both buffers.
+void expect_failure(const Call &call, int number, const std::string &text, int status = 11);
+void expect_success(const Call &call);
+
+}  // namespace test
