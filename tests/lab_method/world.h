@@ -66,12 +66,17 @@ class World : public testing::Test {
     void end_array();
     void restart_array();
 
+    // Files of /exchange, by which a running phase and the case wait for each other.
+    void wait_for_file(const std::string &name);
+    void make_file(const std::string &name);
+
     std::filesystem::path exchange() const;  // the host's /exchange
 
   private:
     pid_t array_daemon() const;
 
     pid_t outer_ = -1, first_ = -1, second_daemon_ = -1;
+    int life_ = -1;
     std::string scratch_;
     std::vector<std::string> daemon_line_;
     int phases_ = 0;
