@@ -19,6 +19,7 @@
 
 #include "lab/host/devices.h"
 #include "lab/host/places.h"
+#include "lab/host/warden.h"
 #include "lab/host/world.h"
 
 namespace tflab {
@@ -195,6 +196,7 @@ void start_host(const std::string &name, bool administrator) {
                                  std::to_string(wait_for(first)) +
                                  "): " + read_text(place::logs / name));
     }
+    tell_warden_of_host(name, first);
     write_text(host.pid, std::to_string(first));
 }
 
@@ -206,8 +208,10 @@ void stop_host(const std::string &name) {
     // It is a child of this process or of the world's first one, so its end is looked up.
     while (kill(first, 0) == 0) {
         if (waitpid(first, nullptr, WNOHANG) == first) break;
+        ask_warden_to_thaw();
         usleep(1000);
     }
+    tell_warden_of_end(name);
     if (fs::exists(place::control)) administer({"host", "remove", name});
     umount2(host.dev.c_str(), MNT_DETACH);
     fs::remove_all(host.folder);

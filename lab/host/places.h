@@ -17,6 +17,7 @@ inline const std::filesystem::path tree = base / "tree";  // what is installed i
 inline const std::filesystem::path hosts = base / "hosts";
 inline const std::filesystem::path exchange = base / "exchange";
 inline const std::filesystem::path build = base / "build";  // a link to the build folder
+inline const std::filesystem::path warden = base / "warden.sock";
 inline const std::filesystem::path administrator = "/run/tfarray";
 inline const std::filesystem::path control = administrator / "control.sock";
 

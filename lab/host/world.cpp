@@ -21,6 +21,7 @@
 #include "lab/host/loops.h"
 #include "lab/host/places.h"
 #include "lab/host/tree.h"
+#include "lab/host/warden.h"
 
 namespace tflab {
 namespace {
@@ -105,8 +106,13 @@ int reap_until(pid_t awaited) {
 void end_processes() {
     if (getpid() != 1) throw std::logic_error("this is not the first process of a world");
     kill(-1, SIGKILL);
-    while (waitpid(-1, nullptr, 0) > 0 || errno == EINTR) {
+    // One that writes to a frozen file system ends only when it is thawed.
+    for (pid_t pid = 0; pid >= 0 || errno == EINTR; pid = waitpid(-1, nullptr, WNOHANG)) {
+        if (pid != 0) continue;
+        ask_warden_to_thaw();
+        std::this_thread::sleep_for(1ms);
     }
+    tell_warden_of_end("");
 }
 
 // Takes the store away while somebody can still wait for it, and answers what is left. The kernel
@@ -132,9 +138,10 @@ void extend_path(const fs::path &build) {
     setenv("PATH", path.c_str(), 1);
 }
 
-int live(const WorldOptions &options, const std::function<int()> &body) {
+int live(const WorldOptions &options, Warden &warden, const std::function<int()> &body) {
     extend_path(options.build);
     make_view();
+    warden.listen();
     install_tree(options.build, place::tree);
     fs::create_directory_symlink(options.build, place::build);
     if (options.array) {
@@ -153,15 +160,19 @@ int live(const WorldOptions &options, const std::function<int()> &body) {
 }  // namespace
 
 int run_world(const WorldOptions &options, const std::function<int()> &body) {
+    Warden warden;
     Pipe life = make_pipe();
-    const pid_t first = fork_into(CLONE_NEWPID | CLONE_NEWNS, [&options, &body, &life] {
+    const pid_t first = fork_into(CLONE_NEWPID | CLONE_NEWNS, [&options, &warden, &body, &life] {
         life.write.reset();
         die_with_parent(life.read.get());
-        return live(options, body);
+        return live(options, warden, body);
     });
     life.read.reset();
+    warden.start(first);
     if (options.in_outer) options.in_outer(first);
-    return wait_for(first);
+    const int status = wait_for(first);
+    warden.wait();
+    return status;
 }
 
 void require_world() {

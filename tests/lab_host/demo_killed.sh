@@ -19,42 +19,8 @@ fail() {
     exit 1
 }
 
-# Calls a function again and again for a while until it succeeds.
-eventually() {
-    local end=$((SECONDS + 30))
-    until "$@"; do
-        [ $SECONDS -lt $end ] || return 1
-        sleep 0.02
-    done
-}
-
-has_said() {
-    grep -q "$1" "$scratch/output"
-}
-
-# No loop device of the list is attached as it was then.
-loops_are_gone() {
-    local number sequence
-    while read -r number sequence _; do
-        if [ -e "/sys/block/loop$number/loop/backing_file" ] &&
-            [ "$(cat "/sys/block/loop$number/diskseq")" = "$sequence" ]; then
-            return 1
-        fi
-    done <"$scratch/loops"
-}
-
-# No process is in the world's namespaces: then none of its mounts is either.
-processes_are_gone() {
-    local link space
-    for link in /proc/[0-9]*/ns/pid /proc/[0-9]*/ns/mnt; do
-        space=$(readlink "$link" 2>/dev/null) || continue
-        # One that has ended but was not waited for by its new parent holds nothing any more.
-        if grep -qxF "$space" "$scratch/spaces" &&
-            ! grep -q "^State:.*zombie" "${link%/ns/*}/status" 2>/dev/null; then
-            return 1
-        fi
-    done
-}
+# shellcheck source=tests/lab_host/left.sh
+source "$top/tests/lab_host/left.sh"
 
 kill_at() {
     local moment=$1 outer world
@@ -62,7 +28,7 @@ kill_at() {
     demo=$!
     eventually has_said "$moment" || fail "it never came to: $moment"
     outer=$(pgrep -P "$demo" -x tflab) || fail "it runs no tflab"
-    world=$(pgrep -P "$outer") || fail "tflab runs no world"
+    world=$(pgrep -P "$outer" -x tflab) || fail "tflab runs no world"
     "$build/bin/tflab" loops --world "$world" >"$scratch/loops"
     [ "$(wc -l <"$scratch/loops")" -eq 3 ] || fail "three loop devices were expected"
     readlink "/proc/$world/ns/pid" "/proc/$world/ns/mnt" >"$scratch/spaces"
