@@ -221,5 +221,41 @@ TEST_F(SnapshotInTheLab, counts_two_objects_of_one_process_and_ends_with_the_las
     EXPECT_EQ(counter_files(), "");
 }
 
+// Every host thaws with its own text; only the primary commits the thaw. The copy is reached
+// through the name that it has over there, and no lock is taken for it.
+TEST_F(SnapshotInTheLab, is_read_on_another_host_and_released_on_the_first_needs_root) {
+    mount_source();
+    start_host("backup1");
+    array("mask 000184500123 01A1 backup1 /dev/sdz");
+    for (const Call &call :
+         phase({"freeze", "-", "/data", "/copy", "ctl", "4", "commit", "ckpt", "/exchange/text"})
+             .calls) {
+        expect_success(call);
+    }
+    host("echo after >/data/file; sync; sed '1i HDEF-is_tgt=1' /exchange/text >/exchange/there");
+    on("backup1");
+    const std::string before = host("cat /proc/self/mounts; ls -A /tmp");
+    host("mkdir /copy");
+    const Phase there = phase({"rebuild", "/exchange/there", "volumes", "run",
+                               "cp /copy/file /exchange/read", "ckpt", "/exchange/there2"});
+    for (const Call &call : there.calls) expect_success(call);
+    EXPECT_FALSE(there.at("rebuild").logged_part("Executing command"));
+    EXPECT_TRUE(there.at("rebuild").logged("TimeFinder_rebuild: BCV <--> SYMID: /dev/sdz : 01A1"));
+    EXPECT_EQ(there.at("volumes").volpath, "/dev/sdz");
+    EXPECT_EQ(saved("read"), "before\n");
+    EXPECT_EQ(counter_files(), "");
+    host("sed -i '1i HDEF-is_tgt=1' /exchange/there2");
+    const Phase gone = phase({"rebuild", "/exchange/there2", "thaw"});
+    for (const Call &call : gone.calls) expect_success(call);
+    EXPECT_EQ(host("cat /proc/self/mounts; ls -A /tmp"), before);
+    EXPECT_EQ(pair_state(), 5);
+    on("client1");
+    const Phase released = phase({"rebuild", "/exchange/text", "rollback"});
+    for (const Call &call : released.calls) expect_success(call);
+    array("clock advance 60");
+    EXPECT_EQ(pair_state(), 2);
+    EXPECT_EQ(counter_files() + host("ls -A /tmp"), "");
+}
+
 }  // namespace
 }  // namespace test

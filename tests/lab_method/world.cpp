@@ -178,9 +178,8 @@ fs::path World::exchange() const {
 
 std::string World::host(const std::string &line, int *status) {
     const fs::path output = scratch_ + "/output";
-    *status = ended(
-        start({tflab, "exec", "--world", std::to_string(first_), "client1", "--", "sh", "-c", line},
-              output));
+    *status = ended(start(
+        {tflab, "exec", "--world", std::to_string(first_), on_, "--", "sh", "-c", line}, output));
     return read_file(output);
 }
 
@@ -191,6 +190,15 @@ std::string World::host(const std::string &line) {
     return text;
 }
 
+void World::start_host(const std::string &name) {
+    const fs::path output = scratch_ + "/output";
+    EXPECT_EQ(
+        ended(start({tflab, "host", "--world", std::to_string(first_), "start", name, "--admin"},
+                    output)),
+        0)
+        << read_file(output);
+}
+
 // Sleeping puts the array's clock forward and costs no time.
 Phase World::phase(const Words &steps, int level, const Words &environment) {
     const std::string name = "report" + std::to_string(++phases_);
@@ -199,7 +207,7 @@ Phase World::phase(const Words &steps, int level, const Words &environment) {
                   "--env",   "LD_PRELOAD=/usr/lib/tflab/libtflabsleep.so"};
     for (const std::string &variable : environment) line.insert(line.end(), {"--env", variable});
     line.insert(line.end(),
-                {"client1", "--", "/exchange/tfphase", "/exchange/" + name, std::to_string(level)});
+                {on_, "--", "/exchange/tfphase", "/exchange/" + name, std::to_string(level)});
     line.insert(line.end(), steps.begin(), steps.end());
     const fs::path output = scratch_ + "/" + name;
     Phase result;

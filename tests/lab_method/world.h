@@ -41,7 +41,10 @@ class World : public testing::Test {
     void SetUp() override;
     void TearDown() override;
 
-    // Runs a line of the shell in the host. must: its status has to be 0. Returns both streams.
+    // Starts one more host; the calls below are about the host that on() named last.
+    void start_host(const std::string &name);
+    void on(const std::string &name) { on_ = name; }
+    // Runs a line of the shell in the host; its status has to be 0. Returns both streams.
     std::string host(const std::string &line);
     std::string host(const std::string &line, int *status);
     // Runs tfarray in the host.
@@ -77,6 +80,7 @@ class World : public testing::Test {
 
     pid_t outer_ = -1, first_ = -1, second_daemon_ = -1;
     int life_ = -1;
+    std::string on_ = "client1";
     std::string scratch_;
     std::vector<std::string> daemon_line_;
     int phases_ = 0;
