@@ -171,11 +171,10 @@ int verify(const Verify &wanted) {
     }
     const Witness witness = Witness::read(wanted.witness);
     const uint64_t must_be_in = witness.ended_at(wanted.not_before);
-    const uint64_t may_be_in = witness.begun_at(wanted.not_after);
+    const uint64_t may_be_in = witness.begun_at(wanted.not_after), next = may_be_in + 1;
     printf("step=%llu files=%zu ended_before=%llu begun_after=%llu taken_in_all=%llu\n",
            static_cast<unsigned long long>(found.to), content.size(),
-           static_cast<unsigned long long>(must_be_in),
-           static_cast<unsigned long long>(may_be_in + 1),
+           static_cast<unsigned long long>(must_be_in), static_cast<unsigned long long>(next),
            static_cast<unsigned long long>(witness.ended()));
     if (found.to < must_be_in) {
         fprintf(stderr, "step %llu had ended before and is missing\n",

@@ -139,6 +139,7 @@ void extend_path(const fs::path &build) {
 }
 
 int live(const WorldOptions &options, Warden &warden, const std::function<int()> &body) {
+    umask(022);  // the modes of what is made here are those of a fresh system, whoever starts it
     extend_path(options.build);
     make_view();
     warden.listen();
@@ -160,6 +161,13 @@ int live(const WorldOptions &options, Warden &warden, const std::function<int()>
 }  // namespace
 
 int run_world(const WorldOptions &options, const std::function<int()> &body) {
+    for (const char *own : {"/run/", "/dev/", "/proc/"}) {
+        if (options.build.string().starts_with(own)) {
+            throw std::runtime_error(options.build.string() +
+                                     " cannot be seen in a world, which has " + own +
+                                     " for itself");
+        }
+    }
     Warden warden;
     Pipe life = make_pipe();
     const pid_t first = fork_into(CLONE_NEWPID | CLONE_NEWNS, [&options, &warden, &body, &life] {
