@@ -14,7 +14,6 @@
 #include <csignal>
 #include <cstdio>
 #include <fstream>
-#include <iterator>
 #include <system_error>
 
 namespace tflab {
@@ -68,8 +67,14 @@ void write_text(const fs::path &path, const std::string &text) {
 }
 
 std::string read_text(const fs::path &path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
+    // Of the kernel's files some fail in the middle, such as one of a device that goes meanwhile.
+    const Fd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    std::string text;
+    char part[4096];
+    for (ssize_t size; (size = read(file.get(), part, sizeof part)) > 0;) {
+        text.append(part, static_cast<size_t>(size));
+    }
+    return text;
 }
 
 namespace {

@@ -29,9 +29,8 @@ kill_at() {
     eventually has_said "$moment" || fail "it never came to: $moment"
     outer=$(pgrep -P "$demo" -x tflab) || fail "it runs no tflab"
     world=$(pgrep -P "$outer" -x tflab) || fail "tflab runs no world"
-    "$build/bin/tflab" loops --world "$world" >"$scratch/loops"
+    note_world "$build" "$world"
     [ "$(wc -l <"$scratch/loops")" -eq 3 ] || fail "three loop devices were expected"
-    readlink "/proc/$world/ns/pid" "/proc/$world/ns/mnt" >"$scratch/spaces"
     kill -9 "$demo"
     wait "$demo" 2>/dev/null || true
     demo=""

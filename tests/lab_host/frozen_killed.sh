@@ -27,14 +27,14 @@ source "$top/tests/lab_host/left.sh"
 in_host='mkfs.ext4 -q /dev/qz/dmp/p0 && mkdir /data && mount /dev/qz/dmp/p0 /data &&
     { (while echo x >>/data/file; do :; done) & } && sleep 0.1 && fsfreeze -f /data && echo frozen'
 
+# shellcheck disable=SC2016
 "$build/bin/tflab" run --scenario demo --host client1 --pid-file "$scratch/world" -- \
     sh -c 'tflab exec client1 -- sh -c "$1"; exec sleep 60' sh "$in_host" \
     >"$scratch/output" 2>&1 &
 outer=$!
 eventually has_said "^frozen" || fail "nothing was frozen"
 world=$(cat "$scratch/world")
-"$build/bin/tflab" loops --world "$world" >"$scratch/loops"
-readlink "/proc/$world/ns/pid" "/proc/$world/ns/mnt" >"$scratch/spaces"
+note_world "$build" "$world"
 kill -9 "$outer"
 wait "$outer" 2>/dev/null || true
 outer=""

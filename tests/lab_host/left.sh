@@ -1,6 +1,16 @@
 # shellcheck shell=bash
-# What a killed world may have left. The caller has set scratch, a folder with the program's "output",
-# the "loops" and the "spaces" of the world as they were before the kill.
+# What a killed world may have left. The caller has set scratch, a folder with the program's "output".
+
+: "${scratch:?}"
+
+# Remembers the loop devices and the process namespace of a world: the build folder, and the world's
+# first process.
+note_world() {
+    "$1/bin/tflab" loops --world "$2" >"$scratch/loops"
+    # Held open: the number of a namespace that is gone is soon that of another one.
+    exec 7<"/proc/$2/ns/pid"
+    readlink "/proc/$2/ns/pid" >"$scratch/spaces"
+}
 
 # Calls a function again and again for a while until it succeeds.
 eventually() {
@@ -27,10 +37,10 @@ loops_are_gone() {
     done <"$scratch/loops"
 }
 
-# No process is in the world's namespaces: then none of its mounts is either.
+# No process is in the world's namespace. That no mount is left is shown by the loop devices below them.
 processes_are_gone() {
     local link space
-    for link in /proc/[0-9]*/ns/pid /proc/[0-9]*/ns/mnt; do
+    for link in /proc/[0-9]*/ns/pid; do
         space=$(readlink "$link" 2>/dev/null) || continue
         # One that has ended but was not waited for by its new parent holds nothing any more.
         if grep -qxF "$space" "$scratch/spaces" &&
