@@ -131,7 +131,8 @@ check_cppcheck() {
 
 check_tidy() {
     local files
-    configured clang || return 1
+    # What the second compiler has read in advance is what clang-tidy reads too.
+    check_clang || return 1
     mapfile -t files < <(git ls-files -- "${shipped[@]/%//*.cpp}" 'fimctl/*.cpp' 'lab/*.cpp')
     printf '%s\n' "${files[@]}" | xargs -P 2 -n 1 clang-tidy-14 --quiet -p build/clang \
         --warnings-as-errors='*'
