@@ -34,8 +34,8 @@ class CheckpointText {
 std::string with_clone_information(const std::string &text);
 
 // A text that was taken before the copy was mounted, for the release of a snapshot whose mount was
-// cut short: the record is told to unmount, and the method does so only when the copy is what is
-// mounted there.
+// cut short: the record is told to unmount. The method unmounts whatever is mounted on the copy's
+// directory, which is why that belongs to one snapshot alone.
 std::string as_if_mounted(const std::string &text);
 
 }  // namespace fimctl

@@ -6,7 +6,6 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
-#include <filesystem>
 
 #include "fimctl/array_reader.h"
 #include "fimctl/cycle.h"
@@ -14,6 +13,7 @@
 #include "fimctl/log.h"
 #include "fimctl/paths.h"
 #include "fimctl/signals.h"
+#include "fimctl/source.h"
 
 namespace fimctl {
 namespace {
@@ -72,14 +72,21 @@ class CommandLine {
         if (marked) options_.command.assign(mark + 1, words.end());
         words.erase(mark, words.end());
         std::reverse(words.begin(), words.end());
-        app_.parse(words);
+        try {
+            app_.parse(words);
+        } catch (const CLI::RequiredError &) {
+            // A misspelt command is named; that one is missing would puzzle who wrote it.
+            const auto unknown = app_.remaining();
+            if (!app_.get_subcommands().empty() || unknown.empty()) throw;
+            throw CLI::ExtrasError({unknown.front()});
+        }
         if (run_->parsed() && options_.command.empty()) {
             throw CLI::RequiredError("run: -- COMMAND");
         }
         if (!run_->parsed() && marked) throw CLI::ExtrasError({"--"});
         options_.settings.quiesce = !options_.no_quiesce;
         options_.settings.log_file = options_.log.file;
-        options_.settings.state = std::filesystem::absolute(options_.settings.state);
+        options_.settings.state = absolute_path(options_.settings.state);
     }
 
     int end(const CLI::ParseError &error) { return app_.exit(error); }
@@ -145,7 +152,7 @@ class CommandLine {
     }
 
     Failure no_such_snapshot() const {
-        return Failure(Step::catalogue, ExitCode::no_such_snapshot,
+        return Failure(Step::snapshot, ExitCode::no_such_snapshot,
                        "there is no snapshot " + std::to_string(options_.id));
     }
 
@@ -194,7 +201,8 @@ void tell(const Failure &failure) {
     if (failure.number != 0) line += " (error number " + std::to_string(failure.number) + ")";
     log::problem(line);
     if (!failure.afterwards.empty()) log::problem("then: " + failure.afterwards);
-    const std::string remedy = remedy_of(failure.step, failure.code, failure.id);
+    const std::string remedy =
+        failure.next.empty() ? remedy_of(failure.step, failure.code, failure.id) : failure.next;
     if (!remedy.empty()) log::problem("next: " + remedy);
 }
 

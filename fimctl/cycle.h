@@ -67,6 +67,7 @@ class Cycle {
     std::vector<Source> check(const std::vector<std::string> &paths);
     void refuse_held(const std::vector<Source> &sources);
     void check_mount_at(const std::vector<Source> &sources);
+    void refuse_promised(const std::string &folder, const std::string &real);
     std::vector<ObjectRecord> plan_objects(int64_t id, const std::vector<Source> &sources);
     void remove_folders(const SnapshotRecord &snapshot);
 

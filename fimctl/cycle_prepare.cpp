@@ -54,6 +54,12 @@ std::string real_name(const std::string &folder) {
     return real;
 }
 
+// The directory of the copy of object number (from 0) of count, as --mount-at names it.
+std::string mount_folder(const std::string &mount_at, size_t number, size_t count) {
+    const std::string folder = absolute_path(mount_at);
+    return count > 1 ? folder + "/" + std::to_string(number + 1) : folder;
+}
+
 std::vector<WrittenPlace> written_places(const Settings &settings) {
     const char *temporary = getenv("TMPDIR");
     std::vector<WrittenPlace> places = {
@@ -70,6 +76,9 @@ std::vector<WrittenPlace> written_places(const Settings &settings) {
 
 std::vector<Source> Cycle::check(const std::vector<std::string> &paths) {
     auto sources = look_at_sources(paths);
+    if (settings_.state.find('\n') != std::string::npos) {
+        throw unusable("--state: a newline in the path");
+    }
     check_mount_at(sources);
     if (settings_.quiesce) refuse_writing_to_frozen(sources, written_places(settings_));
     refuse_held(sources);
@@ -88,10 +97,11 @@ void Cycle::refuse_held(const std::vector<Source> &sources) {
         for (const ObjectRecord &object : snapshot.objects) {
             for (const Source &source : sources) {
                 if (object.device != static_cast<int64_t>(source.device)) continue;
-                throw unusable(source.path + " is held by snapshot " + std::to_string(snapshot.id) +
-                               " (" + name_of(snapshot.state) +
-                               "); end that one first: fimctl release " +
-                               std::to_string(snapshot.id));
+                Failure failure =
+                    unusable(source.path + " is held by snapshot " + std::to_string(snapshot.id) +
+                             " (" + name_of(snapshot.state) + ")");
+                failure.next = "end that one first: fimctl release " + std::to_string(snapshot.id);
+                throw failure;
             }
         }
     }
@@ -100,16 +110,37 @@ void Cycle::refuse_held(const std::vector<Source> &sources) {
 void Cycle::check_mount_at(const std::vector<Source> &sources) {
     const std::string &wanted = settings_.mount_at;
     if (wanted.empty()) return;
-    if (wanted.find('\n') != std::string::npos) throw unusable("--mount-at: a newline in the path");
-    std::error_code error;
-    const std::string real = fs::weakly_canonical(fs::absolute(wanted), error);
-    if (error) throw unusable(wanted + ": " + error.message());
-    for (const Source &source : sources) {
-        if (source.mount_dir != real) continue;
-        throw unusable("--mount-at " + wanted +
-                       " is where the original is mounted; the copy needs a directory of its own");
+    for (size_t i = 0; i < sources.size(); ++i) {
+        const std::string folder = mount_folder(wanted, i, sources.size());
+        if (folder.find('\n') != std::string::npos) {
+            throw unusable("--mount-at: a newline in the path");
+        }
+        std::error_code error;
+        const std::string real = fs::weakly_canonical(folder, error);
+        if (error) throw unusable(folder + ": " + error.message());
+        for (const Source &source : sources) {
+            if (source.mount_dir != real) continue;
+            throw unusable(
+                "--mount-at: " + folder +
+                " is where the original is mounted; the copy needs a directory of its own");
+        }
+        if (is_mount_point(real)) {
+            throw unusable("--mount-at: " + folder + " is a mount point already");
+        }
+        refuse_promised(folder, real);
     }
-    if (is_mount_point(real)) throw unusable("--mount-at " + wanted + " is a mount point already");
+}
+
+// The release of either snapshot would unmount whatever is mounted there, the other one's copy too.
+void Cycle::refuse_promised(const std::string &folder, const std::string &real) {
+    for (const SnapshotRecord &snapshot : catalogue_.all()) {
+        if (is_over(snapshot.state)) continue;
+        for (const ObjectRecord &object : snapshot.objects) {
+            if (object.fifs != real) continue;
+            throw unusable("--mount-at: " + folder + " is for the copy of snapshot " +
+                           std::to_string(snapshot.id));
+        }
+    }
 }
 
 std::vector<ObjectRecord> Cycle::plan_objects(int64_t id, const std::vector<Source> &sources) {
@@ -120,8 +151,7 @@ std::vector<ObjectRecord> Cycle::plan_objects(int64_t id, const std::vector<Sour
             folder = settings_.state + "/" + path::mount_folder + "/" + std::to_string(id) + "-" +
                      std::to_string(i + 1);
         } else {
-            folder = fs::absolute(settings_.mount_at);
-            if (sources.size() > 1) folder += "/" + std::to_string(i + 1);
+            folder = mount_folder(settings_.mount_at, i, sources.size());
         }
         ObjectRecord object;
         object.source = sources[i].path;

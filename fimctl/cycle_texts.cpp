@@ -45,6 +45,21 @@ void wait_a_second() {
     poll(nullptr, 0, 1000);
 }
 
+Failure not_to_be_mounted(const SnapshotRecord &snapshot) {
+    const std::string id = std::to_string(snapshot.id);
+    Failure failure(Step::snapshot, ExitCode::usage,
+                    "snapshot " + id + " cannot be mounted: it is " + name_of(snapshot.state) +
+                        (snapshot.void_reason.empty() ? "" : " and void"));
+    if (snapshot.state == State::mounted) {
+        failure.next = "fimctl show " + id + " tells where its copy is mounted";
+    } else if (is_over(snapshot.state)) {
+        failure.next = "take another snapshot: fimctl freeze PATH...";
+    } else {
+        failure.next = "fimctl release " + id;
+    }
+    return failure;
+}
+
 }  // namespace
 
 // A phase that starts from the texts. Another process that owns the array's mirrors is waited for:
@@ -81,10 +96,7 @@ std::vector<std::string> Cycle::mount(int64_t id) {
     lock(id);
     SnapshotRecord snapshot = known(id);
     if (snapshot.state != State::frozen || !snapshot.void_reason.empty()) {
-        throw Failure(Step::volumes, ExitCode::usage,
-                      "snapshot " + std::to_string(id) + " cannot be mounted: it is " +
-                          name_of(snapshot.state) +
-                          (snapshot.void_reason.empty() ? "" : " and void"));
+        throw not_to_be_mounted(snapshot);
     }
     catalogue_.set_state(id, State::mounting);
     const Outcome outcome = text_phase(id, true, texts_of(snapshot));
@@ -113,14 +125,17 @@ void Cycle::release(int64_t id) {
     lock(id);
     const SnapshotRecord snapshot = known(id);
     if (is_over(snapshot.state)) {
-        throw Failure(
-            Step::thaw, ExitCode::usage,
+        Failure failure(
+            Step::snapshot, ExitCode::usage,
             "snapshot " + std::to_string(id) + " is over: it is " + name_of(snapshot.state));
+        failure.next = "nothing is left to do for it";
+        throw failure;
     }
     if (snapshot.state == State::begun) {
         // Killed before the cut: its locks have ended with its process.
         catalogue_.set_state(id, State::failed);
         remove_folders(snapshot);
+        log::progress("nothing had been split; it is marked failed");
     } else if (every_text_is_there(snapshot)) {
         release_by_text(snapshot);
     } else {

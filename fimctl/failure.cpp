@@ -6,6 +6,8 @@ const char *name_of(Step step) {
     switch (step) {
     case Step::check:
         return "check the paths";
+    case Step::snapshot:
+        return "look up the snapshot";
     case Step::catalogue:
         return "keep the catalogue";
     case Step::array:
@@ -61,7 +63,11 @@ std::string remedy_of(Step step, ExitCode code, long id) {
     if (code == ExitCode::left) {
         return id != 0 ? remedy_of_rest(step, id) : "fimctl list shows what is left";
     }
-    if (code == ExitCode::usage) return "";
+    if (code == ExitCode::usage) {
+        return step == Step::check ? "correct the path or the option, then try again" : "";
+    }
+    if (code == ExitCode::interrupted)
+        return "nothing is left to clean; start it again when you like";
     if (code == ExitCode::owned) return "wait until the other process has ended, then try again";
     if (code == ExitCode::permission) return "run fimctl as root";
     if (code == ExitCode::array) {
@@ -72,7 +78,8 @@ std::string remedy_of(Step step, ExitCode code, long id) {
     case Step::load:
         return "install the method, or name it with --method";
     case Step::freeze:
-        return "see that every device below the path has a BCV, then try again";
+        return "see that the configuration string is right and that every device below the path "
+               "has a BCV, then try again";
     case Step::control:
     case Step::commit:
     case Step::judge:
@@ -81,6 +88,13 @@ std::string remedy_of(Step step, ExitCode code, long id) {
         return "take the path out, or accept a copy of a busy file system with --no-quiesce";
     case Step::volumes:
         return "check the copy by hand (run again with -v for the commands' output)";
+    case Step::catalogue:
+        return "see that the state folder can be written and has room, then try again";
+    case Step::states:
+    case Step::checkpoint:
+        return "run again with -vv for the method's lines";
+    case Step::command:
+        return "see what the command itself said, then run it again";
     default:
         return "";
     }

@@ -24,6 +24,7 @@ enum class ExitCode : int {
 // The steps of a snapshot's life, in their order. Each has a name and a remedy.
 enum class Step {
     check,      // look at the paths before anything is begun
+    snapshot,   // find a snapshot that the command fits
     catalogue,  // keep the snapshot's state
     array,      // reach the array for reading
     load,       // load the method
@@ -56,6 +57,7 @@ class Failure : public std::runtime_error {
     int number;
     long id = 0;             // the snapshot, once there is one
     std::string afterwards;  // what was done about it ("rolled back", "released"), if anything
+    std::string next;        // what to do, where it is known better than the step's remedy says
 };
 
 }  // namespace fimctl

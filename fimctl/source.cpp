@@ -111,13 +111,32 @@ bool starts(const std::string &text, const char *prefix) {
     return text.compare(0, strlen(prefix), prefix) == 0;
 }
 
-Source look_at(const std::string &path, const std::vector<Mount> &mounts) {
-    if (path.find('\n') != std::string::npos) {
-        throw unusable("a path with a newline cannot be frozen: its checkpoint could not be kept");
+// The numbers of character devices are not those of block devices. One whose block device is not
+// known gets a number that no block device and no file system has.
+constexpr dev_t raw_space = dev_t{1} << 62;
+constexpr const char *raw_and_block[][2] = {{"/dev/qz/rdmp/", "/dev/qz/dmp/"},
+                                            {path::raw_volume_folder, path::volume_folder},
+                                            {"/dev/rdsk/", "/dev/dsk/"}};
+
+// The number of the block device behind a raw device, so that what is mounted from it is found.
+dev_t block_twin(const std::string &raw, dev_t number) {
+    for (const auto &[raw_folder, block_folder] : raw_and_block) {
+        if (!starts(raw, raw_folder)) continue;
+        struct stat status = {};
+        const std::string block = block_folder + raw.substr(strlen(raw_folder));
+        if (stat(block.c_str(), &status) == 0 && S_ISBLK(status.st_mode)) return status.st_rdev;
     }
+    return number | raw_space;
+}
+
+Source look_at(const std::string &path, const std::vector<Mount> &mounts) {
     if (path.empty()) throw unusable("an empty path cannot be frozen");
     Source source;
-    source.path = fs::absolute(path).lexically_normal();
+    source.path = fs::path(absolute_path(path)).lexically_normal();
+    // The working directory may hold one as well.
+    if (source.path.find('\n') != std::string::npos) {
+        throw unusable("a path with a newline cannot be frozen: its checkpoint could not be kept");
+    }
     if (source.path.size() > 1 && source.path.back() == '/') source.path.pop_back();
     if (source.path.size() >= method_path_size) {
         throw unusable(path + ": longer than " + std::to_string(method_path_size - 1) +
@@ -129,7 +148,8 @@ Source look_at(const std::string &path, const std::vector<Mount> &mounts) {
     }
     if (S_ISBLK(status.st_mode) || S_ISCHR(status.st_mode)) {
         source.kind = S_ISBLK(status.st_mode) ? SourceKind::block_device : SourceKind::raw_device;
-        source.device = status.st_rdev;
+        source.device =
+            S_ISBLK(status.st_mode) ? status.st_rdev : block_twin(source.path, status.st_rdev);
         place_device(source, mounts);
         source.is_volume = starts(source.path, path::volume_folder) ||
                            starts(source.path, path::raw_volume_folder);
@@ -158,13 +178,20 @@ void refuse_doubles(const std::vector<Source> &sources) {
 // The device of a path that may not exist yet: that of the nearest folder above it which does.
 dev_t device_of(const std::string &path) {
     struct stat status = {};
-    for (fs::path at = fs::absolute(path);; at = at.parent_path()) {
+    for (fs::path at = absolute_path(path);; at = at.parent_path()) {
         if (stat(at.c_str(), &status) == 0) return status.st_dev;
         if (at == at.root_path()) return 0;
     }
 }
 
 }  // namespace
+
+std::string absolute_path(const std::string &path) {
+    std::error_code error;
+    const fs::path absolute = fs::absolute(path, error);
+    if (error) throw unusable(path + ": the working directory: " + error.message());
+    return absolute;
+}
 
 std::vector<Source> look_at_sources(const std::vector<std::string> &paths) {
     const auto mounts = mount_table();
@@ -189,8 +216,11 @@ void refuse_writing_to_frozen(const std::vector<Source> &sources,
     const auto refuse = [&sources](const std::string &what, dev_t device) {
         for (const Source &source : sources) {
             if (source.mount_dir.empty() || source.device != device) continue;
-            throw unusable(what + " lies on the file system on " + source.mount_dir +
-                           ", which would be frozen while it is written");
+            Failure failure = unusable(what + " lies on the file system on " + source.mount_dir +
+                                       ", which would be frozen while it is written");
+            failure.next =
+                "put it on another file system, or accept a copy of a busy one with --no-quiesce";
+            throw failure;
         }
     };
     for (const WrittenPlace &place : places) {

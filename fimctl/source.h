@@ -13,12 +13,15 @@ enum class SourceKind { file_system, block_device, raw_device };
 struct Source {
     std::string path;  // absolute, as it goes to the method
     SourceKind kind = SourceKind::file_system;
-    dev_t device = 0;       // of the file system, or of the device itself
+    dev_t device = 0;       // of the file system, or of the block device
     std::string mount_dir;  // where the file system (or the device's file system) is mounted, or ""
     std::string mounted;    // the name of the mounted device, or ""
     std::string inside;     // the path below the root of the file system, "" for the root
     bool is_volume = false;
 };
+
+// A path from the root on. Throws Failure (usage) when the working directory is gone.
+std::string absolute_path(const std::string &path);
 
 // Looks at each path; throws Failure (usage) for one that cannot be frozen: missing, too long, with
 // a newline (the checkpoint text has no escape, so the record could not be kept), or the same

@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include "fimctl/command.h"
+#include "fimctl/failure.h"
 #include "fimctl/paths.h"
 #include "tests/fimctl/world.h"
 #include "tests/support/private_root.h"
@@ -40,6 +41,28 @@ TEST_F(CommandLine, what_cannot_be_understood_ends_with_2) {
     EXPECT_EQ(fimctl({"freeze", one_, "--", "true"}).status, 2);
     EXPECT_EQ(fimctl({"freeze", "--freeze-deadline", "0", one_}).status, 2);
     EXPECT_TRUE(story().empty());
+}
+
+TEST_F(CommandLine, a_command_that_does_not_exist_is_named) {
+    const Ended ended = fimctl({"bogus"});
+    EXPECT_EQ(ended.status, 2);
+    EXPECT_NE(ended.err.find("bogus"), std::string::npos) << ended.err;
+}
+
+TEST_F(CommandLine, every_step_and_every_way_to_end_says_what_to_do_next) {
+    using fimctl::ExitCode;
+    for (int step = 0; step <= static_cast<int>(fimctl::Step::thaw_commit); ++step) {
+        for (const ExitCode code : {ExitCode::left, ExitCode::no_such_snapshot, ExitCode::owned,
+                                    ExitCode::array, ExitCode::permission, ExitCode::interrupted}) {
+            EXPECT_NE(fimctl::remedy_of(static_cast<fimctl::Step>(step), code, 1), "") << step;
+        }
+    }
+    using fimctl::Step;
+    for (const Step step :
+         {Step::load, Step::freeze, Step::control, Step::commit, Step::judge, Step::quiesce,
+          Step::volumes, Step::catalogue, Step::states, Step::checkpoint, Step::command}) {
+        EXPECT_NE(fimctl::remedy_of(step, ExitCode::failed, 1), "") << fimctl::name_of(step);
+    }
 }
 
 TEST_F(CommandLine, a_number_that_is_no_snapshot_ends_with_10) {
@@ -243,10 +266,12 @@ TEST_F(CommandLine, what_does_not_fit_the_state_of_a_snapshot_is_refused) {
     const Ended twice = fimctl({"mount", "1"});
     EXPECT_EQ(twice.status, 2);
     EXPECT_NE(twice.err.find("snapshot 1 cannot be mounted: it is mounted"), std::string::npos);
+    EXPECT_NE(twice.err.find("next: fimctl show 1 tells where"), std::string::npos) << twice.err;
     ASSERT_EQ(fimctl({"release", "1"}).status, 0);
     const Ended again = fimctl({"release", "1"});
     EXPECT_EQ(again.status, 2);
     EXPECT_NE(again.err.find("snapshot 1 is over: it is released"), std::string::npos);
+    EXPECT_NE(again.err.find("next: nothing is left to do"), std::string::npos) << again.err;
 }
 
 TEST_F(CommandLine, a_catalogue_of_a_later_version_is_left_alone) {

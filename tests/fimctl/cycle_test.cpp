@@ -130,7 +130,8 @@ TEST_F(Cycle, a_failed_freeze_that_returns_a_handle_is_rolled_back_on_that_handl
               std::string::npos)
         << ended.err;
     EXPECT_NE(ended.err.find("then: rolled back"), std::string::npos);
-    EXPECT_NE(ended.err.find("next: see that every device below the path has a BCV"),
+    EXPECT_NE(ended.err.find("next: see that the configuration string is right and that every "
+                             "device below the path has a BCV"),
               std::string::npos);
     EXPECT_EQ(snapshot(1).state, State::failed);
     EXPECT_FALSE(test::exists("/var/lib/fimctl/mnt/1-1"));
@@ -340,6 +341,7 @@ TEST_F(Cycle, an_object_whose_mirror_serves_a_copy_is_not_frozen_again) {
     const Ended ended = freeze();
     EXPECT_EQ(ended.status, 2);
     EXPECT_NE(ended.err.find("is held by snapshot 1 (frozen)"), std::string::npos) << ended.err;
+    EXPECT_NE(ended.err.find("next: end that one first: fimctl release 1"), std::string::npos);
     ASSERT_EQ(fimctl({"release", "1"}).status, 0);
     EXPECT_EQ(freeze().out, "2\n");
 }

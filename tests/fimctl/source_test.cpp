@@ -66,6 +66,31 @@ TEST_F(Sources, a_path_with_a_newline_is_refused_before_anything_is_frozen) {
         << "nothing was entered";
 }
 
+TEST_F(Sources, a_newline_in_the_working_directory_counts) {
+    const auto one = add_file_system("one", "000184500123", "00A1", "00B1");
+    test::make_folders(one + "/a\nb");
+    ASSERT_EQ(chdir((one + "/a\nb").c_str()), 0);
+    expect_refused({"."}, "newline");
+    for (const std::vector<std::string> &words : std::vector<std::vector<std::string>>{
+             {"freeze", "--no-quiesce", "--mount-at", "copy", one},
+             {"--state", "state", "freeze", "--no-quiesce", one}}) {
+        const auto ended = fimctl(words);
+        EXPECT_EQ(ended.status, 2);
+        EXPECT_NE(ended.err.find("a newline in the path"), std::string::npos) << ended.err;
+    }
+    EXPECT_TRUE(story().empty());
+    ASSERT_EQ(chdir("/"), 0);
+}
+
+TEST_F(Sources, a_working_directory_that_is_gone_is_no_internal_error) {
+    test::make_folders("/gone");
+    ASSERT_EQ(chdir("/gone"), 0);
+    ASSERT_EQ(rmdir("/gone"), 0);
+    expect_refused({"file"}, "file: the working directory: No such file or directory");
+    EXPECT_EQ(fimctl({"--state", "state", "list"}).status, 2);
+    ASSERT_EQ(chdir("/"), 0);
+}
+
 TEST_F(Sources, missing_empty_and_too_long_paths_are_refused) {
     expect_refused({"/no/such/path"}, "/no/such/path: No such file or directory");
     expect_refused({""}, "empty path");
@@ -104,6 +129,37 @@ TEST_F(Sources, the_copy_is_not_mounted_over_another_mount) {
     const auto ended = fimctl({"freeze", "--no-quiesce", "--mount-at", two, one});
     EXPECT_EQ(ended.status, 2);
     EXPECT_NE(ended.err.find("is a mount point already"), std::string::npos) << ended.err;
+}
+
+TEST_F(Sources, none_of_several_copies_is_mounted_where_something_is_mounted) {
+    const auto one = add_file_system("one", "000184500123", "00A1", "00B1");
+    test::make_folders("/copies/1");
+    test::make_folders("/copies/2");
+    ASSERT_EQ(mount("tmpfs", "/copies/1", "tmpfs", 0, nullptr), 0);
+    mounted_.push_back("/copies/1");
+    const std::vector<std::string> words = {"freeze",  "--no-quiesce", "--mount-at",
+                                            "/copies", "/copies/1",    one};
+    const auto original = fimctl(words);
+    EXPECT_EQ(original.status, 2);
+    EXPECT_NE(original.err.find("/copies/1 is where the original is mounted"), std::string::npos)
+        << original.err;
+    const auto two = add_file_system("two", "000184500123", "00A2", "00B2");
+    const auto other = fimctl({"freeze", "--no-quiesce", "--mount-at", "/copies", one, two});
+    EXPECT_EQ(other.status, 2);
+    EXPECT_NE(other.err.find("/copies/1 is a mount point already"), std::string::npos) << other.err;
+    EXPECT_TRUE(story().empty());
+}
+
+TEST_F(Sources, a_directory_serves_one_snapshot_at_a_time) {
+    const auto one = add_file_system("one", "000184500123", "00A1", "00B1");
+    const auto two = add_file_system("two", "000184500123", "00A2", "00B2");
+    ASSERT_EQ(fimctl({"freeze", "--no-quiesce", "--mount-at", "/copies", one}).status, 0);
+    const auto second = fimctl({"freeze", "--no-quiesce", "--mount-at", "/copies", two});
+    EXPECT_EQ(second.status, 2);
+    EXPECT_NE(second.err.find("/copies is for the copy of snapshot 1"), std::string::npos)
+        << second.err;
+    ASSERT_EQ(fimctl({"release", "1"}).status, 0);
+    EXPECT_EQ(fimctl({"freeze", "--no-quiesce", "--mount-at", "/copies", two}).status, 0);
 }
 
 TEST_F(Sources, mount_at_names_the_directory_of_the_copy_and_outlives_it_when_it_was_there) {
