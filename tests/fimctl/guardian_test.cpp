@@ -5,14 +5,19 @@
 #include <gtest/gtest.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
 
 #include "fimctl/failure.h"
+#include "fimctl/paths.h"
+#include "fimctl/source.h"
 #include "tests/fimctl/loop_file_system.h"
 #include "tests/fimctl/world.h"
+#include "tests/support/private_root.h"
 
 namespace {
 
@@ -147,6 +152,40 @@ TEST_F(GuardianWithLoop, leaves_a_file_system_alone_that_somebody_else_has_froze
     close(file);
 }
 
+// Freezing a file system writes to its device: one whose data lie on a file system that is frozen
+// by then waits for the thaw, like one with a writer that hangs.
+TEST_F(GuardianWithLoop, a_freeze_that_blocks_is_given_up_at_the_deadline) {
+    NEEDS_LOOP_FILE_SYSTEM(one_);
+    const LoopFileSystem two("/two", "/one");
+    NEEDS_LOOP_FILE_SYSTEM(two);
+    try {
+        const Guardian guardian({"/one", "/two"}, 0.3);
+        FAIL() << "both were frozen";
+    } catch (const fimctl::Failure &failure) {
+        EXPECT_STREQ(failure.what(), "the deadline passed before every file system was frozen");
+    }
+    EXPECT_FALSE(one_.is_frozen());
+    EXPECT_FALSE(two.is_frozen());
+}
+
+TEST_F(GuardianWithLoop,
+       a_parent_that_is_killed_during_a_freeze_that_blocks_leaves_nothing_frozen) {
+    NEEDS_LOOP_FILE_SYSTEM(one_);
+    const LoopFileSystem two("/two", "/one");
+    NEEDS_LOOP_FILE_SYSTEM(two);
+    const pid_t pid = in_a_process([](auto ready) {
+        ready();
+        const Guardian guardian({"/one", "/two"}, 60);
+        pause();
+    });
+    usleep(500000);
+    EXPECT_TRUE(one_.is_frozen());
+    kill(pid, SIGKILL);
+    EXPECT_EQ(waitpid(pid, nullptr, 0), pid);
+    EXPECT_TRUE(thawed_within(one_, 2000));
+    EXPECT_TRUE(thawed_within(two, 2000));
+}
+
 class QuiescedCycleWithLoop : public test::FimctlWorld {
   protected:
     void SetUp() override {
@@ -249,9 +288,57 @@ TEST_F(QuiescedCycleWithLoop, nothing_that_is_written_may_lie_on_a_frozen_file_s
     };
     refused({"--state", "/one/state", "freeze", "/one"}, "the catalogue (/one/state)");
     refused({"--log", "/one/log", "freeze", "/one"}, "the log file (/one/log)");
+    test::make_folders("/one/locks");
+    test::make_folders("/usr/quill/tessera/online_util");
+    ASSERT_EQ(symlink("/one/locks", fimctl::path::host_lock_folder), 0);
+    refused({"freeze", "/one"}, "the method's lock folder");
+    unlink(fimctl::path::host_lock_folder);
+    ASSERT_EQ(symlink("/one/locks", fimctl::path::counter_folder), 0);
+    refused({"freeze", "/one"}, "the method's counter folder");
+    unlink(fimctl::path::counter_folder);
     setenv("TMPDIR", "/one", 1);
     refused({"freeze", "/one"}, "the folder of temporary files (/one)");
     unsetenv("TMPDIR");
+}
+
+TEST_F(QuiescedCycleWithLoop, a_stream_that_is_a_file_may_not_lie_on_a_frozen_file_system) {
+    NEEDS_LOOP_FILE_SYSTEM(one_);
+    const auto sources = fimctl::look_at_sources({"/one"});
+    for (const int stream : {STDOUT_FILENO, STDERR_FILENO}) {
+        const int kept = dup(stream);
+        const int file = open("/one/stream", O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+        dup2(file, stream);
+        close(file);
+        std::string text = "accepted";
+        try {
+            fimctl::refuse_writing_to_frozen(sources, {});
+        } catch (const fimctl::Failure &failure) {
+            text = failure.what();
+        }
+        dup2(kept, stream);
+        close(kept);
+        EXPECT_EQ(text,
+                  std::string(stream == STDOUT_FILENO ? "standard output" : "standard error") +
+                      " lies on the file system on /one, which would be frozen while it is "
+                      "written");
+    }
+}
+
+TEST_F(QuiescedCycleWithLoop, a_raw_device_stands_for_its_block_device) {
+    NEEDS_LOOP_FILE_SYSTEM(one_);
+    struct stat block = {};
+    ASSERT_EQ(stat(one_.device().c_str(), &block), 0);
+    test::make_folders("/dev/qz/dmp");
+    test::make_folders("/dev/qz/rdmp");
+    ASSERT_EQ(mknod("/dev/qz/dmp/p0", S_IFBLK | 0600, block.st_rdev), 0);
+    ASSERT_EQ(mknod("/dev/qz/rdmp/p0", S_IFCHR | 0600, makedev(1, 3)), 0);
+    // Its numbers are those of the loop device, but it is another kind of device.
+    ASSERT_EQ(mknod("/dev/qz/rdmp/p1", S_IFCHR | 0600, block.st_rdev), 0);
+    const auto sources = fimctl::look_at_sources({"/dev/qz/rdmp/p0", "/dev/qz/rdmp/p1"});
+    EXPECT_EQ(sources[0].device, block.st_rdev);
+    EXPECT_EQ(sources[0].mount_dir, "/one");
+    EXPECT_NE(sources[1].device, block.st_rdev);
+    EXPECT_EQ(sources[1].mount_dir, "");
 }
 
 }  // namespace

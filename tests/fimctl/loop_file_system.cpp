@@ -42,8 +42,9 @@ class Descriptor {
 
 }  // namespace
 
-LoopFileSystem::LoopFileSystem(const std::string &directory)
-    : directory_(directory), image_("/var/img-" + std::to_string(getpid()) + directory) {
+LoopFileSystem::LoopFileSystem(const std::string &directory, const std::string &folder)
+    : directory_(directory),
+      image_(folder + "/img-" + std::to_string(getpid()) + "-" + directory.substr(1)) {
     if (!is_real_root()) {
         trouble_ = "not root";
         return;
@@ -55,8 +56,6 @@ void LoopFileSystem::make() {
     const auto fails = [this](const char *what) {
         trouble_ = std::string(what) + ": " + strerror(errno);
     };
-    for (char &letter : image_) letter = letter == '/' ? '-' : letter;
-    image_ = "/var/" + image_.substr(5);
     mknod(control_node, S_IFCHR | 0600, makedev(misc_major, loop_control_minor));
     const Descriptor image(open(image_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
     if (image.get() < 0 || ftruncate(image.get(), image_size) != 0) return fails("image");

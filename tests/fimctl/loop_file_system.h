@@ -7,8 +7,9 @@ namespace test {
 
 class LoopFileSystem {
   public:
-    // Makes and mounts it on directory. good() is false where the machine cannot do that.
-    explicit LoopFileSystem(const std::string &directory);
+    // Makes and mounts it on directory, its image in folder. good() is false where the machine
+    // cannot do that.
+    explicit LoopFileSystem(const std::string &directory, const std::string &folder = "/var");
     LoopFileSystem(const LoopFileSystem &) = delete;
     LoopFileSystem &operator=(const LoopFileSystem &) = delete;
     // Thaws it, whatever a failed test has left, and unmounts it.
