@@ -45,6 +45,17 @@ void wait_a_second() {
     poll(nullptr, 0, 1000);
 }
 
+// A busy copy is what makes a thaw fail, and who looks for its users needs its directory.
+std::string remedy_of_thaw(const SnapshotRecord &snapshot) {
+    std::string directories;
+    for (const ObjectRecord &object : snapshot.objects) {
+        if (is_mount_point(object.fifs)) directories += " " + object.fifs;
+    }
+    if (directories.empty()) return "";
+    return "end whatever uses the copy (fuser -vm" + directories + "), then: fimctl release " +
+           std::to_string(snapshot.id);
+}
+
 Failure not_to_be_mounted(const SnapshotRecord &snapshot) {
     const std::string id = std::to_string(snapshot.id);
     Failure failure(Step::snapshot, ExitCode::usage,
@@ -158,6 +169,7 @@ void Cycle::end_release(const SnapshotRecord &snapshot, const Outcome &outcome) 
     if (unchanged) catalogue_.set_state(snapshot.id, snapshot.state);
     const bool told = failure.code == ExitCode::owned || failure.code == ExitCode::array;
     if (!unchanged || !told) failure.code = ExitCode::left;
+    if (failure.step == Step::thaw) failure.next = remedy_of_thaw(snapshot);
     failure.id = static_cast<long>(snapshot.id);
     note(snapshot.id, std::string(name_of(failure.step)) + ": " + failure.what());
     throw failure;

@@ -70,7 +70,8 @@ std::string Method::message() const {
     std::string text(user_message_, strnlen(user_message_, sizeof user_message_));
     while (!text.empty() && text.back() == '\n') text.pop_back();
     // A failed unmount returns without a message of the method's own.
-    return text.empty() ? "status " + std::to_string(status_) + " without a message" : text;
+    return text.empty() ? "the method gave no message, only status " + std::to_string(status_)
+                        : text;
 }
 
 bool Method::freeze(const std::string &config, const std::string &source, const std::string &fifs,

@@ -1,5 +1,6 @@
 // What the method expects of a framework: the order of its calls, in which process, with which
 // text.
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -263,6 +264,24 @@ TEST_F(Cycle, a_failed_thaw_commits_nothing_and_the_release_can_be_repeated) {
     test::write_file("/var/fake/script", "");
     EXPECT_EQ(fimctl({"release", "1"}).status, 0);
     EXPECT_EQ(snapshot(1).state, State::released);
+}
+
+TEST_F(Cycle, a_thaw_that_fails_names_the_directory_that_is_in_use) {
+    script("thaw 1 fail 0 ");
+    ASSERT_EQ(freeze().status, 0);
+    ASSERT_EQ(fimctl({"mount", "1"}).status, 0);
+    const char *copy = "/var/lib/fimctl/mnt/1-1";
+    ASSERT_EQ(mount("tmpfs", copy, "tmpfs", 0, nullptr), 0);
+    const Ended ended = fimctl({"release", "1"});
+    EXPECT_EQ(ended.status, 3);
+    EXPECT_NE(ended.err.find("step \"thaw\" failed: the method gave no message, only status 11"),
+              std::string::npos)
+        << ended.err;
+    EXPECT_NE(ended.err.find("next: end whatever uses the copy (fuser -vm " + std::string(copy) +
+                             "), then: fimctl release 1"),
+              std::string::npos)
+        << ended.err;
+    EXPECT_EQ(umount(copy), 0);
 }
 
 TEST_F(Cycle, a_failed_thaw_commit_of_a_run_leaves_something_to_clean) {
