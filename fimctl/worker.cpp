@@ -39,6 +39,8 @@ void make_scratch(const std::string &scratch) {
     // Out of the terminal's reach: an interruption must not hit the fsck or umount that the method
     // has running. The command hands it on.
     setpgid(0, 0);
+    // A terminal that stops background writers ("stty tostop") must not stop a phase in mid-cut.
+    signal(SIGTTOU, SIG_IGN);
     if (!scratch.empty()) setenv("TMPDIR", scratch.c_str(), 1);
     log::forget();
     int status = 0;
