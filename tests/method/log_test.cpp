@@ -140,7 +140,7 @@ TEST_F(Log, a_failure_of_a_system_call_carries_the_error_that_errno_held) {
 }
 
 TEST_F(Log, a_message_whose_argument_is_missing_prints_null) {
-    const char *unset = nullptr;
+    const char *volatile unset = nullptr;  // what the compiler cannot see
     tf::fail(tf::ErrorNumber::parameter, tf::msg::parameter_null, "TimeFinder_ckpt", unset);
     expect_failure(7, "TimeFinder_ckpt: A required parameter is NULL: (null)");
 }
