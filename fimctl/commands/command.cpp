@@ -1,0 +1,58 @@
+#include "fimctl/commands/command.h"
+
+#include <unistd.h>
+
+#include "fimctl/signals.h"
+
+namespace fimctl {
+
+CLI::App *Commands::add(const std::string &name, const std::string &description, Access access,
+                        std::function<void()> perform) {
+    CLI::App *app = app_.add_subcommand(name, description);
+    entries_.push_back({app, access, std::move(perform), ""});
+    return app;
+}
+
+void Commands::takes_trailing(const CLI::App *command, const std::string &what) {
+    for (Entry &entry : entries_) {
+        if (entry.app == command) entry.trailing = what;
+    }
+}
+
+const Commands::Entry &Commands::chosen() const {
+    for (const Entry &entry : entries_) {
+        if (entry.app->parsed()) return entry;
+    }
+    throw CLI::RequiredError("a command");
+}
+
+void Commands::check_trailing(bool marked) const {
+    const Entry &entry = chosen();
+    if (!entry.trailing.empty() && common_.trailing.empty()) {
+        throw CLI::RequiredError(entry.app->get_name() + ": -- " + entry.trailing);
+    }
+    if (entry.trailing.empty() && marked) throw CLI::ExtrasError({"--"});
+}
+
+void Commands::perform() const {
+    const Entry &entry = chosen();
+    if (entry.access == Access::working) {
+        if (geteuid() != 0) {
+            throw Failure(Step::check, ExitCode::permission, "only root can work on snapshots");
+        }
+        log::set_up(common_.log);
+        signals::install();
+    }
+    entry.perform();
+}
+
+void add_id(CLI::App *command, int64_t &id) {
+    command->add_option("ID", id, "the snapshot's number")->required();
+}
+
+Failure no_such_snapshot(int64_t id) {
+    return Failure(Step::snapshot, ExitCode::no_such_snapshot,
+                   "there is no snapshot " + std::to_string(id));
+}
+
+}  // namespace fimctl

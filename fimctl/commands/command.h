@@ -1,0 +1,68 @@
+// The subcommands: each is added by a function of its own, with its options and what it does.
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "fimctl/cycle.h"
+#include "fimctl/failure.h"
+#include "fimctl/log.h"
+
+namespace fimctl {
+
+// What holds for every command; filled by the parser before a command is performed.
+struct Common {
+    Settings settings;
+    log::Settings log;
+    std::vector<std::string> trailing;  // behind "--"
+};
+
+enum class Access {
+    reading,  // may be asked by anybody who may read what it shows
+    working   // needs root, and can be interrupted
+};
+
+class Commands {
+  public:
+    Commands(CLI::App &app, Common &common) : app_(app), common_(common) {}
+    Commands(const Commands &) = delete;
+    Commands &operator=(const Commands &) = delete;
+
+    // perform is called when the command line names this command; it throws Failure.
+    CLI::App *add(const std::string &name, const std::string &description, Access access,
+                  std::function<void()> perform);
+    // Everything behind "--" is this command's, and is required.
+    void takes_trailing(const CLI::App *command, const std::string &what);
+
+    Common &common() { return common_; }
+    // Throws CLI::ParseError when words stand behind "--" that belong there to no command, or are
+    // missing where they do.
+    void check_trailing(bool marked) const;
+    void perform() const;
+
+  private:
+    struct Entry {
+        CLI::App *app;
+        Access access;
+        std::function<void()> perform;
+        std::string trailing;  // "" when nothing may stand behind "--"
+    };
+    const Entry &chosen() const;
+
+    CLI::App &app_;
+    Common &common_;
+    std::vector<Entry> entries_;
+};
+
+// In the order of the help page.
+void add_freezing_commands(Commands &commands);   // run, freeze
+void add_copy_commands(Commands &commands);       // mount, release
+void add_catalogue_commands(Commands &commands);  // list, show
+
+// Of the commands that take one: the number of a snapshot.
+void add_id(CLI::App *command, int64_t &id);
+Failure no_such_snapshot(int64_t id);
+
+}  // namespace fimctl
