@@ -2,7 +2,7 @@
 // thaw and thaw commit bring everything back.
 #include <algorithm>
 
-#include "tests/lab_method/world.h"
+#include "tests/support/world.h"
 
 namespace test {
 namespace {

@@ -2,7 +2,7 @@
 // text can be tried again.
 #include <regex>
 
-#include "tests/lab_method/world.h"
+#include "tests/support/world.h"
 
 namespace test {
 namespace {

@@ -1,5 +1,5 @@
 // Devices that the method cannot take a copy of.
-#include "tests/lab_method/world.h"
+#include "tests/support/world.h"
 
 namespace test {
 namespace {

@@ -1,7 +1,7 @@
 // File systems without room for the method's temporary files.
 #include <algorithm>
 
-#include "tests/lab_method/world.h"
+#include "tests/support/world.h"
 
 namespace test {
 namespace {

@@ -6,7 +6,7 @@
 #include <iterator>
 #include <regex>
 
-#include "tests/lab_method/world.h"
+#include "tests/support/world.h"
 
 namespace test {
 namespace {

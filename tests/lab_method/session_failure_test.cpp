@@ -1,7 +1,7 @@
 // What keeps a freeze from reaching the array at all.
 #include <future>
 
-#include "tests/lab_method/world.h"
+#include "tests/support/world.h"
 
 namespace test {
 namespace {

@@ -6,6 +6,7 @@
 //   ctl CODE | commit | volumes | thaw | thaw_commit
 //   ckpt FILE | rebuild FILE      the checkpoint text is in FILE
 //   rollback                      thaw and thaw_commit when there is a handle
+//   object N                      the calls from here on are about the handle of this number
 //   run COMMAND                   a line for the shell, while this process is alive
 //
 // REPORT gets a line "KEY VALUE" for everything seen, texts with \n for a newline: "log" for each
@@ -25,6 +26,7 @@ namespace {
 
 constexpr char method_path[] = "/usr/quill/tessera/lib/libtimefinder_fim.so";
 constexpr int32_t no_number = -1;
+constexpr size_t most_objects = 16;
 
 FILE *report;
 
@@ -65,7 +67,7 @@ class Method {
         tell("step", name);
         tell("status", std::to_string(status));
         tell("number", std::to_string(number_));
-        tell("handle", handle_ != nullptr ? "1" : "0");
+        tell("handle", handle() != nullptr ? "1" : "0");
         tell("errmsg", errmsg_);
         tell("logmsg", logmsg_);
     }
@@ -74,12 +76,12 @@ class Method {
         int32_t volumes = -1;
         const char *given = strcmp(config, "-") == 0 ? nullptr : config;
         step<decltype(TimeFinder_freeze)>("freeze", "TimeFinder_freeze", given, source, fifs,
-                                          nullptr, &volumes, TF_FREEZE_WAIT, &handle_);
+                                          nullptr, &volumes, TF_FREEZE_WAIT, &handle());
     }
 
     void ckpt(const char *file) {
         char *text = nullptr;
-        step<decltype(TimeFinder_ckpt)>("ckpt", "TimeFinder_ckpt", handle_, &text);
+        step<decltype(TimeFinder_ckpt)>("ckpt", "TimeFinder_ckpt", handle(), &text);
         if (text != nullptr) std::ofstream(file) << text;
         free(text);
     }
@@ -88,34 +90,41 @@ class Method {
         std::ifstream in(file);
         if (!in) give_up(std::string("no file ") + file);
         std::string text((std::istreambuf_iterator<char>(in)), {});
-        step<decltype(TimeFinder_rebuild)>("rebuild", "TimeFinder_rebuild", &handle_, text.data());
+        step<decltype(TimeFinder_rebuild)>("rebuild", "TimeFinder_rebuild", &handle(), text.data());
     }
 
     void volumes() {
         char path[TF_VOLPATH_SIZE] = "";
         int32_t count = -1;
-        step<decltype(TimeFinder_volumes)>("volumes", "TimeFinder_volumes", handle_, path, &count);
+        step<decltype(TimeFinder_volumes)>("volumes", "TimeFinder_volumes", handle(), path, &count);
         tell("volpath", path);
         tell("nvols", std::to_string(count));
     }
 
     void ctl(int32_t code) {
-        step<decltype(TimeFinder_ctl)>("ctl", "TimeFinder_ctl", handle_, code);
+        step<decltype(TimeFinder_ctl)>("ctl", "TimeFinder_ctl", handle(), code);
     }
     void commit() {
-        step<decltype(TimeFinder_freeze_commit)>("commit", "TimeFinder_freeze_commit", handle_);
+        step<decltype(TimeFinder_freeze_commit)>("commit", "TimeFinder_freeze_commit", handle());
     }
-    void thaw() { step<decltype(TimeFinder_thaw)>("thaw", "TimeFinder_thaw", handle_); }
+    void thaw() { step<decltype(TimeFinder_thaw)>("thaw", "TimeFinder_thaw", handle()); }
     void thaw_commit() {
-        step<decltype(TimeFinder_thaw_commit)>("thaw_commit", "TimeFinder_thaw_commit", handle_);
+        step<decltype(TimeFinder_thaw_commit)>("thaw_commit", "TimeFinder_thaw_commit", handle());
+    }
+    // Every object that the process froze or rebuilt has a handle of its own.
+    void object(int number) {
+        if (number < 0 || static_cast<size_t>(number) >= most_objects) give_up("no such object");
+        object_ = static_cast<size_t>(number);
     }
     void rollback() {
-        if (handle_ == nullptr) return;
+        if (handle() == nullptr) return;
         thaw();
         thaw_commit();
     }
 
   private:
+    hdef *&handle() { return handles_[object_]; }
+
     template <class Entry>
     Entry *entry(const char *symbol) const {
         void *found = dlsym(library_, symbol);
@@ -126,7 +135,8 @@ class Method {
     void *library_;
     int32_t number_ = no_number;
     char errmsg_[TF_MESSAGE_SIZE] = "", logmsg_[TF_MESSAGE_SIZE] = "";
-    hdef *handle_ = nullptr;
+    size_t object_ = 0;
+    hdef *handles_[most_objects] = {};
 };
 
 // Takes the steps one after the other from the arguments.
@@ -161,6 +171,7 @@ void take(Method &method, Steps &steps) {
     if (name == "volumes") return method.volumes();
     if (name == "thaw") return method.thaw();
     if (name == "thaw_commit") return method.thaw_commit();
+    if (name == "object") return method.object(atoi(steps.next()));
     if (name == "rollback") return method.rollback();
     if (name == "run") return run_line(steps.next());
     give_up("unknown step " + name);

@@ -1,5 +1,5 @@
-// A world of the lab with one host and the array of the demo, for one test case. The case runs in
-// the machine's own namespaces, the world in its own; it needs root.
+// A world of the lab for one test case, with the array of a scenario and hosts that load the method
+// that ships. The case runs in the machine's own namespaces, the world in its own; it needs root.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -7,6 +7,7 @@
 
 #include <filesystem>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace test {
@@ -38,10 +39,14 @@ using Words = std::vector<std::string>;
 
 class World : public testing::Test {
   protected:
+    // Scenario and hosts of this world; the calls below are about the first host until on() names
+    // another.
+    explicit World(std::string scenario = "demo", Words hosts = {"client1"})
+        : scenario_(std::move(scenario)), hosts_(std::move(hosts)), on_(hosts_.front()) {}
     void SetUp() override;
     void TearDown() override;
 
-    // Starts one more host; the calls below are about the host that on() named last.
+    // Starts one more host.
     void start_host(const std::string &name);
     void on(const std::string &name) { on_ = name; }
     // Runs a line of the shell in the host; its status has to be 0. Returns both streams.
@@ -80,7 +85,9 @@ class World : public testing::Test {
 
     pid_t outer_ = -1, first_ = -1, second_daemon_ = -1;
     int life_ = -1;
-    std::string on_ = "client1";
+    std::string scenario_;
+    Words hosts_;
+    std::string on_;
     std::string scratch_;
     std::vector<std::string> daemon_line_;
     int phases_ = 0;

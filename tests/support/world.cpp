@@ -1,4 +1,4 @@
-#include "tests/lab_method/world.h"
+#include "tests/support/world.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -146,11 +146,14 @@ void World::SetUp() {
     int input[2];
     ASSERT_EQ(pipe2(input, O_CLOEXEC), 0);
     life_ = input[1];
+    Words line = {tflab, "run", "--build", TF_BINARY_DIR, "--scenario", scenario_};
+    for (const std::string &name_of_host : hosts_) {
+        line.insert(line.end(), {"--host", name_of_host});
+    }
+    line.insert(line.end(), {"--admin", "--pid-file", pid_file, "--", "sh", "-c",
+                             "touch '" + ready + "'; exec cat"});
     // The world's command ends when this end of the pipe is closed.
-    outer_ = start(
-        {tflab, "run", "--build", TF_BINARY_DIR, "--scenario", "demo", "--host", "client1",
-         "--admin", "--pid-file", pid_file, "--", "sh", "-c", "touch '" + ready + "'; exec cat"},
-        scratch_ + "/world", input[0]);
+    outer_ = start(line, scratch_ + "/world", input[0]);
     close(input[0]);
     ASSERT_TRUE(comes_true([&ready] { return fs::exists(ready); }))
         << read_file(scratch_ + "/world");
