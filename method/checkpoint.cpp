@@ -112,8 +112,8 @@ int32_t clone_disk_group(hdef *h, dg_entry *dg) {
         return fail(ErrorNumber::limit, msg::cannot_open_file, "build_table_hdef",
                     h->transfer_file);
     }
-    return do_cmd(h, "%s -g %s -n %s -d %s -i %s -p %s", tf::path::clone_tool, h->vol_group,
-                  volumes.get(), devices.get(), h->transfer_file, g_plexname);
+    return tf::run_tool(h, "%s -g %s -n %s -d %s -i %s -p %s", tf::path::clone_tool, h->vol_group,
+                        volumes.get(), devices.get(), h->transfer_file, g_plexname);
 }
 
 template <size_t N>

@@ -31,9 +31,11 @@ bool does_not_fit(int length) {
 // the null device, so that no command can wait for input.
 int32_t build_line(const hdef *h, char (&command)[line_size], const char *format, va_list args) {
     char suffix[line_size];
+    const snap::ShellWord out(tf::capture_name(h->out_file));
+    const snap::ShellWord err(tf::capture_name(h->err_file));
+    if (out.lost() || err.lost()) return tf::no_memory_for_command();
     const int suffix_length =
-        tf::put_format(suffix, " </dev/null >%s 2>%s", tf::capture_name(h->out_file),
-                       tf::capture_name(h->err_file));
+        tf::put_format(suffix, " </dev/null >%s 2>%s", out.text(), err.text());
     if (does_not_fit(suffix_length)) {
         return tf::fail(tf::ErrorNumber::limit, tf::msg::snprintf_failed, reporter, suffix_length);
     }
@@ -90,6 +92,10 @@ void dump_lines(FILE *stream) {
 }
 
 }  // namespace
+
+int32_t tf::no_memory_for_command() {
+    return fail(ErrorNumber::operation, msg::out_of_memory, reporter);
+}
 
 int32_t do_cmd(const hdef *h, const char *format, ...) {
     char line[line_size];

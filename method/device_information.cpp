@@ -66,7 +66,8 @@ void read_lines(device_info *info, FILE *stream) {
 }  // namespace
 
 device_info *find_device(const hdef *h, const char *device) {
-    if (do_cmd(h, "%s -f -p %s -o -", tf::path::device_information_tool, device) != tf::success) {
+    if (tf::run_tool(h, "%s -f -p %s -o -", tf::path::device_information_tool, device) !=
+        tf::success) {
         return nullptr;
     }
     const char *const output = tf::capture_name(h->out_file);

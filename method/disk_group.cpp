@@ -8,9 +8,9 @@ namespace {
 
 int32_t try_import(const hdef *h, const char *group, const char *new_name) {
     if (new_name == nullptr) {
-        return do_cmd(h, "%s -C import %s", path::disk_group_tool, group);
+        return run_tool(h, "%s -C import %s", path::disk_group_tool, group);
     }
-    return do_cmd(h, "%s -C -n %s import %s", path::disk_group_tool, new_name, group);
+    return run_tool(h, "%s -C -n %s import %s", path::disk_group_tool, new_name, group);
 }
 
 }  // namespace
@@ -23,7 +23,7 @@ int32_t import_disk_group(const hdef *h, const char *group, const char *new_name
 }
 
 int32_t start_volumes(const hdef *h, const char *group) {
-    return do_cmd(h, "%s -g %s startall", path::volume_tool, group);
+    return run_tool(h, "%s -g %s startall", path::volume_tool, group);
 }
 
 }  // namespace tf

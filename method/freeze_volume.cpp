@@ -54,11 +54,11 @@ FILE *open_regular(const char *name) {
 // With the group's import every device of the group is wanted, otherwise those of the volume.
 int32_t run_clone_tool(const hdef *h, const char *output) {
     if (h->dgimport == 1) {
-        return do_cmd(h, "%s -g %s -f %s -p %s", path::clone_tool, h->vol_group, output,
-                      g_plexname);
+        return run_tool(h, "%s -g %s -f %s -p %s", path::clone_tool, h->vol_group, output,
+                        g_plexname);
     }
-    return do_cmd(h, "%s -g %s -n %s -f %s -p %s", path::clone_tool, h->vol_group, h->vol_name,
-                  output, g_plexname);
+    return run_tool(h, "%s -g %s -n %s -f %s -p %s", path::clone_tool, h->vol_group, h->vol_name,
+                    output, g_plexname);
 }
 
 // Takes the newline off. Returns whether there was one.

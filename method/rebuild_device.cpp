@@ -51,10 +51,10 @@ void choose_mirror_path(SymDevice *mirror) {
 void announce_disk(const hdef *h, const char *pdevname) {
     constexpr size_t prefix_length = sizeof disk_path_prefix - 1;
     const char *disk = strlen(pdevname) < prefix_length ? "" : pdevname + prefix_length;
-    if (do_cmd(h, "%s list %s", path::disk_tool, disk) != 0) {
-        static_cast<void>(do_cmd(h, "%s define %s", path::disk_tool, disk));
+    if (run_tool(h, "%s list %s", path::disk_tool, disk) != 0) {
+        static_cast<void>(run_tool(h, "%s define %s", path::disk_tool, disk));
     }
-    static_cast<void>(do_cmd(h, "%s online %s", path::disk_tool, disk));
+    static_cast<void>(run_tool(h, "%s online %s", path::disk_tool, disk));
 }
 
 template <size_t N>

@@ -79,7 +79,7 @@ int32_t prepare_restore(const hdef *h, bool *complete) {
     if (dg->members == nullptr || dg->members->h->dgimport == 0) return success;
     if (dg->restore_count != dg->vol_count) return success;
     *complete = true;
-    return do_cmd(h, "%s deport %s", path::disk_group_tool, h->vol_group);
+    return run_tool(h, "%s deport %s", path::disk_group_tool, h->vol_group);
 }
 
 int32_t wait_for_restore(const hdef *h, int32_t count) {

@@ -52,13 +52,15 @@ bool copy_is_mounted(const hdef *h) {
 int32_t deport_clone_group(const hdef *h, dg_entry *dg) {
     dg->thaw_count += 1;
     if (dg->thaw_count != dg->vol_count) return tf::success;
-    if (do_cmd(h, "%s list %s", path::disk_group_tool, h->clone_group) != 0) return tf::success;
-    return do_cmd(h, "%s -n %s deport %s", path::disk_group_tool, h->vol_group, h->clone_group);
+    if (tf::run_tool(h, "%s list %s", path::disk_group_tool, h->clone_group) != 0)
+        return tf::success;
+    return tf::run_tool(h, "%s -n %s deport %s", path::disk_group_tool, h->vol_group,
+                        h->clone_group);
 }
 
 int32_t clean_up_clone(const hdef *h) {
-    return do_cmd(h, "%s -g %s -n %s -c %s", path::clone_tool, h->vol_group, h->vol_name,
-                  h->clone_group);
+    return tf::run_tool(h, "%s -g %s -n %s -c %s", path::clone_tool, h->vol_group, h->vol_name,
+                        h->clone_group);
 }
 
 int32_t release_clone_group(const hdef *h) {

@@ -68,7 +68,7 @@ int32_t present_device(const hdef *h, CopyPaths *copy) {
     tf::put(copy->block, pm->bcv_block_device);
     if (has_site_script()) {
         const int32_t status =
-            do_cmd(h, "%s RAW %s %s", path::clone_script, copy->raw, copy->block);
+            tf::run_tool(h, "%s RAW %s %s", path::clone_script, copy->raw, copy->block);
         if (status != 0) return status;
     }
     return set_owner_ids(pm, *copy);
@@ -87,11 +87,11 @@ int32_t clone_group(const hdef *h, const dg_entry *dg) {
     status = form_device_list(dg, devices.out());
     if (status != 0) return status;
     if (h->is_rebuilt != 0) {
-        return do_cmd(h, "%s -g %s -n %s -d %s -i %s -r %s", path::clone_tool, h->vol_group,
-                      volumes.get(), devices.get(), h->transfer_file, h->primary_host);
+        return tf::run_tool(h, "%s -g %s -n %s -d %s -i %s -r %s", path::clone_tool, h->vol_group,
+                            volumes.get(), devices.get(), h->transfer_file, h->primary_host);
     }
-    return do_cmd(h, "%s -g %s -n %s -d %s -p %s", path::clone_tool, h->vol_group, volumes.get(),
-                  devices.get(), g_plexname);
+    return tf::run_tool(h, "%s -g %s -n %s -d %s -p %s", path::clone_tool, h->vol_group,
+                        volumes.get(), devices.get(), g_plexname);
 }
 
 // Once per disk group, however many objects it holds.
@@ -117,8 +117,8 @@ int32_t present_volume(hdef *h, CopyPaths *copy) {
     const int32_t status = bring_group_up(h, dg);
     if (status != 0) return status;
     if (!has_site_script()) return tf::success;
-    return do_cmd(h, "%s QzVM %s %s %s", path::clone_script, h->vol_group, h->clone_group,
-                  h->vol_name);
+    return tf::run_tool(h, "%s QzVM %s %s %s", path::clone_script, h->vol_group, h->clone_group,
+                        h->vol_name);
 }
 
 int32_t mount_copy(hdef *h, const CopyPaths &copy) {

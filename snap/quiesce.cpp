@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "snap/shell_word.h"
 #include "snap/snap_internal.h"
 
 int32_t qz_fd = -1;
@@ -29,11 +30,19 @@ int open_directory(const char *path) {
     return open(path, O_RDONLY | O_CLOEXEC);
 }
 
+// The status of lockfs on a path, which is one word for the shell whatever it holds.
+int run_lockfs(const char *command, const char *path) {
+    const snap::ShellWord word(path);
+    if (!word.lost()) return system_cmd(command, word.text());
+    diagnose("system command %s %s failed errno=%d\n", command, path, ENOMEM);
+    return -1;
+}
+
 // A command that ran and failed still counts as success: lockfs fails for a file system that is
 // locked already, and a backup that did this before would otherwise stop. Only a command that could
 // not be run at all is a failure.
 int run_ufs_command(const char *command, const char *path) {
-    if (system_cmd(command, path) >= 0) return 0;
+    if (run_lockfs(command, path) >= 0) return 0;
     diagnose("exec of command %s failed", command);
     return -1;
 }
@@ -111,7 +120,7 @@ int locksnap(const char *path, int is_ufs, int is_qzfs) {
     if (is_ufs != 0) {
         diagnose("Issuing ufs LOCK_FS for %s", path);
         sync();
-        const int status = system_cmd(snap::lock_command, path);
+        const int status = run_lockfs(snap::lock_command, path);
         return status < 0 ? status : 0;  // as in lock_fs: only a command that did not run counts
     }
     return is_qzfs != 0 ? locksnap_qzfs(path) : 0;
@@ -119,7 +128,7 @@ int locksnap(const char *path, int is_ufs, int is_qzfs) {
 
 int unlocksnap(const char *path, int is_ufs, int is_qzfs) {
     if (is_ufs != 0) {
-        system_cmd(snap::unlock_command, path);
+        run_lockfs(snap::unlock_command, path);
         return 0;
     }
     if (is_qzfs == 0 || qz_fd < 0) return 0;

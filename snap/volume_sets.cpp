@@ -3,17 +3,20 @@
 
 #include <cstring>
 
+#include "snap/shell_word.h"
 #include "snap/snap_internal.h"
 
 namespace {
 
 constexpr size_t line_size = 1024;
-constexpr size_t command_size = 4096;
+// Room for a disk group and a set, whatever they hold.
+constexpr size_t command_size = 2 * snap::longest_quoted(line_size) + 64;
 
 // The output of one volume-set command, read line by line; its heading is skipped.
 class SetListing {
   public:
-    explicit SetListing(const char *command) : pipe_(popen(command, "re")) {
+    // set "" for the list of all sets.
+    SetListing(const char *group, const char *set) : pipe_(open(group, set)) {
         if (pipe_ != nullptr) read_line();
     }
     ~SetListing() {
@@ -30,6 +33,15 @@ class SetListing {
     }
 
   private:
+    static FILE *open(const char *group, const char *set) {
+        const snap::ShellWord group_word(group);
+        const snap::ShellWord set_word(set);
+        if (group_word.lost() || set_word.lost()) return nullptr;
+        char command[command_size];
+        Q_snprintf(command, sizeof command, *set == '\0' ? "%s -g %s list%s" : "%s -g %s list %s",
+                   snap::volume_set_tool, group_word.text(), set_word.text());
+        return popen(command, "re");
+    }
     // The rest of a line that is longer than the buffer is dropped; it is not a line of its own.
     bool read_line() {
         if (fgets(line_, sizeof line_, pipe_) == nullptr) return false;
@@ -99,9 +111,7 @@ struct Volume {
 };
 
 bool read_set_names(const Volume &volume, NameList &names) {
-    char command[command_size];
-    Q_snprintf(command, sizeof command, "%s -g %s list", snap::volume_set_tool, volume.group);
-    SetListing listing(command);
+    SetListing listing(volume.group, "");
     if (!listing) return false;
     while (const char *word = listing.next_word()) {
         if (!names.add(word)) return false;
@@ -112,10 +122,7 @@ bool read_set_names(const Volume &volume, NameList &names) {
 enum class Membership { member, stranger, unknown };
 
 Membership is_component(const Volume &volume, const char *set) {
-    char command[command_size];
-    Q_snprintf(command, sizeof command, "%s -g %s list %s", snap::volume_set_tool, volume.group,
-               set);
-    SetListing listing(command);
+    SetListing listing(volume.group, set);
     if (!listing) return Membership::unknown;
     while (const char *word = listing.next_word()) {
         if (strcmp(word, volume.name) == 0) return Membership::member;

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "tests/snap/snap_fixture.h"
+#include "tests/support/allocation_faults.h"
 
 namespace {
 
@@ -35,6 +36,25 @@ TEST_F(Snap, lock_fs_of_ufs_flushes_and_runs_lockfs_with_two_blanks) {
     EXPECT_EQ(lock_fs("/data", "ufs"), 0);
     EXPECT_EQ(happened(), "call: sync\ncall: system /usr/sbin/lockfs -w  /data\n");
     EXPECT_EQ(test::read_file("/lockfs.log"), "-w /data\n");
+}
+
+TEST_F(Snap, lock_fs_of_ufs_gives_the_path_as_one_word) {
+    install_lockfs(0);
+    EXPECT_EQ(lock_fs("/a b;$(touch /ran)", "ufs"), 0);
+    EXPECT_EQ(happened(), "call: sync\ncall: system /usr/sbin/lockfs -w  '/a b;$(touch /ran)'\n");
+    EXPECT_EQ(test::read_file("/lockfs.log"), "-w /a b;$(touch /ran)\n");
+    EXPECT_FALSE(test::exists("/ran"));
+}
+
+TEST_F(Snap, lock_fs_of_ufs_runs_nothing_without_memory_for_the_quotes) {
+    install_lockfs(0);
+    test::fail_allocation(1);
+    EXPECT_EQ(lock_fs("/a b", "ufs"), -1);
+    test::no_more_faults();
+    EXPECT_EQ(happened(),
+              "call: sync\nsystem command /usr/sbin/lockfs -w  /a b failed errno=12\n\n"
+              "exec of command /usr/sbin/lockfs -w  failed\n");
+    EXPECT_FALSE(test::exists("/lockfs.log"));
 }
 
 // lockfs fails for a file system that is locked already; backups go on with it.

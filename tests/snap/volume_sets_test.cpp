@@ -190,4 +190,34 @@ TEST_F(VolumeSets, a_failing_allocation_of_the_name_list_gives_minus_1) {
     EXPECT_EQ(look_up("/dev/qz/rdsk/dg/d"), "0 /sets qzfs");
 }
 
+TEST_F(VolumeSets, names_reach_the_tool_as_one_word_each) {
+    test::write_script(tool,
+                       "printf '[%s]' \"$@\" >>/sets.log; echo HEADING\n"
+                       "[ $# = 4 ] || echo '$(touch${IFS}/ran)'");
+    EXPECT_EQ(look_up("/dev/qz/rdsk/d g;touch ran/v"), "-1 null null");
+    EXPECT_EQ(test::read_file("/sets.log"),
+              "[-g][d g;touch ran][list][-g][d g;touch ran][list][$(touch${IFS}/ran)]");
+    EXPECT_FALSE(test::exists("/ran"));
+    EXPECT_FALSE(test::exists("ran"));
+    unlink("/sets.log");
+}
+
+TEST_F(VolumeSets, the_longest_names_are_not_cut) {
+    test::write_script(tool,
+                       "for a; do printf '%s' \"$a\" | wc -c; done >>/sets.log; echo HEADING\n"
+                       "[ $# = 4 ] || printf \"%01000d\\n\" 0 | tr 0 \"'\"");
+    const std::string group(1000, '\'');
+    EXPECT_EQ(look_up("/dev/qz/rdsk/" + group + "/v"), "-1 null null");
+    EXPECT_EQ(test::read_file("/sets.log"), "2\n1000\n4\n2\n1000\n4\n1000\n");
+    unlink("/sets.log");
+}
+
+TEST_F(VolumeSets, without_memory_for_the_quotes_the_tool_is_not_run) {
+    install_tool();
+    test::fail_allocation(2);
+    EXPECT_EQ(look_up("/dev/qz/rdsk/d g/v"), "-1 null null");
+    test::no_more_faults();
+    EXPECT_TRUE(ran_nothing());
+}
+
 }  // namespace
