@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <sqlite3.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -373,24 +372,6 @@ std::optional<SnapshotRecord> Catalogue::find(int64_t id) {
         if (snapshot.id == id) return snapshot;
     }
     return std::nullopt;
-}
-
-SnapshotLock::SnapshotLock(const std::string &directory, int64_t id) {
-    const std::string folder = directory + "/" + path::lock_folder;
-    mkdir(folder.c_str(), 0700);
-    const std::string name = folder + "/" + std::to_string(id);
-    file_ = open(name.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-    if (file_ < 0) give_up_on(name, errno);
-    if (flock(file_, LOCK_EX | LOCK_NB) == 0) return;
-    const int reason = errno;
-    close(file_);
-    if (reason != EWOULDBLOCK) give_up_on(name, reason);
-    throw Failure(Step::catalogue, ExitCode::owned,
-                  "another fimctl works on snapshot " + std::to_string(id));
-}
-
-SnapshotLock::~SnapshotLock() {
-    close(file_);
 }
 
 }  // namespace fimctl

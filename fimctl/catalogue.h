@@ -101,16 +101,4 @@ class Catalogue {
     sqlite3 *database_ = nullptr;
 };
 
-// Held by the one command that works on a snapshot; throws Failure (owned) when another one does.
-class SnapshotLock {
-  public:
-    SnapshotLock(const std::string &directory, int64_t id);
-    ~SnapshotLock();
-    SnapshotLock(const SnapshotLock &) = delete;
-    SnapshotLock &operator=(const SnapshotLock &) = delete;
-
-  private:
-    int file_ = -1;
-};
-
 }  // namespace fimctl

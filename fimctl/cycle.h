@@ -11,6 +11,7 @@
 #include "fimctl/catalogue.h"
 #include "fimctl/failure.h"
 #include "fimctl/phase.h"
+#include "fimctl/snapshot_lock.h"
 #include "fimctl/source.h"
 #include "fimctl/worker.h"
 

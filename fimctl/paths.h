@@ -7,13 +7,14 @@ inline constexpr char method_library[] = "/usr/quill/tessera/lib/libtimefinder_f
 inline constexpr char array_library[] = "/usr/symcli/shlib/libsymapi.so";
 inline constexpr char array_database[] = "/var/symapi/db/symapi_db.bin";
 inline constexpr char state_directory[] = "/var/lib/fimctl";
+// Gone with a reboot: the locks of the commands that work on snapshots.
+inline constexpr char runtime_directory[] = "/run/fimctl";
 inline constexpr char mount_table[] = "/proc/self/mountinfo";
 
 // Below the state directory.
 inline constexpr char catalogue_file[] = "catalogue.db";
 inline constexpr char mount_folder[] = "mnt";
 inline constexpr char scratch_folder[] = "tmp";
-inline constexpr char lock_folder[] = "locks";
 
 // Where the method and the array library write while a snapshot is cut.
 inline constexpr char array_state[] = "/var/symapi/db";

@@ -1,0 +1,82 @@
+#include "fimctl/snapshot_lock.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "fimctl/failure.h"
+#include "fimctl/paths.h"
+
+namespace fimctl {
+namespace {
+
+[[noreturn]] void give_up_on(const std::string &name, int reason) {
+    throw Failure(Step::catalogue,
+                  reason == EACCES || reason == EPERM ? ExitCode::permission : ExitCode::failed,
+                  name + ": " + strerror(reason));
+}
+
+// A folder that somebody else could write to would let him take locks away.
+void make_private(const std::string &folder) {
+    if (mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) give_up_on(folder, errno);
+    struct stat status = {};
+    if (lstat(folder.c_str(), &status) != 0) give_up_on(folder, errno);
+    if (!S_ISDIR(status.st_mode) || status.st_uid != geteuid()) give_up_on(folder, EPERM);
+    if ((status.st_mode & 07777) != 0700 && chmod(folder.c_str(), 0700) != 0) {
+        give_up_on(folder, errno);
+    }
+}
+
+bool is_same(int file, const std::string &name) {
+    struct stat open_one = {};
+    struct stat named = {};
+    return fstat(file, &open_one) == 0 && stat(name.c_str(), &named) == 0 &&
+           open_one.st_dev == named.st_dev && open_one.st_ino == named.st_ino;
+}
+
+}  // namespace
+
+// The catalogue's file itself tells state directories apart: it is what two commands would both
+// write, whatever path each of them has used to reach it.
+std::string lock_folder_of(const std::string &directory) {
+    const std::string catalogue = directory + "/" + path::catalogue_file;
+    struct stat status = {};
+    if (stat(catalogue.c_str(), &status) != 0) give_up_on(catalogue, errno);
+    char key[64] = "";
+    snprintf(key, sizeof key, "%llx-%llx", static_cast<unsigned long long>(status.st_dev),
+             static_cast<unsigned long long>(status.st_ino));
+    return std::string(path::runtime_directory) + "/" + key;
+}
+
+// A file that its holder removed between our open and our lock is nobody's lock any more: only the
+// one that still has its name counts.
+SnapshotLock::SnapshotLock(const std::string &directory, int64_t id) {
+    const std::string folder = lock_folder_of(directory);
+    make_private(path::runtime_directory);
+    make_private(folder);
+    name_ = folder + "/" + std::to_string(id);
+    for (;;) {
+        file_ = open(name_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+        if (file_ < 0) give_up_on(name_, errno);
+        if (flock(file_, LOCK_EX | LOCK_NB) != 0) break;
+        if (is_same(file_, name_)) return;
+        close(file_);
+    }
+    const int reason = errno;
+    close(file_);
+    if (reason != EWOULDBLOCK) give_up_on(name_, reason);
+    throw Failure(Step::catalogue, ExitCode::owned,
+                  "another fimctl works on snapshot " + std::to_string(id));
+}
+
+SnapshotLock::~SnapshotLock() {
+    unlink(name_.c_str());
+    close(file_);
+}
+
+}  // namespace fimctl
