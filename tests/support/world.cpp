@@ -88,6 +88,7 @@ void read_line(const std::string &line, std::vector<std::string> *log, std::vect
     if (key == "logmsg") call.logmsg = value;
     if (key == "volpath") call.volpath = value;
     if (key == "nvols") call.nvols = atoi(value.c_str());
+    if (key == "field") call.fields.push_back(value);
 }
 
 std::vector<Call> read_report(const fs::path &path) {
@@ -96,6 +97,20 @@ std::vector<Call> read_report(const fs::path &path) {
     std::ifstream in(path);
     for (std::string line; std::getline(in, line);) read_line(line, &log, &calls);
     return calls;
+}
+
+// A number of a pair in the array's report; -1 without a report, 0 without the pair.
+int64_t of_pair(const std::string &report, const std::string &symid, const std::string &primary,
+                const std::string &bcv, const char *key) {
+    const auto shown = nlohmann::json::parse(report, nullptr, false);
+    if (shown.is_discarded()) return -1;
+    for (const auto &array : shown["arrays"]) {
+        if (array["symid"] != symid) continue;
+        for (const auto &pair : array["pairs"]) {
+            if (pair["primary"] == primary && pair["bcv"] == bcv) return pair[key];
+        }
+    }
+    return 0;
 }
 
 std::string whole_log(const Call &call) {
@@ -203,22 +218,30 @@ void World::start_host(const std::string &name) {
 }
 
 // Sleeping puts the array's clock forward and costs no time.
-Phase World::phase(const Words &steps, int level, const Words &environment) {
-    const std::string name = "report" + std::to_string(++phases_);
+Running World::begin_phase(const Words &steps, int level, const Words &environment) {
+    Running running = {-1, "report" + std::to_string(++phases_)};
     Words line = {tflab,     "exec",
                   "--world", std::to_string(first_),
                   "--env",   "LD_PRELOAD=/usr/lib/tflab/libtflabsleep.so"};
     for (const std::string &variable : environment) line.insert(line.end(), {"--env", variable});
-    line.insert(line.end(),
-                {on_, "--", "/exchange/tfphase", "/exchange/" + name, std::to_string(level)});
+    line.insert(line.end(), {on_, "--", "/exchange/tfphase", "/exchange/" + running.name,
+                             std::to_string(level)});
     line.insert(line.end(), steps.begin(), steps.end());
-    const fs::path output = scratch_ + "/" + name;
+    running.pid = start(line, scratch_ + "/" + running.name);
+    return running;
+}
+
+Phase World::end_phase(const Running &running, int expected_status) {
     Phase result;
-    result.status = ended(start(line, output));
-    result.output = read_file(output);
-    result.calls = read_report(exchange() / name);
-    EXPECT_EQ(result.status, 0) << result.output;
+    result.status = ended(running.pid);
+    result.output = read_file(scratch_ + "/" + running.name);
+    result.calls = read_report(exchange() / running.name);
+    EXPECT_EQ(result.status, expected_status) << result.output;
     return result;
+}
+
+Phase World::phase(const Words &steps, int level, const Words &environment) {
+    return end_phase(begin_phase(steps, level, environment));
 }
 
 void World::mount_source(const std::string &type) {
@@ -232,13 +255,14 @@ void World::synchronise() {
     ASSERT_EQ(pair_state(), 2);
 }
 
-int World::pair_state(const std::string &primary, const std::string &bcv) {
-    const auto shown = nlohmann::json::parse(array("show --json"), nullptr, false);
-    if (shown.is_discarded()) return -1;
-    for (const auto &pair : shown["arrays"][0]["pairs"]) {
-        if (pair["primary"] == primary && pair["bcv"] == bcv) return pair["state"];
-    }
-    return 0;
+int World::pair_state(const std::string &primary, const std::string &bcv,
+                      const std::string &symid) {
+    return static_cast<int>(of_pair(array("show --json"), symid, primary, bcv, "state"));
+}
+
+int64_t World::tracks_moved(const std::string &primary, const std::string &bcv,
+                            const std::string &symid) {
+    return of_pair(array("show --json"), symid, primary, bcv, "tracks");
 }
 
 std::string World::counter_files() {

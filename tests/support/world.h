@@ -20,7 +20,8 @@ struct Call {
     std::string errmsg, logmsg;
     std::string volpath;
     int nvols = -1;
-    std::vector<std::string> log;  // the lines logged by this call
+    std::vector<std::string> fields;  // of the record: NAME=VALUE
+    std::vector<std::string> log;     // the lines logged by this call
 
     bool logged(const std::string &line) const;
     bool logged_part(const std::string &part) const;
@@ -36,6 +37,12 @@ struct Phase {
 };
 
 using Words = std::vector<std::string>;
+
+// A process that takes its steps.
+struct Running {
+    pid_t pid = -1;
+    std::string name;
+};
 
 class World : public testing::Test {
   protected:
@@ -56,12 +63,20 @@ class World : public testing::Test {
     std::string array(const std::string &line) { return host("tfarray " + line); }
     // One process that loads the shipped library and takes these steps.
     Phase phase(const Words &steps, int level = 2, const Words &environment = {});
+    // The same in two parts, between which other processes run.
+    Running begin_phase(const Words &steps, int level = 2, const Words &environment = {});
+    // What it gave; its status has to be the expected one (128 + a signal that ended it).
+    Phase end_phase(const Running &running, int expected_status = 0);
 
     // Makes a file system on the standard device of the demo and mounts it on /data.
     void mount_source(const std::string &type = "ext4");
     // The mirror runs, as it does between two snapshots.
     void synchronise();
-    int pair_state(const std::string &primary = "00A1", const std::string &bcv = "01A1");
+    int pair_state(const std::string &primary = "00A1", const std::string &bcv = "01A1",
+                   const std::string &symid = "000184500123");
+    // Tracks (64 KiB) that the pair's last establish or restore moved.
+    int64_t tracks_moved(const std::string &primary = "00A1", const std::string &bcv = "01A1",
+                         const std::string &symid = "000184500123");
     // Pair states, counter files, mounts, loop devices, temporary files: what a failure must not
     // change.
     std::string picture();

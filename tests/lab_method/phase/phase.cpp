@@ -3,14 +3,19 @@
 //
 // usage: tfphase REPORT LEVEL STEP...
 //   freeze CONFIG SOURCE FIFS     CONFIG "-" is no configuration
+//   freeze_no_wait CONFIG SOURCE FIFS
+//   object N                      the steps from here on are about object N; before, about 0
+//   record                        tells what the object's record holds of its configuration
 //   ctl CODE | commit | volumes | thaw | thaw_commit
 //   ckpt FILE | rebuild FILE      the checkpoint text is in FILE
 //   rollback                      thaw and thaw_commit when there is a handle
-//   object N                      the calls from here on are about the handle of this number
+//   or_give_up                    when the call before failed: thaw and then thaw_commit of every
+//                                 object, and no further step
 //   run COMMAND                   a line for the shell, while this process is alive
 //
 // REPORT gets a line "KEY VALUE" for everything seen, texts with \n for a newline: "log" for each
-// line of the log, then of each call "step", "status", "number", "handle", "errmsg" and "logmsg".
+// line of the log, then of each call "step", "status", "number", "handle", "errmsg" and "logmsg";
+// of "record" a line "field NAME=VALUE" for each field.
 #include <dlfcn.h>
 
 #include <cstdio>
@@ -20,6 +25,7 @@
 #include <iterator>
 #include <string>
 
+#include "include/records.h"
 #include "include/timefinder.h"
 
 namespace {
@@ -64,6 +70,7 @@ class Method {
         number_ = no_number;
         errmsg_[0] = logmsg_[0] = '\0';
         const int32_t status = entry<Entry>(symbol)(arguments...);
+        failed_ = status != 0;
         tell("step", name);
         tell("status", std::to_string(status));
         tell("number", std::to_string(number_));
@@ -72,11 +79,26 @@ class Method {
         tell("logmsg", logmsg_);
     }
 
-    void freeze(const char *config, const char *source, const char *fifs) {
+    void freeze(const char *config, const char *source, const char *fifs, int32_t flag) {
         int32_t volumes = -1;
         const char *given = strcmp(config, "-") == 0 ? nullptr : config;
         step<decltype(TimeFinder_freeze)>("freeze", "TimeFinder_freeze", given, source, fifs,
-                                          nullptr, &volumes, TF_FREEZE_WAIT, &handle());
+                                          nullptr, &volumes, flag, &handle());
+    }
+
+    void record() {
+        if (handle() == nullptr) give_up("there is no record");
+        const hdef &h = *handle();
+        const std::pair<const char *, int32_t> fields[] = {{"sync_at_start", h.sync_at_start},
+                                                           {"async_resync", h.async_resync},
+                                                           {"backup_copy", h.backup_copy},
+                                                           {"max_snapshots", h.max_snapshots},
+                                                           {"keep_fi", h.keep_fi},
+                                                           {"dgimport", h.dgimport}};
+        tell("step", "record");
+        tell("status", "0");
+        for (const auto &[name, value] : fields)
+            tell("field", name + ("=" + std::to_string(value)));
     }
 
     void ckpt(const char *file) {
@@ -122,6 +144,18 @@ class Method {
         thaw_commit();
     }
 
+    // Whether the steps end here.
+    bool or_give_up() {
+        if (!failed_) return false;
+        for (object_ = 0; object_ < most_objects; ++object_) {
+            if (handle() != nullptr) thaw();
+        }
+        for (object_ = 0; object_ < most_objects; ++object_) {
+            if (handle() != nullptr) thaw_commit();
+        }
+        return true;
+    }
+
   private:
     hdef *&handle() { return handles_[object_]; }
 
@@ -135,6 +169,7 @@ class Method {
     void *library_;
     int32_t number_ = no_number;
     char errmsg_[TF_MESSAGE_SIZE] = "", logmsg_[TF_MESSAGE_SIZE] = "";
+    bool failed_ = false;
     size_t object_ = 0;
     hdef *handles_[most_objects] = {};
 };
@@ -144,6 +179,9 @@ class Steps {
   public:
     explicit Steps(char **rest) : rest_(rest) {}
     bool more() const { return *rest_ != nullptr; }
+    void end() {
+        while (more()) ++rest_;
+    }
     const char *next() {
         if (!more()) give_up("an argument is missing");
         return *rest_++;
@@ -160,10 +198,12 @@ void run_line(const char *line) {
 
 void take(Method &method, Steps &steps) {
     const std::string name = steps.next();
-    if (name == "freeze") {
+    if (name == "freeze" || name == "freeze_no_wait") {
         const char *config = steps.next(), *source = steps.next();
-        return method.freeze(config, source, steps.next());
+        return method.freeze(config, source, steps.next(),
+                             name == "freeze" ? TF_FREEZE_WAIT : TF_FREEZE_NO_WAIT);
     }
+    if (name == "record") return method.record();
     if (name == "ctl") return method.ctl(atoi(steps.next()));
     if (name == "commit") return method.commit();
     if (name == "ckpt") return method.ckpt(steps.next());
@@ -173,6 +213,10 @@ void take(Method &method, Steps &steps) {
     if (name == "thaw_commit") return method.thaw_commit();
     if (name == "object") return method.object(atoi(steps.next()));
     if (name == "rollback") return method.rollback();
+    if (name == "or_give_up") {
+        if (method.or_give_up()) steps.end();
+        return;
+    }
     if (name == "run") return run_line(steps.next());
     give_up("unknown step " + name);
 }
