@@ -8,8 +8,11 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <set>
 
+#include "fimctl/catalogue_statement.h"
 #include "fimctl/failure.h"
+#include "fimctl/host.h"
 #include "fimctl/paths.h"
 
 namespace fimctl {
@@ -17,33 +20,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr int schema_version = 1;
 constexpr int busy_timeout_ms = 10000;
-
-constexpr char schema[] = R"(
-CREATE TABLE snapshot (
-    id INTEGER PRIMARY KEY AUTOINCREMENT,
-    created TEXT NOT NULL DEFAULT (strftime('%Y-%m-%dT%H:%M:%SZ', 'now')),
-    state INTEGER NOT NULL DEFAULT 0,
-    config TEXT NOT NULL DEFAULT '',
-    quiesced INTEGER NOT NULL DEFAULT 0,
-    frozen_ms REAL NOT NULL DEFAULT 0,
-    void_reason TEXT NOT NULL DEFAULT '',
-    note TEXT NOT NULL DEFAULT '');
-CREATE TABLE object (
-    snapshot INTEGER NOT NULL REFERENCES snapshot (id),
-    number INTEGER NOT NULL,
-    source TEXT NOT NULL, fifs TEXT NOT NULL, kind TEXT NOT NULL, inside TEXT NOT NULL,
-    device INTEGER NOT NULL, made_fifs INTEGER NOT NULL,
-    text TEXT NOT NULL DEFAULT '', mounted_text TEXT NOT NULL DEFAULT '',
-    copy TEXT NOT NULL DEFAULT '',
-    PRIMARY KEY (snapshot, number));
-CREATE TABLE pair (
-    snapshot INTEGER NOT NULL, object INTEGER NOT NULL, number INTEGER NOT NULL,
-    symid TEXT NOT NULL, device TEXT NOT NULL, bcv TEXT NOT NULL,
-    before INTEGER NOT NULL, after INTEGER NOT NULL,
-    PRIMARY KEY (snapshot, object, number));
-)";
 
 [[noreturn]] void give_up(const std::string &text) {
     throw Failure(Step::catalogue, ExitCode::failed, text);
@@ -77,61 +54,6 @@ void make_private(const std::string &directory) {
 
 }  // namespace
 
-// One prepared statement, its parameters bound in order and its columns read in order.
-class Catalogue::Statement {
-  public:
-    Statement(sqlite3 *database, const char *sql) : database_(database) {
-        check(sqlite3_prepare_v2(database, sql, -1, &statement_, nullptr));
-    }
-    ~Statement() { sqlite3_finalize(statement_); }
-    Statement(const Statement &) = delete;
-    Statement &operator=(const Statement &) = delete;
-
-    Statement &bind(const std::string &text) {
-        check(sqlite3_bind_text64(statement_, ++bound_, text.data(), text.size(), SQLITE_TRANSIENT,
-                                  SQLITE_UTF8));
-        return *this;
-    }
-    Statement &bind(int64_t number) {
-        check(sqlite3_bind_int64(statement_, ++bound_, number));
-        return *this;
-    }
-    Statement &bind(double number) {
-        check(sqlite3_bind_double(statement_, ++bound_, number));
-        return *this;
-    }
-
-    // The next row, if any.
-    bool step() {
-        column_ = 0;
-        const int result = sqlite3_step(statement_);
-        if (result == SQLITE_ROW) return true;
-        if (result != SQLITE_DONE) check(result);
-        return false;
-    }
-
-    std::string text() {
-        const int at = column_++;
-        const void *data = sqlite3_column_blob(statement_, at);
-        const auto size = static_cast<size_t>(sqlite3_column_bytes(statement_, at));
-        return data == nullptr ? "" : std::string(static_cast<const char *>(data), size);
-    }
-    int64_t integer() { return sqlite3_column_int64(statement_, column_++); }
-    double real() { return sqlite3_column_double(statement_, column_++); }
-
-  private:
-    void check(int result) {
-        if (result != SQLITE_OK) {
-            give_up(std::string("the catalogue: ") + sqlite3_errmsg(database_));
-        }
-    }
-
-    sqlite3 *database_;
-    sqlite3_stmt *statement_ = nullptr;
-    int bound_ = 0;
-    int column_ = 0;
-};
-
 const char *name_of(State state) {
     switch (state) {
     case State::begun:
@@ -150,12 +72,28 @@ const char *name_of(State state) {
         return "released";
     case State::failed:
         return "failed";
+    case State::restoring:
+        return "restoring";
+    case State::restored:
+        return "restored";
     }
     return "unknown";
 }
 
 bool is_over(State state) {
-    return state == State::released || state == State::failed;
+    return state == State::released || state == State::failed || state == State::restored;
+}
+
+bool ObjectRecord::is_imported_group() const {
+    return CheckpointText(text).is_imported_group();
+}
+
+std::vector<std::string> SnapshotRecord::arrays() const {
+    std::set<std::string> found;
+    for (const ObjectRecord &object : objects) {
+        for (const PairRecord &record : object.pairs) found.insert(record.pair.symid);
+    }
+    return {found.begin(), found.end()};
 }
 
 bool Catalogue::exists(const std::string &directory) {
@@ -192,26 +130,42 @@ void Catalogue::run(const char *sql) {
     }
 }
 
-void Catalogue::prepare_schema() {
-    run("PRAGMA synchronous = FULL");
-    run("BEGIN IMMEDIATE");
-    int64_t version = 0;
-    {
-        Statement statement(database_, "PRAGMA user_version");
-        if (statement.step()) version = statement.integer();
-    }
-    if (version == 0) {
-        run(schema);
-        run(("PRAGMA user_version = " + std::to_string(schema_version)).c_str());
-    } else if (version != schema_version) {
-        give_up("the catalogue has version " + std::to_string(version) +
-                "; this fimctl knows version " + std::to_string(schema_version));
-    }
-    run("COMMIT");
+Catalogue::Transaction::Transaction(Catalogue &catalogue) : catalogue_(catalogue) {
+    catalogue_.run("BEGIN IMMEDIATE");
+}
+
+Catalogue::Transaction::~Transaction() {
+    if (open_) sqlite3_exec(catalogue_.database_, "ROLLBACK", nullptr, nullptr, nullptr);
+}
+
+void Catalogue::Transaction::commit() {
+    catalogue_.run("COMMIT");
+    open_ = false;
 }
 
 int64_t Catalogue::enter(const std::string &config) {
-    Statement(database_, "INSERT INTO snapshot (config) VALUES (?)").bind(config).step();
+    Statement(database_, "INSERT INTO snapshot (config, uuid, host) VALUES (?, ?, ?)")
+        .bind(config)
+        .bind(random_uuid())
+        .bind(short_host_name())
+        .step();
+    return sqlite3_last_insert_rowid(database_);
+}
+
+int64_t Catalogue::enter_imported(const SnapshotRecord &snapshot) {
+    Statement(database_,
+              "INSERT INTO snapshot (created, state, config, quiesced, frozen_ms, uuid, host, "
+              "origin, target, exports) VALUES (?, ?, ?, ?, ?, ?, ?, ?, 1, ?)")
+        .bind(snapshot.created)
+        .bind(static_cast<int64_t>(State::frozen))
+        .bind(snapshot.config)
+        .bind(static_cast<int64_t>(snapshot.quiesced))
+        .bind(snapshot.frozen_ms)
+        .bind(snapshot.uuid)
+        .bind(short_host_name())
+        .bind(snapshot.origin)
+        .bind(snapshot.exports)
+        .step();
     return sqlite3_last_insert_rowid(database_);
 }
 
@@ -220,7 +174,8 @@ void Catalogue::set_objects(int64_t id, const std::vector<ObjectRecord> &objects
         const ObjectRecord &object = objects[i];
         Statement(database_,
                   "INSERT INTO object (snapshot, number, source, fifs, kind, inside, device, "
-                  "made_fifs) VALUES (?, ?, ?, ?, ?, ?, ?, ?)")
+                  "made_fifs, mount_dir, vol_group, vol_name) "
+                  "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)")
             .bind(id)
             .bind(static_cast<int64_t>(i))
             .bind(object.source)
@@ -229,6 +184,9 @@ void Catalogue::set_objects(int64_t id, const std::vector<ObjectRecord> &objects
             .bind(object.inside)
             .bind(object.device)
             .bind(static_cast<int64_t>(object.made_fifs))
+            .bind(object.mount_dir)
+            .bind(object.vol_group)
+            .bind(object.vol_name)
             .step();
     }
 }
@@ -259,11 +217,34 @@ void Catalogue::set_void(int64_t id, const std::string &reason) {
         .step();
 }
 
+void Catalogue::set_text_of(const char *sql, int64_t id, size_t object, const std::string &text) {
+    Statement(database_, sql).bind(text).bind(id).bind(static_cast<int64_t>(object)).step();
+}
+
 void Catalogue::set_text(int64_t id, size_t object, const std::string &text) {
-    Statement(database_, "UPDATE object SET text = ? WHERE snapshot = ? AND number = ?")
-        .bind(text)
+    set_text_of("UPDATE object SET text = ? WHERE snapshot = ? AND number = ?", id, object, text);
+}
+
+void Catalogue::set_returned_text(int64_t id, size_t object, const std::string &text) {
+    set_text_of("UPDATE object SET returned_text = ? WHERE snapshot = ? AND number = ?", id, object,
+                text);
+}
+
+int64_t Catalogue::set_exported(int64_t id) {
+    Statement(database_,
+              "UPDATE snapshot SET exported = strftime('%Y-%m-%dT%H:%M:%SZ', 'now'), "
+              "returned = '', exports = exports + (target = 0) WHERE id = ?")
         .bind(id)
-        .bind(static_cast<int64_t>(object))
+        .step();
+    Statement number(database_, "SELECT exports FROM snapshot WHERE id = ?");
+    number.bind(id).step();
+    return number.integer();
+}
+
+void Catalogue::set_returned(int64_t id) {
+    Statement(database_,
+              "UPDATE snapshot SET returned = strftime('%Y-%m-%dT%H:%M:%SZ', 'now') WHERE id = ?")
+        .bind(id)
         .step();
 }
 
@@ -285,35 +266,32 @@ void Catalogue::clear_mounted(int64_t id) {
 }
 
 void Catalogue::set_pairs(int64_t id, size_t object, const std::vector<PairRecord> &pairs) {
-    run("BEGIN IMMEDIATE");
-    try {
-        Statement(database_, "DELETE FROM pair WHERE snapshot = ? AND object = ?")
+    const bool alone = sqlite3_get_autocommit(database_) != 0;
+    const auto whole = alone ? std::make_unique<Transaction>(*this) : nullptr;
+    Statement(database_, "DELETE FROM pair WHERE snapshot = ? AND object = ?")
+        .bind(id)
+        .bind(static_cast<int64_t>(object))
+        .step();
+    for (size_t i = 0; i < pairs.size(); ++i) {
+        Statement(database_, "INSERT INTO pair VALUES (?, ?, ?, ?, ?, ?, ?, ?)")
             .bind(id)
             .bind(static_cast<int64_t>(object))
+            .bind(static_cast<int64_t>(i))
+            .bind(pairs[i].pair.symid)
+            .bind(pairs[i].pair.device)
+            .bind(pairs[i].pair.bcv)
+            .bind(static_cast<int64_t>(pairs[i].before))
+            .bind(static_cast<int64_t>(pairs[i].after))
             .step();
-        for (size_t i = 0; i < pairs.size(); ++i) {
-            Statement(database_, "INSERT INTO pair VALUES (?, ?, ?, ?, ?, ?, ?, ?)")
-                .bind(id)
-                .bind(static_cast<int64_t>(object))
-                .bind(static_cast<int64_t>(i))
-                .bind(pairs[i].pair.symid)
-                .bind(pairs[i].pair.device)
-                .bind(pairs[i].pair.bcv)
-                .bind(static_cast<int64_t>(pairs[i].before))
-                .bind(static_cast<int64_t>(pairs[i].after))
-                .step();
-        }
-        run("COMMIT");
-    } catch (const Failure &) {
-        sqlite3_exec(database_, "ROLLBACK", nullptr, nullptr, nullptr);
-        throw;
     }
+    if (whole != nullptr) whole->commit();
 }
 
 void Catalogue::load_objects(SnapshotRecord &snapshot) {
     Statement objects(database_,
-                      "SELECT source, fifs, kind, inside, device, made_fifs, text, mounted_text, "
-                      "copy FROM object WHERE snapshot = ? ORDER BY number");
+                      "SELECT source, fifs, kind, inside, device, made_fifs, mount_dir, "
+                      "vol_group, vol_name, text, mounted_text, returned_text, copy FROM object  "
+                      "WHERE snapshot = ? ORDER BY number");
     objects.bind(snapshot.id);
     while (objects.step()) {
         ObjectRecord object;
@@ -323,8 +301,12 @@ void Catalogue::load_objects(SnapshotRecord &snapshot) {
         object.inside = objects.text();
         object.device = objects.integer();
         object.made_fifs = objects.integer() != 0;
+        object.mount_dir = objects.text();
+        object.vol_group = objects.text();
+        object.vol_name = objects.text();
         object.text = objects.text();
         object.mounted_text = objects.text();
+        object.returned_text = objects.text();
         object.copy = objects.text();
         snapshot.objects.push_back(std::move(object));
     }
@@ -344,12 +326,16 @@ void Catalogue::load_objects(SnapshotRecord &snapshot) {
     }
 }
 
-std::vector<SnapshotRecord> Catalogue::all() {
+// value is what the condition's parameter stands for.
+std::vector<SnapshotRecord> Catalogue::read(const char *condition, const std::string &value) {
     std::vector<SnapshotRecord> snapshots;
     {
-        Statement rows(database_,
-                       "SELECT id, created, state, config, quiesced, frozen_ms, void_reason, note "
-                       "FROM snapshot ORDER BY id");
+        const std::string sql =
+            "SELECT id, created, state, config, quiesced, frozen_ms, void_reason, note, uuid, "
+            "host, origin, target, exported, returned, exports FROM snapshot WHERE " +
+            std::string(condition) + " ORDER BY id";
+        Statement rows(database_, sql.c_str());
+        rows.bind(value);
         while (rows.step()) {
             SnapshotRecord snapshot;
             snapshot.id = rows.integer();
@@ -360,6 +346,13 @@ std::vector<SnapshotRecord> Catalogue::all() {
             snapshot.frozen_ms = rows.real();
             snapshot.void_reason = rows.text();
             snapshot.note = rows.text();
+            snapshot.uuid = rows.text();
+            snapshot.host = rows.text();
+            snapshot.origin = rows.text();
+            snapshot.is_target = rows.integer() != 0;
+            snapshot.exported = rows.text();
+            snapshot.returned = rows.text();
+            snapshot.exports = rows.integer();
             snapshots.push_back(std::move(snapshot));
         }
     }
@@ -367,11 +360,18 @@ std::vector<SnapshotRecord> Catalogue::all() {
     return snapshots;
 }
 
+std::vector<SnapshotRecord> Catalogue::all() {
+    return read("? = ''", "");
+}
+
+std::vector<SnapshotRecord> Catalogue::with_uuid(const std::string &uuid) {
+    return read("uuid = ?", uuid);
+}
+
 std::optional<SnapshotRecord> Catalogue::find(int64_t id) {
-    for (const SnapshotRecord &snapshot : all()) {
-        if (snapshot.id == id) return snapshot;
-    }
-    return std::nullopt;
+    auto found = read("id = CAST(? AS INTEGER)", std::to_string(id));
+    if (found.empty()) return std::nullopt;
+    return std::move(found.front());
 }
 
 }  // namespace fimctl

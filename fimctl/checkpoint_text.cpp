@@ -35,12 +35,24 @@ std::string CheckpointText::value(const std::string &key) const {
     return "";
 }
 
+long CheckpointText::number(const std::string &key) const {
+    return strtol(value(key).c_str(), nullptr, 10);
+}
+
 bool CheckpointText::is_file_system() const {
     return value("HDEF-object_type") == object_type_file_system;
 }
 
+bool CheckpointText::is_volume() const {
+    return number("HDEF-is_vol") != 0;
+}
+
+bool CheckpointText::is_imported_group() const {
+    return is_volume() && number("HDEF-dgimport") != 0;
+}
+
 bool CheckpointText::is_target() const {
-    return strtol(value("HDEF-is_tgt").c_str(), nullptr, 10) != 0;
+    return number("HDEF-is_tgt") != 0;
 }
 
 std::vector<Pair> CheckpointText::pairs() const {

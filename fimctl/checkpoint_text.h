@@ -19,12 +19,17 @@ class CheckpointText {
     // The value of the last line with this key, "" when there is none: later lines win.
     std::string value(const std::string &key) const;
     bool is_file_system() const;
+    bool is_volume() const;
+    // A volume whose disk group is brought up by importing the mirrors.
+    bool is_imported_group() const;
     // Made for the alternate backup host: its record thaws, and never commits the thaw.
     bool is_target() const;
     // The pairs that the object's records name, in their order.
     std::vector<Pair> pairs() const;
 
   private:
+    long number(const std::string &key) const;
+
     std::vector<std::string> lines_;
 };
 

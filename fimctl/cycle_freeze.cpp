@@ -33,7 +33,7 @@ int64_t Cycle::freeze(const std::vector<std::string> &paths) {
     job.method = settings_.method;
     job.config = settings_.config;
     for (size_t i = 0; i < sources.size(); ++i) {
-        job.objects.push_back({sources[i].path, snapshot.objects[i].fifs, sources[i].is_volume});
+        job.objects.push_back({sources[i].path, snapshot.objects[i].fifs, sources[i].is_volume()});
     }
     if (settings_.quiesce) job.quiesce = file_systems_of(sources);
     job.deadline = settings_.freeze_deadline;

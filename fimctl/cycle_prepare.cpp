@@ -158,6 +158,9 @@ std::vector<ObjectRecord> Cycle::plan_objects(int64_t id, const std::vector<Sour
         object.kind = name_of(sources[i].kind);
         object.inside = sources[i].inside;
         object.device = static_cast<int64_t>(sources[i].device);
+        object.mount_dir = sources[i].mount_dir;
+        object.vol_group = sources[i].vol_group;
+        object.vol_name = sources[i].vol_name;
         object.made_fifs = make_folder(folder);
         object.fifs = real_name(folder);
         if (object.fifs.size() > longest_fifs) throw unusable(object.fifs + ": path too long");

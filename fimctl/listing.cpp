@@ -29,6 +29,17 @@ std::string judgement(const SnapshotRecord &snapshot) {
     return "good";
 }
 
+const char *role(const SnapshotRecord &snapshot) {
+    return snapshot.is_target ? "backup" : "primary";
+}
+
+// Where it is, when that is not simply here.
+std::string travels(const SnapshotRecord &snapshot) {
+    if (snapshot.is_target) return "from " + snapshot.origin;
+    if (snapshot.is_away()) return "exported";
+    return "";
+}
+
 Json summary(const SnapshotRecord &snapshot) {
     Json sources = Json::array();
     for (const ObjectRecord &object : snapshot.objects) sources.push_back(object.source);
@@ -38,6 +49,12 @@ Json summary(const SnapshotRecord &snapshot) {
     json["created"] = snapshot.created;
     json["copy"] = judgement(snapshot);
     json["sources"] = sources;
+    json["uuid"] = snapshot.uuid;
+    json["role"] = role(snapshot);
+    json["origin"] = snapshot.origin;
+    json["exported"] = snapshot.exported;
+    json["returned"] = snapshot.returned;
+    json["arrays"] = snapshot.arrays();
     return json;
 }
 
@@ -48,6 +65,8 @@ Json state_json(long state) {
 
 Json description_json(const SnapshotRecord &snapshot, const std::vector<long> &now) {
     Json json = summary(snapshot);
+    json["host"] = snapshot.host;
+    json["exports"] = snapshot.exports;
     json["void_reason"] = snapshot.void_reason;
     json["quiesced"] = snapshot.quiesced;
     json["frozen_ms"] = snapshot.frozen_ms;
@@ -59,6 +78,10 @@ Json description_json(const SnapshotRecord &snapshot, const std::vector<long> &n
         Json one;
         one["source"] = object.source;
         one["kind"] = object.kind;
+        one["mounted_on"] = object.mount_dir;
+        one["disk_group"] = object.vol_group;
+        one["volume"] = object.vol_name;
+        one["imported_group"] = object.is_imported_group();
         one["mount_point"] = object.fifs;
         one["copy_path"] = is_over(snapshot.state) ? "" : object.copy;
         one["checkpoint"] = object.latest_text();
@@ -96,6 +119,10 @@ std::string milliseconds(double value) {
 std::string object_text(const ObjectRecord &object, bool over, const std::vector<long> &now,
                         size_t &next) {
     std::string text = field("object", object.source + " (" + object.kind + ")");
+    if (object.is_volume()) {
+        text += field("  volume", object.vol_name + " of disk group " + object.vol_group +
+                                      (object.is_imported_group() ? ", imported" : ""));
+    }
     text += field("  mount at", object.fifs);
     text += field("  copy", over ? "" : object.copy);
     for (const PairRecord &record : object.pairs) {
@@ -127,6 +154,7 @@ std::string listing(const std::vector<SnapshotRecord> &snapshots, bool json) {
                  judgement(snapshot).c_str(), snapshot.created.c_str());
         text += head;
         for (const ObjectRecord &object : snapshot.objects) text += object.source + " ";
+        if (!travels(snapshot).empty()) text += "(" + travels(snapshot) + ") ";
         text.back() = '\n';
     }
     return text;
@@ -137,10 +165,20 @@ std::string description(const SnapshotRecord &snapshot, const std::vector<long> 
     std::string text = field("snapshot", std::to_string(snapshot.id));
     text += field("state", name_of(snapshot.state));
     text += field("created", snapshot.created);
+    text += field("uuid", snapshot.uuid);
+    text += field("host", snapshot.host);
+    text += field("role", role(snapshot));
+    text += field("origin", snapshot.origin);
+    text += field("exported", snapshot.exported);
+    text += field("returned", snapshot.returned);
     text += field("copy", judgement(snapshot));
     text += field("void because", snapshot.void_reason);
     text += field("quiesced",
                   snapshot.quiesced ? "yes, frozen for " + milliseconds(snapshot.frozen_ms) : "no");
+    std::string arrays;
+    for (const std::string &array : snapshot.arrays())
+        arrays += (arrays.empty() ? "" : " ") + array;
+    text += field("arrays", arrays);
     text += field("config", snapshot.config);
     text += field("last failure", snapshot.note);
     size_t next = 0;

@@ -129,6 +129,19 @@ dev_t block_twin(const std::string &raw, dev_t number) {
     return number | raw_space;
 }
 
+// Disk group and volume are the first two parts of a volume's name, as the method reads it.
+void name_volume(Source &source, const std::string &device) {
+    for (const char *folder : {path::volume_folder, path::raw_volume_folder}) {
+        if (!starts(device, folder)) continue;
+        std::istringstream parts(device.substr(strlen(folder)));
+        std::string part;
+        while (source.vol_name.empty() && std::getline(parts, part, '/')) {
+            if (!part.empty())
+                (source.vol_group.empty() ? source.vol_group : source.vol_name) = part;
+        }
+    }
+}
+
 Source look_at(const std::string &path, const std::vector<Mount> &mounts) {
     if (path.empty()) throw unusable("an empty path cannot be frozen");
     Source source;
@@ -151,12 +164,11 @@ Source look_at(const std::string &path, const std::vector<Mount> &mounts) {
         source.device =
             S_ISBLK(status.st_mode) ? status.st_rdev : block_twin(source.path, status.st_rdev);
         place_device(source, mounts);
-        source.is_volume = starts(source.path, path::volume_folder) ||
-                           starts(source.path, path::raw_volume_folder);
+        name_volume(source, source.path);
     } else {
         source.device = status.st_dev;
         place_file(source, mounts);
-        source.is_volume = starts(source.mounted, path::volume_folder);
+        name_volume(source, source.mounted);
     }
     return source;
 }

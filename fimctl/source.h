@@ -17,7 +17,10 @@ struct Source {
     std::string mount_dir;  // where the file system (or the device's file system) is mounted, or ""
     std::string mounted;    // the name of the mounted device, or ""
     std::string inside;     // the path below the root of the file system, "" for the root
-    bool is_volume = false;
+    std::string vol_group;  // disk group and volume of a volume, or ""
+    std::string vol_name;
+
+    bool is_volume() const { return !vol_group.empty(); }
 };
 
 // A path from the root on. Throws Failure (usage) when the working directory is gone.

@@ -39,7 +39,7 @@ TEST_F(Sources, a_directory_belongs_to_the_file_system_mounted_above_it) {
     EXPECT_EQ(sources[0].kind, SourceKind::file_system);
     EXPECT_EQ(sources[0].mount_dir, one);
     EXPECT_EQ(sources[0].inside, "/a/b");
-    EXPECT_FALSE(sources[0].is_volume);
+    EXPECT_FALSE(sources[0].is_volume());
 }
 
 TEST_F(Sources, a_mount_point_with_blanks_is_found) {
@@ -52,7 +52,7 @@ TEST_F(Sources, a_file_system_on_a_volume_is_known_as_a_volume) {
     test::make_folders("/vol");
     ASSERT_EQ(mount("/dev/qz/dsk/g/v", "/vol", "tmpfs", 0, nullptr), 0);
     mounted_.push_back("/vol");
-    EXPECT_TRUE(look_at_sources({"/vol"})[0].is_volume);
+    EXPECT_TRUE(look_at_sources({"/vol"})[0].is_volume());
 }
 
 TEST_F(Sources, a_path_with_a_newline_is_refused_before_anything_is_frozen) {
