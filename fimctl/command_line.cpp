@@ -4,14 +4,9 @@
 #include <cstdio>
 
 #include "fimctl/commands/command.h"
-#include "fimctl/paths.h"
-#include "fimctl/source.h"
 
 namespace fimctl {
 namespace {
-
-constexpr double default_lock_wait = 60;
-constexpr double longest_lock_wait = 86400;
 
 constexpr char footer[] =
     "Exit codes: 0 done; 1 failed and rolled back; 2 usage; 3 something is left to clean;\n"
@@ -26,10 +21,11 @@ class CommandLine {
         app_.footer(footer);
         app_.require_subcommand(1);
         app_.fallthrough();
-        add_common();
+        commands_.configuration().add_options(&app_, Scope::every_command);
         add_freezing_commands(commands_);
         add_copy_commands(commands_);
         add_catalogue_commands(commands_);
+        add_configuration_commands(commands_);
     }
 
     // Everything behind the first "--" is the command of run, and none of our options.
@@ -49,8 +45,6 @@ class CommandLine {
             throw CLI::ExtrasError({unknown.front()});
         }
         commands_.check_trailing(marked);
-        common_.settings.log_file = common_.log.file;
-        common_.settings.state = absolute_path(common_.settings.state);
     }
 
     int end(const CLI::ParseError &error) { return app_.exit(error); }
@@ -59,25 +53,6 @@ class CommandLine {
     void perform() { commands_.perform(); }
 
   private:
-    void add_common() {
-        Settings &settings = common_.settings;
-        settings.method = path::method_library;
-        settings.state = path::state_directory;
-        settings.lock_wait = default_lock_wait;
-        app_.add_option("--method", settings.method, "the method's library")->capture_default_str();
-        app_.add_option("--state", settings.state, "folder of the catalogue and the copies")
-            ->capture_default_str();
-        app_.add_option("--log", common_.log.file, "append everything that is told to this file");
-        app_.add_option("--lock-wait", settings.lock_wait,
-                        "seconds to wait, at mount and release, for another process that owns "
-                        "the array's mirrors")
-            ->check(CLI::Range(0.0, longest_lock_wait))
-            ->capture_default_str();
-        app_.add_flag("-q,--quiet", common_.log.quiet, "no progress lines");
-        app_.add_flag("-v", common_.log.level,
-                      "show the method's lines: -v with the commands it runs, -vv with traces");
-    }
-
     Common common_;
     CLI::App app_;
     Commands commands_;

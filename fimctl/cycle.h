@@ -26,6 +26,8 @@ struct Settings {
     double freeze_deadline = 0;  // seconds
     double lock_wait = 0;        // seconds to wait for an owner of the array's mirrors to end
     bool quiesce = true;
+    std::string hooks;        // the hooks' directory, "" for none
+    double hook_timeout = 0;  // seconds
 };
 
 class Cycle {

@@ -4,6 +4,8 @@ namespace fimctl {
 
 const char *name_of(Step step) {
     switch (step) {
+    case Step::configuration:
+        return "read the configuration";
     case Step::check:
         return "check the paths";
     case Step::snapshot:
@@ -64,6 +66,9 @@ std::string remedy_of(Step step, ExitCode code, long id) {
         return id != 0 ? remedy_of_rest(step, id) : "fimctl list shows what is left";
     }
     if (code == ExitCode::usage) {
+        if (step == Step::configuration) {
+            return "correct it: fimctl.toml(5) has the keys, fimctl config shows the values";
+        }
         return step == Step::check ? "correct the path or the option, then try again" : "";
     }
     if (code == ExitCode::interrupted)

@@ -23,11 +23,12 @@ enum class ExitCode : int {
 
 // The steps of a snapshot's life, in their order. Each has a name and a remedy.
 enum class Step {
-    check,      // look at the paths before anything is begun
-    snapshot,   // find a snapshot that the command fits
-    catalogue,  // keep the snapshot's state
-    array,      // reach the array for reading
-    load,       // load the method
+    configuration,  // read the settings
+    check,          // look at the paths before anything is begun
+    snapshot,       // find a snapshot that the command fits
+    catalogue,      // keep the snapshot's state
+    array,          // reach the array for reading
+    load,           // load the method
     freeze,
     control,  // control code 4
     states,   // read the pair states

@@ -6,6 +6,8 @@ namespace fimctl::path {
 inline constexpr char method_library[] = "/usr/quill/tessera/lib/libtimefinder_fim.so";
 inline constexpr char array_library[] = "/usr/symcli/shlib/libsymapi.so";
 inline constexpr char array_database[] = "/var/symapi/db/symapi_db.bin";
+inline constexpr char configuration_file[] = "/etc/fimctl/fimctl.toml";
+inline constexpr char hook_directory[] = "/etc/fimctl/hooks.d";
 inline constexpr char state_directory[] = "/var/lib/fimctl";
 // Gone with a reboot: the locks of the commands that work on snapshots.
 inline constexpr char runtime_directory[] = "/run/fimctl";

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include "fimctl/signals.h"
+#include "fimctl/source.h"
 
 namespace fimctl {
 
@@ -34,15 +35,26 @@ void Commands::check_trailing(bool marked) const {
     if (entry.trailing.empty() && marked) throw CLI::ExtrasError({"--"});
 }
 
-void Commands::perform() const {
-    const Entry &entry = chosen();
-    if (entry.access == Access::working) {
-        if (geteuid() != 0) {
-            throw Failure(Step::check, ExitCode::permission, "only root can work on snapshots");
-        }
-        log::set_up(common_.log);
-        signals::install();
+// Whoever may read what a command shows need not be able to write the log file that the
+// configuration names for root.
+void Commands::prepare(Access access) {
+    if (access == Access::working && geteuid() != 0) {
+        throw Failure(Step::check, ExitCode::permission, "only root can work on snapshots");
     }
+    configuration_.resolve();
+    Settings &settings = common_.settings;
+    settings.log_file = common_.log.file;
+    settings.state = absolute_path(settings.state);
+    const bool asked =
+        configuration_.origin_of(setting_of("log")).source == ValueSource::command_line;
+    if (geteuid() != 0 && !asked) common_.log.file.clear();
+    log::set_up(common_.log);
+    if (access == Access::working) signals::install();
+}
+
+void Commands::perform() {
+    const Entry &entry = chosen();
+    if (entry.access != Access::telling) prepare(entry.access);
     entry.perform();
 }
 

@@ -6,27 +6,21 @@
 #include <string>
 #include <vector>
 
-#include "fimctl/cycle.h"
+#include "fimctl/common.h"
+#include "fimctl/config/configuration.h"
 #include "fimctl/failure.h"
-#include "fimctl/log.h"
 
 namespace fimctl {
 
-// What holds for every command; filled by the parser before a command is performed.
-struct Common {
-    Settings settings;
-    log::Settings log;
-    std::vector<std::string> trailing;  // behind "--"
-};
-
 enum class Access {
+    telling,  // of fimctl itself: needs no configuration, and works when that is broken
     reading,  // may be asked by anybody who may read what it shows
     working   // needs root, and can be interrupted
 };
 
 class Commands {
   public:
-    Commands(CLI::App &app, Common &common) : app_(app), common_(common) {}
+    Commands(CLI::App &app, Common &common) : app_(app), common_(common), configuration_(common) {}
     Commands(const Commands &) = delete;
     Commands &operator=(const Commands &) = delete;
 
@@ -36,11 +30,13 @@ class Commands {
     // Everything behind "--" is this command's, and is required.
     void takes_trailing(const CLI::App *command, const std::string &what);
 
+    CLI::App &app() { return app_; }
     Common &common() { return common_; }
+    Configuration &configuration() { return configuration_; }
     // Throws CLI::ParseError when words stand behind "--" that belong there to no command, or are
     // missing where they do.
     void check_trailing(bool marked) const;
-    void perform() const;
+    void perform();
 
   private:
     struct Entry {
@@ -50,16 +46,19 @@ class Commands {
         std::string trailing;  // "" when nothing may stand behind "--"
     };
     const Entry &chosen() const;
+    void prepare(Access access);
 
     CLI::App &app_;
     Common &common_;
+    Configuration configuration_;
     std::vector<Entry> entries_;
 };
 
 // In the order of the help page.
-void add_freezing_commands(Commands &commands);   // run, freeze
-void add_copy_commands(Commands &commands);       // mount, release
-void add_catalogue_commands(Commands &commands);  // list, show
+void add_freezing_commands(Commands &commands);       // run, freeze
+void add_copy_commands(Commands &commands);           // mount, release
+void add_catalogue_commands(Commands &commands);      // list, show
+void add_configuration_commands(Commands &commands);  // config
 
 // Of the commands that take one: the number of a snapshot.
 void add_id(CLI::App *command, int64_t &id);
