@@ -5,47 +5,29 @@
 #include <linux/loop.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <filesystem>
+#include <system_error>
+
+#include "lab/common/loop.h"
 
 namespace lab {
 namespace {
 
-constexpr unsigned misc_major = 10, loop_control_minor = 237;
-// Attempts at a free loop device: another program may take it between the question and the answer.
+// The kernel refuses with EAGAIN while pages of the old window are still being written.
 constexpr int attempts = 64;
 
-std::string make_node(const std::string &path, mode_t type, dev_t device) {
-    make_folders_above(path);
-    if (mknod(path.c_str(), type | 0600, device) != 0 && errno != EEXIST) {
-        media_fails("make node " + path);
-    }
-    return path;
-}
-
-std::string node_of(const std::string &nodes, int minor) {
-    return make_node(nodes + "/loop" + std::to_string(minor), S_IFBLK,
-                     makedev(loop_major, static_cast<unsigned>(minor)));
+std::string node_of(const std::string &nodes, int minor) try {
+    make_folder(nodes);
+    return common::loop_node(nodes, static_cast<unsigned>(minor));
+} catch (const std::system_error &error) {
+    throw MediaError(code::media_failed, error.what());
 }
 
 Fd open_node(const std::string &node) {
     return Fd(open(node.c_str(), O_RDWR | O_CLOEXEC));
-}
-
-int free_minor(const std::string &nodes) {
-    const Fd control(
-        open(make_node(nodes + "/loop-control", S_IFCHR, makedev(misc_major, loop_control_minor))
-                 .c_str(),
-             O_RDWR | O_CLOEXEC));
-    if (control.get() < 0) media_fails("open the loop control node");
-    const int minor = ioctl(control.get(), LOOP_CTL_GET_FREE);
-    if (minor < 0) media_fails("get a free loop device");
-    return minor;
 }
 
 FileId id_of(const Fd &file) {
@@ -57,18 +39,6 @@ FileId id_of(const Fd &file) {
 bool status_of(const Fd &device, struct loop_info64 *info) {
     *info = {};
     return device.get() >= 0 && ioctl(device.get(), LOOP_GET_STATUS64, info) == 0;
-}
-
-bool configure(const Fd &device, const Fd &file, const std::string &path, uint64_t offset,
-               uint64_t size) {
-    struct loop_config config = {};
-    config.fd = static_cast<uint32_t>(file.get());
-    config.info.lo_offset = offset;
-    config.info.lo_sizelimit = size;
-    config.info.lo_flags = LO_FLAGS_AUTOCLEAR;
-    const size_t length = std::min(path.size(), sizeof config.info.lo_file_name - 1);
-    memcpy(config.info.lo_file_name, path.data(), length);
-    return ioctl(device.get(), LOOP_CONFIGURE, &config) == 0;
 }
 
 }  // namespace
@@ -107,17 +77,17 @@ bool LoopDevice::take_over(const std::string &nodes, const AttachedLoops &known,
 }
 
 LoopDevice LoopDevice::attach(const std::string &nodes, const Fd &file, const std::string &path,
-                              uint64_t offset, uint64_t size) {
+                              uint64_t offset, uint64_t size) try {
+    make_folder(nodes);
+    common::AttachedLoop attached =
+        common::attach_loop(file.get(), path, {offset, size, false}, nodes);
     LoopDevice loop;
-    for (int i = 0; i < attempts; ++i) {
-        loop.minor_ = free_minor(nodes);
-        loop.node_ = node_of(nodes, loop.minor_);
-        loop.fd_ = open_node(loop.node_);
-        if (loop.fd_.get() < 0) media_fails("open " + loop.node_);
-        if (configure(loop.fd_, file, path, offset, size)) return loop;
-        if (errno != EBUSY) media_fails("attach " + path);
-    }
-    media_fails("get a loop device for " + path);
+    loop.minor_ = static_cast<int>(attached.minor);
+    loop.node_ = attached.node;
+    loop.fd_ = Fd(attached.device.release());
+    return loop;
+} catch (const std::system_error &error) {
+    throw MediaError(code::media_failed, error.what());
 }
 
 Fd LoopDevice::open_exclusively() const {
@@ -126,7 +96,6 @@ Fd LoopDevice::open_exclusively() const {
 
 void LoopDevice::move_window(uint64_t offset) {
     struct loop_info64 info = {};
-    // The kernel refuses with EAGAIN while pages of the old window are still being written.
     for (int i = 0; i < attempts; ++i) {
         if (ioctl(fd_.get(), LOOP_GET_STATUS64, &info) != 0) break;
         if (info.lo_offset == offset) return;

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "lab/array/media/files.h"
+#include "lab/common/loop.h"
 
 namespace lab {
 
@@ -44,6 +45,6 @@ class LoopDevice {
     std::string node_;
 };
 
-constexpr unsigned loop_major = 7;
+using common::loop_major;
 
 }  // namespace lab
