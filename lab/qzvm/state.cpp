@@ -41,11 +41,6 @@ void read_line(const std::string &text, State *state) {
         ImportedGroup &group = state->groups[name];
         line >> group.id;
         for (std::string path; line >> path;) group.disks.push_back(path);
-    } else if (key == "started") {
-        std::string volume;
-        StartedVolume started;
-        line >> volume >> started.loop >> started.sequence;
-        state->groups[name].started[volume] = started;
     } else {
         throw Error(std::string(place::state) + " is damaged: " + text);
     }
@@ -66,10 +61,6 @@ std::string State::text() const {
         out << "group " << name << ' ' << group.id;
         for (const std::string &path : group.disks) out << ' ' << path;
         out << '\n';
-        for (const auto &[volume, started] : group.started) {
-            out << "started " << name << ' ' << volume << ' ' << started.loop << ' '
-                << started.sequence << '\n';
-        }
     }
     return out.str();
 }

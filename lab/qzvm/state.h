@@ -1,5 +1,5 @@
-// What a host remembers of its own: which disks are defined, which groups are imported, which
-// volumes are started. It lies below /run and is gone with the host; all else is on the disks.
+// What a host remembers of its own: which disks are defined and which groups are imported. It lies
+// below /run and is gone with the host; all else is on the disks.
 #pragma once
 
 #include <cstdint>
@@ -16,16 +16,9 @@ struct KnownDisk {
     uint64_t order = 0;  // when it was put online, as a count
 };
 
-// An attachment of a loop device. The kernel's count tells it from a later one of the same number.
-struct StartedVolume {
-    unsigned loop = 0;
-    uint64_t sequence = 0;
-};
-
 struct ImportedGroup {
     std::string id;
-    std::vector<std::string> disks;  // block paths, in the order of the region's list of disks
-    std::map<std::string, StartedVolume> started;
+    std::vector<std::string> disks;  // block paths
 };
 
 enum class Daemon {
