@@ -4,6 +4,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "fimctl/disk_group.h"
+
 namespace fimctl {
 namespace {
 
@@ -87,9 +89,20 @@ std::string with_clone_information(const std::string &text) {
     return made;
 }
 
+std::string for_backup_host(const std::string &text) {
+    return "HDEF-is_tgt=1\n" + text;
+}
+
 std::string as_if_mounted(const std::string &text) {
-    if (!CheckpointText(text).is_file_system()) return text;
-    return text + "HDEF-is_mount=1\n";
+    const CheckpointText parsed(text);
+    std::string made = text;
+    if (parsed.is_file_system()) made += "HDEF-is_mount=1\n";
+    if (parsed.is_volume()) {
+        made += "HDEF-clone_group=" +
+                clone_name(parsed.value("HDEF-primary_host"), parsed.value("HDEF-vol_group")) +
+                "\n";
+    }
+    return made;
 }
 
 }  // namespace fimctl

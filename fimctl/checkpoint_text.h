@@ -38,9 +38,14 @@ class CheckpointText {
 // file itself is gone when the next process rebuilds.
 std::string with_clone_information(const std::string &text);
 
+// The text with the mark of the alternate backup host. It stands first, since a record that is read
+// before the mark is taken for one of the primary host.
+std::string for_backup_host(const std::string &text);
+
 // A text that was taken before the copy was mounted, for the release of a snapshot whose mount was
-// cut short: the record is told to unmount. The method unmounts whatever is mounted on the copy's
-// directory, which is why that belongs to one snapshot alone.
+// cut short: the record is told to unmount, and what its disk group was brought up as. The method
+// unmounts whatever is mounted on the copy's directory, which is why that belongs to one snapshot
+// alone.
 std::string as_if_mounted(const std::string &text);
 
 }  // namespace fimctl

@@ -28,6 +28,7 @@ struct Settings {
     bool quiesce = true;
     std::string hooks;        // the hooks' directory, "" for none
     double hook_timeout = 0;  // seconds
+    bool abandoned = false;   // release what another host was given and never returned
 };
 
 class Cycle {
@@ -68,15 +69,15 @@ class Cycle {
 
     // Preparation (cycle_prepare.cpp).
     std::vector<Source> check(const std::vector<std::string> &paths);
-    void refuse_held(const std::vector<Source> &sources);
+    int64_t enter(const std::vector<Source> &sources);
     void check_mount_at(const std::vector<Source> &sources);
-    void refuse_promised(const std::string &folder, const std::string &real);
     std::vector<ObjectRecord> plan_objects(int64_t id, const std::vector<Source> &sources);
     void remove_folders(const SnapshotRecord &snapshot);
 
     // Phases (cycle.cpp, cycle_freeze.cpp, cycle_texts.cpp).
     static Outcome converse(Worker &worker, const Handle &handle);
-    Outcome text_phase(int64_t id, bool mounting, const std::vector<std::string> &texts);
+    Outcome text_phase(int64_t id, TextWork work, const std::vector<std::string> &texts);
+    std::string take_rest_down(const SnapshotRecord &snapshot);
     void freeze_phase(int64_t id, const FreezeJob &job);
     void keep_states_before(int64_t id, const Message &message);
     void end_freeze(int64_t id, const Outcome &outcome, const Cut &cut);

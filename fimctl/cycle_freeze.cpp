@@ -18,16 +18,8 @@ std::string joined(const std::vector<std::string> &reasons) {
 
 int64_t Cycle::freeze(const std::vector<std::string> &paths) {
     const auto sources = check(paths);
-    const int64_t id = catalogue_.enter(settings_.config);
-    lock(id);
+    const int64_t id = enter(sources);
     FreezeJob job;
-    try {
-        catalogue_.set_objects(id, plan_objects(id, sources));
-    } catch (const Failure &failure) {
-        note(id, failure.what());
-        catalogue_.set_state(id, State::failed);
-        throw;
-    }
     log::progress("begun");
     const SnapshotRecord snapshot = known(id);
     job.method = settings_.method;
@@ -167,6 +159,7 @@ void Cycle::judge_copy(int64_t id, const Cut &cut) {
         catalogue_.set_pairs(id, object, own);
     }
     auto reasons = judge(records, cut.split_list);
+    for (const std::string &reason : judge_objects(snapshot.objects)) reasons.push_back(reason);
     if (cut.late) {
         reasons.insert(reasons.begin(),
                        "the file systems were thawed at the deadline, before the cut had ended");

@@ -8,7 +8,10 @@
 #include <filesystem>
 
 #include "fimctl/array_reader.h"
+#include "fimctl/copy_folder.h"
 #include "fimctl/cycle.h"
+#include "fimctl/disk_group.h"
+#include "fimctl/host.h"
 #include "fimctl/paths.h"
 
 namespace fimctl {
@@ -34,17 +37,22 @@ const char *name_of(SourceKind kind) {
     return "unknown";
 }
 
-// Makes a folder unless it is there; true when it was made.
-bool make_folder(const std::string &folder) {
-    struct stat status = {};
-    if (stat(folder.c_str(), &status) == 0) {
-        if (!S_ISDIR(status.st_mode)) throw unusable(folder + ": not a directory");
-        return false;
+// A second freeze of an object establishes its mirror again, under the copy that is in use. What
+// was carried here from another host stands for devices of that host.
+void refuse_held(const std::vector<Source> &sources, const std::vector<SnapshotRecord> &others) {
+    for (const SnapshotRecord &snapshot : others) {
+        if (is_over(snapshot.state) || snapshot.is_target) continue;
+        for (const ObjectRecord &object : snapshot.objects) {
+            for (const Source &source : sources) {
+                if (object.device != static_cast<int64_t>(source.device)) continue;
+                Failure failure =
+                    unusable(source.path + " is held by snapshot " + std::to_string(snapshot.id) +
+                             " (" + name_of(snapshot.state) + ")");
+                failure.next = "end that one first: fimctl release " + std::to_string(snapshot.id);
+                throw failure;
+            }
+        }
     }
-    std::error_code error;
-    fs::create_directories(folder, error);
-    if (error) throw unusable(folder + ": " + error.message());
-    return true;
 }
 
 // The name under which the mount table will show the copy: the method compares it to the letter.
@@ -81,30 +89,12 @@ std::vector<Source> Cycle::check(const std::vector<std::string> &paths) {
     }
     check_mount_at(sources);
     if (settings_.quiesce) refuse_writing_to_frozen(sources, written_places(settings_));
-    refuse_held(sources);
     if (access(settings_.method.c_str(), R_OK) != 0) {
         throw Failure(Step::load, ExitCode::failed,
                       "cannot load the method: " + settings_.method + ": " + strerror(errno));
     }
     probe_array();
     return sources;
-}
-
-// A second freeze of an object establishes its mirror again, under the copy that is in use.
-void Cycle::refuse_held(const std::vector<Source> &sources) {
-    for (const SnapshotRecord &snapshot : catalogue_.all()) {
-        if (is_over(snapshot.state)) continue;
-        for (const ObjectRecord &object : snapshot.objects) {
-            for (const Source &source : sources) {
-                if (object.device != static_cast<int64_t>(source.device)) continue;
-                Failure failure =
-                    unusable(source.path + " is held by snapshot " + std::to_string(snapshot.id) +
-                             " (" + name_of(snapshot.state) + ")");
-                failure.next = "end that one first: fimctl release " + std::to_string(snapshot.id);
-                throw failure;
-            }
-        }
-    }
 }
 
 void Cycle::check_mount_at(const std::vector<Source> &sources) {
@@ -127,20 +117,35 @@ void Cycle::check_mount_at(const std::vector<Source> &sources) {
         if (is_mount_point(real)) {
             throw unusable("--mount-at: " + folder + " is a mount point already");
         }
-        refuse_promised(folder, real);
     }
 }
 
-// The release of either snapshot would unmount whatever is mounted there, the other one's copy too.
-void Cycle::refuse_promised(const std::string &folder, const std::string &real) {
-    for (const SnapshotRecord &snapshot : catalogue_.all()) {
-        if (is_over(snapshot.state)) continue;
-        for (const ObjectRecord &object : snapshot.objects) {
-            if (object.fifs != real) continue;
-            throw unusable("--mount-at: " + folder + " is for the copy of snapshot " +
-                           std::to_string(snapshot.id));
+// One transaction from the look at what other snapshots hold to the entry: two commands that start
+// together cannot both find an object free.
+int64_t Cycle::enter(const std::vector<Source> &sources) {
+    Catalogue::Transaction whole(catalogue_);
+    const auto others = catalogue_.all();
+    refuse_held(sources, others);
+    refuse_equal_clone_names(sources, others);
+    if (!settings_.mount_at.empty()) {
+        for (size_t i = 0; i < sources.size(); ++i) {
+            const std::string folder = mount_folder(settings_.mount_at, i, sources.size());
+            refuse_promised("--mount-at: " + folder, fs::weakly_canonical(folder), others);
         }
     }
+    const int64_t id = catalogue_.enter(settings_.config);
+    lock(id);
+    std::unique_ptr<Failure> failed;
+    try {
+        catalogue_.set_objects(id, plan_objects(id, sources));
+    } catch (const Failure &failure) {
+        failed = std::make_unique<Failure>(failure);
+        note(id, failure.what());
+        catalogue_.set_state(id, State::failed);
+    }
+    whole.commit();
+    if (failed != nullptr) throw *failed;
+    return id;
 }
 
 std::vector<ObjectRecord> Cycle::plan_objects(int64_t id, const std::vector<Source> &sources) {
@@ -148,8 +153,8 @@ std::vector<ObjectRecord> Cycle::plan_objects(int64_t id, const std::vector<Sour
     for (size_t i = 0; i < sources.size(); ++i) {
         std::string folder;
         if (settings_.mount_at.empty()) {
-            folder = settings_.state + "/" + path::mount_folder + "/" + std::to_string(id) + "-" +
-                     std::to_string(i + 1);
+            folder = settings_.state + "/" + path::mount_folder + "/" + short_host_name() + "-" +
+                     std::to_string(id) + "-" + std::to_string(i + 1);
         } else {
             folder = mount_folder(settings_.mount_at, i, sources.size());
         }

@@ -1,8 +1,13 @@
 // The second half of a snapshot's life: mount and release, from the texts.
 #include <poll.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cstring>
+#include <sstream>
 
+#include "fimctl/away.h"
 #include "fimctl/cycle.h"
 #include "fimctl/log.h"
 #include "fimctl/signals.h"
@@ -12,11 +17,25 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// The configuration for freezing objects again so that what was split is established.
+constexpr size_t longest_config = 1024;
+
+// The configuration for freezing objects again so that what was split is established. Everything
+// else stays as it was: who the backup host is decides which devices an object has. Of two values
+// for one keyword the later one holds.
 std::string resync_config(const std::string &config) {
     constexpr char wanted[] = "sync_at_start=1";
-    if (config.empty() || config.find("sync_at_start") != std::string::npos) return wanted;
-    return config + "," + wanted;
+    if (config.empty()) return wanted;
+    std::string kept = config + "," + wanted;
+    if (kept.size() <= longest_config) return kept;
+    kept = wanted;
+    std::istringstream pairs(config);
+    for (std::string pair; std::getline(pairs, pair, ',');) {
+        const std::string keyword = pair.substr(0, pair.find('='));
+        for (const char *deciding : {"alternate_backup_client", "plexname"}) {
+            if (strcasecmp(keyword.c_str(), deciding) == 0) kept += "," + pair;
+        }
+    }
+    return kept;
 }
 
 std::string copy_of(const ObjectRecord &object, const std::string &volume_path) {
@@ -50,6 +69,11 @@ std::string remedy_of_thaw(const SnapshotRecord &snapshot) {
     std::string directories;
     for (const ObjectRecord &object : snapshot.objects) {
         if (is_mount_point(object.fifs)) directories += " " + object.fifs;
+        // A device that is read through no mount point, and stops its disk group from being let go.
+        if (object.is_volume() && !is_mount_point(object.fifs) && !object.copy.empty() &&
+            access(object.copy.c_str(), F_OK) == 0) {
+            directories += " " + object.copy;
+        }
     }
     if (directories.empty()) return "";
     return "end whatever uses the copy (fuser -vm" + directories + "), then: fimctl release " +
@@ -63,6 +87,8 @@ Failure not_to_be_mounted(const SnapshotRecord &snapshot) {
                         (snapshot.void_reason.empty() ? "" : " and void"));
     if (snapshot.state == State::mounted) {
         failure.next = "fimctl show " + id + " tells where its copy is mounted";
+    } else if (is_over(snapshot.state) && snapshot.is_target) {
+        failure.next = "send it back to " + snapshot.origin + ": fimctl export " + id;
     } else if (is_over(snapshot.state)) {
         failure.next = "take another snapshot: fimctl freeze PATH...";
     } else {
@@ -75,20 +101,12 @@ Failure not_to_be_mounted(const SnapshotRecord &snapshot) {
 
 // A phase that starts from the texts. Another process that owns the array's mirrors is waited for:
 // it may be a short one, and what waits here has a copy to look after.
-Cycle::Outcome Cycle::text_phase(int64_t id, bool mounting, const std::vector<std::string> &texts) {
-    const TextJob job = {settings_.method, texts};
+Cycle::Outcome Cycle::text_phase(int64_t id, TextWork work, const std::vector<std::string> &texts) {
+    const TextJob job = {settings_.method, work, texts};
     const auto end = Clock::now() + std::chrono::duration_cast<Clock::duration>(
                                         std::chrono::duration<double>(settings_.lock_wait));
     for (;;) {
-        Worker worker(
-            [&job, mounting](Channel &channel) {
-                if (mounting) {
-                    run_mount_phase(job, channel);
-                } else {
-                    run_release_phase(job, channel);
-                }
-            },
-            scratch(id));
+        Worker worker([&job](Channel &channel) { run_text_phase(job, channel); }, scratch(id));
         const auto snapshot = known(id);
         Outcome outcome = converse(worker, [&](const Message &message) {
             const auto object = message.at("object").get<size_t>();
@@ -97,7 +115,7 @@ Cycle::Outcome Cycle::text_phase(int64_t id, bool mounting, const std::vector<st
         });
         const bool owned = outcome.failure != nullptr && outcome.failure->code == ExitCode::owned;
         if (!owned || Clock::now() >= end) return outcome;
-        if (mounting && signals::raised() != 0) return outcome;
+        if (work == TextWork::mount && signals::raised() != 0) return outcome;
         log::progress(std::string("waiting: ") + outcome.failure->what());
         wait_a_second();
     }
@@ -109,8 +127,9 @@ std::vector<std::string> Cycle::mount(int64_t id) {
     if (snapshot.state != State::frozen || !snapshot.void_reason.empty()) {
         throw not_to_be_mounted(snapshot);
     }
+    refuse_away(snapshot, "mount", false);
     catalogue_.set_state(id, State::mounting);
-    const Outcome outcome = text_phase(id, true, texts_of(snapshot));
+    const Outcome outcome = text_phase(id, TextWork::mount, texts_of(snapshot));
     if (outcome.done) {
         catalogue_.set_state(id, State::mounted);
         std::vector<std::string> copies;
@@ -121,15 +140,31 @@ std::vector<std::string> Cycle::mount(int64_t id) {
     failure.id = static_cast<long>(id);
     note(id, std::string(name_of(failure.step)) + ": " + failure.what());
     if (outcome.died()) throw failure;
-    if (outcome.trouble.empty()) {
+    const std::string trouble =
+        outcome.trouble.empty() ? take_rest_down(known(id)) : outcome.trouble;
+    if (trouble.empty()) {
         catalogue_.clear_mounted(id);
         catalogue_.set_state(id, State::frozen);
         failure.afterwards = "nothing is mounted; the snapshot stays frozen";
     } else {
         failure.code = ExitCode::left;
-        failure.afterwards = "taking the copy down failed: " + outcome.trouble;
+        failure.afterwards = "taking the copy down failed: " + trouble;
     }
     throw failure;
+}
+
+// A disk group that was brought up only in part is forgotten by the record that brought it up, and
+// its thaw leaves it alone. A text that names the group takes down what is there.
+std::string Cycle::take_rest_down(const SnapshotRecord &snapshot) {
+    const auto &objects = snapshot.objects;
+    if (std::none_of(objects.begin(), objects.end(),
+                     [](const ObjectRecord &object) { return object.is_volume(); })) {
+        return "";
+    }
+    std::vector<std::string> texts;
+    for (const ObjectRecord &object : objects) texts.push_back(as_if_mounted(object.text));
+    const Outcome outcome = text_phase(snapshot.id, TextWork::take_down, texts);
+    return outcome.done ? "" : outcome.as_failure(ExitCode::left).what();
 }
 
 void Cycle::release(int64_t id) {
@@ -142,6 +177,15 @@ void Cycle::release(int64_t id) {
         failure.next = "nothing is left to do for it";
         throw failure;
     }
+    if (snapshot.state == State::restoring) {
+        // Establishing the mirrors would copy half restored originals over the only good copy.
+        Failure failure(Step::snapshot, ExitCode::usage,
+                        "snapshot " + std::to_string(id) +
+                            " is being restored, and its originals may be half written");
+        failure.next = "end the restore: fimctl restore " + std::to_string(id);
+        throw failure;
+    }
+    refuse_away(snapshot, "release", settings_.abandoned);
     if (snapshot.state == State::begun) {
         // Killed before the cut: its locks have ended with its process.
         catalogue_.set_state(id, State::failed);
@@ -177,7 +221,7 @@ void Cycle::end_release(const SnapshotRecord &snapshot, const Outcome &outcome) 
 
 void Cycle::release_by_text(const SnapshotRecord &snapshot) {
     catalogue_.set_state(snapshot.id, State::releasing);
-    end_release(snapshot, text_phase(snapshot.id, false, texts_of(snapshot)));
+    end_release(snapshot, text_phase(snapshot.id, TextWork::release, texts_of(snapshot)));
 }
 
 void Cycle::undo(const SnapshotRecord &snapshot) {
@@ -185,7 +229,7 @@ void Cycle::undo(const SnapshotRecord &snapshot) {
     job.method = settings_.method;
     job.config = resync_config(snapshot.config);
     for (const ObjectRecord &object : snapshot.objects) {
-        job.objects.push_back({object.source, object.fifs, false});
+        job.objects.push_back({object.source, object.fifs, object.is_volume()});
     }
     Worker worker([&job](Channel &channel) { run_undo_phase(job, channel); }, scratch(snapshot.id));
     end_release(snapshot, converse(worker, [](const Message &) {}));

@@ -44,4 +44,24 @@ std::vector<std::string> judge(const std::vector<PairRecord> &pairs,
     return reasons;
 }
 
+std::vector<std::string> judge_objects(const std::vector<ObjectRecord> &objects) {
+    std::set<std::string> copied_groups;
+    for (const ObjectRecord &object : objects) {
+        const CheckpointText text(object.text);
+        if (text.is_imported_group() && !text.pairs().empty()) {
+            copied_groups.insert(text.value("HDEF-vol_group"));
+        }
+    }
+    std::vector<std::string> reasons;
+    for (const ObjectRecord &object : objects) {
+        const CheckpointText text(object.text);
+        if (!text.pairs().empty()) continue;
+        if (text.is_imported_group() && copied_groups.contains(text.value("HDEF-vol_group"))) {
+            continue;
+        }
+        reasons.push_back(object.source + " names no pair: nothing of it was split");
+    }
+    return reasons;
+}
+
 }  // namespace fimctl

@@ -19,4 +19,9 @@ namespace fimctl {
 std::vector<std::string> judge(const std::vector<PairRecord> &pairs,
                                const std::vector<std::pair<std::string, std::string>> &split_list);
 
+// Why objects without pairs of their own make the copy void; empty when none does. The volumes of
+// an imported disk group share its devices, which the first one of them names; any other object
+// without pairs was not copied at all.
+std::vector<std::string> judge_objects(const std::vector<ObjectRecord> &objects);
+
 }  // namespace fimctl

@@ -28,8 +28,13 @@ struct FreezeJob {
     double deadline = 0;               // seconds
 };
 
+// What is done from the texts: bring the copies up; take them down; take them down and end the
+// snapshot on the array.
+enum class TextWork { mount, take_down, release };
+
 struct TextJob {
     std::string method;
+    TextWork work = TextWork::mount;
     std::vector<std::string> texts;
 };
 
@@ -39,10 +44,9 @@ void run_freeze_phase(const FreezeJob &job, Channel &channel);
 // For a snapshot that was cut, or may have been, and has no text: freezes the same objects again
 // with resynchronisation at start, and lets them go. What was split is established again.
 void run_undo_phase(const FreezeJob &job, Channel &channel);
-// Rebuild, volumes, and the changed record's checkpoint: {"object", "text", "copy"}.
-void run_mount_phase(const TextJob &job, Channel &channel);
-// Rebuild, thaw, and on the primary host thaw commit.
-void run_release_phase(const TextJob &job, Channel &channel);
+// Rebuild, and then: volumes and the changed record's checkpoint, {"object", "text", "copy"}; or
+// thaw; or thaw, and on the primary host thaw commit.
+void run_text_phase(const TextJob &job, Channel &channel);
 
 class Conversation {
   public:

@@ -31,7 +31,7 @@ class TextPhase {
             if (!trouble.empty()) {
                 throw Failure(Step::thaw, ExitCode::left, trouble, method.number());
             }
-            thaw_commit(method);
+            if (job_.work == TextWork::release) thaw_commit(method);
             talk_.done();
         });
     }
@@ -72,6 +72,8 @@ class TextPhase {
         if (!method.checkpoint(handles_[i], text)) {
             throw method_failure(method, Step::checkpoint);
         }
+        // The method reads the mark of the backup host, and never writes it.
+        if (CheckpointText(job_.texts[i]).is_target()) text = for_backup_host(text);
         talk_.ask({{"object", i}, {"text", text}, {"copy", copy}}, Step::checkpoint);
     }
 
@@ -105,12 +107,13 @@ class TextPhase {
 
 }  // namespace
 
-void run_mount_phase(const TextJob &job, Channel &channel) {
-    TextPhase(job, channel).mount();
-}
-
-void run_release_phase(const TextJob &job, Channel &channel) {
-    TextPhase(job, channel).release();
+void run_text_phase(const TextJob &job, Channel &channel) {
+    TextPhase phase(job, channel);
+    if (job.work == TextWork::mount) {
+        phase.mount();
+    } else {
+        phase.release();
+    }
 }
 
 }  // namespace fimctl

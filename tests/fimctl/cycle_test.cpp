@@ -49,7 +49,7 @@ TEST_F(Cycle, run_drives_the_whole_cycle_around_the_command) {
               "rebuild thaw thaw_commit");
     EXPECT_EQ(snapshot(1).state, State::released);
     EXPECT_EQ(array_state("00A1"), 2);
-    EXPECT_FALSE(test::exists("/var/lib/fimctl/mnt/1-1"));
+    EXPECT_FALSE(test::exists(copy_folder(1, 1)));
     EXPECT_FALSE(test::exists("/var/lib/fimctl/tmp/1"));
 }
 
@@ -93,7 +93,7 @@ TEST_F(Cycle, the_entry_points_are_prepared_before_the_first_freeze) {
     EXPECT_EQ(first[1], "query ");
     EXPECT_EQ(first[2], "set_locale ");
     EXPECT_EQ(first[3], "set_logf 0");
-    EXPECT_EQ(first[4], "freeze " + one_ + " fifs=/var/lib/fimctl/mnt/1-1 flag=1 config=(null)");
+    EXPECT_EQ(first[4], "freeze " + one_ + " fifs=" + copy_folder(1, 1) + " flag=1 config=(null)");
 }
 
 TEST_F(Cycle, the_configuration_string_goes_to_every_freeze) {
@@ -135,7 +135,7 @@ TEST_F(Cycle, a_failed_freeze_that_returns_a_handle_is_rolled_back_on_that_handl
                              "device below the path has a BCV"),
               std::string::npos);
     EXPECT_EQ(snapshot(1).state, State::failed);
-    EXPECT_FALSE(test::exists("/var/lib/fimctl/mnt/1-1"));
+    EXPECT_FALSE(test::exists(copy_folder(1, 1)));
 }
 
 TEST_F(Cycle, a_failed_freeze_without_a_handle_rolls_back_the_objects_frozen_before) {
@@ -204,13 +204,13 @@ TEST_F(Cycle, the_text_taken_after_volumes_is_the_one_to_thaw_with) {
     ASSERT_EQ(freeze().out, "1\n");
     const Ended mounted = fimctl({"mount", "1"});
     ASSERT_EQ(mounted.status, 0) << mounted.err;
-    EXPECT_EQ(mounted.out, "/var/lib/fimctl/mnt/1-1\n");
+    EXPECT_EQ(mounted.out, copy_folder(1, 1) + "\n");
     EXPECT_EQ(snapshot(1).state, State::mounted);
     ASSERT_EQ(fimctl({"release", "1"}).status, 0);
     const auto made = calls();
     EXPECT_NE(std::find(made.begin(), made.end(), "rebuild " + one_ + " is_mount=0"), made.end());
     EXPECT_NE(std::find(made.begin(), made.end(), "rebuild " + one_ + " is_mount=1"), made.end());
-    EXPECT_FALSE(test::exists("/var/lib/fimctl/mnt/1-1"));
+    EXPECT_FALSE(test::exists(copy_folder(1, 1)));
 }
 
 TEST_F(Cycle, a_snapshot_can_be_released_without_having_been_mounted) {
@@ -237,7 +237,7 @@ TEST_F(Cycle, a_failed_volumes_takes_the_copies_down_again_and_the_snapshot_stay
     EXPECT_TRUE(story().ends_with("rebuild rebuild volumes ckpt volumes thaw thaw")) << story();
     EXPECT_EQ(snapshot(1).state, State::frozen);
     EXPECT_EQ(snapshot(1).objects[0].mounted_text, "");
-    EXPECT_FALSE(test::exists("/var/lib/fimctl/mnt/1-1/copied"));
+    EXPECT_FALSE(test::exists(copy_folder(1, 1) + "/copied"));
     EXPECT_EQ(fimctl({"release", "1"}).status, 0);
 }
 
@@ -270,18 +270,18 @@ TEST_F(Cycle, a_thaw_that_fails_names_the_directory_that_is_in_use) {
     script("thaw 1 fail 0 ");
     ASSERT_EQ(freeze().status, 0);
     ASSERT_EQ(fimctl({"mount", "1"}).status, 0);
-    const char *copy = "/var/lib/fimctl/mnt/1-1";
-    ASSERT_EQ(mount("tmpfs", copy, "tmpfs", 0, nullptr), 0);
+    const std::string copy = copy_folder(1, 1);
+    ASSERT_EQ(mount("tmpfs", copy.c_str(), "tmpfs", 0, nullptr), 0);
     const Ended ended = fimctl({"release", "1"});
     EXPECT_EQ(ended.status, 3);
     EXPECT_NE(ended.err.find("step \"thaw\" failed: the method gave no message, only status 11"),
               std::string::npos)
         << ended.err;
-    EXPECT_NE(ended.err.find("next: end whatever uses the copy (fuser -vm " + std::string(copy) +
+    EXPECT_NE(ended.err.find("next: end whatever uses the copy (fuser -vm " + copy +
                              "), then: fimctl release 1"),
               std::string::npos)
         << ended.err;
-    EXPECT_EQ(umount(copy), 0);
+    EXPECT_EQ(umount(copy.c_str()), 0);
 }
 
 TEST_F(Cycle, a_failed_thaw_commit_of_a_run_leaves_something_to_clean) {
@@ -345,14 +345,14 @@ TEST_F(Cycle, a_command_that_cannot_be_found_costs_no_snapshot) {
 TEST_F(Cycle, several_copies_stand_in_the_place_of_one_argument) {
     const Ended ended =
         fimctl({"run", "--no-quiesce", one_, second(), "--", "echo", "from", "{}", "to=x"});
-    EXPECT_EQ(ended.out, "from /var/lib/fimctl/mnt/1-1 /var/lib/fimctl/mnt/1-2 to=x\n");
+    EXPECT_EQ(ended.out, "from " + copy_folder(1, 1) + " " + copy_folder(1, 2) + " to=x\n");
 }
 
 TEST_F(Cycle, a_path_below_the_mount_point_is_found_in_the_copy) {
     test::make_folders(one_ + "/projects/a");
     add_object(one_ + "/projects/a", 3, "000184500123", "00A5", "00B5");
     const Ended ended = fimctl({"run", "--no-quiesce", one_ + "/projects/a", "--", "echo", "{}"});
-    EXPECT_EQ(ended.out, "/var/lib/fimctl/mnt/1-1/projects/a\n") << ended.err;
+    EXPECT_EQ(ended.out, copy_folder(1, 1) + "/projects/a\n") << ended.err;
 }
 
 TEST_F(Cycle, an_object_whose_mirror_serves_a_copy_is_not_frozen_again) {
@@ -363,6 +363,38 @@ TEST_F(Cycle, an_object_whose_mirror_serves_a_copy_is_not_frozen_again) {
     EXPECT_NE(ended.err.find("next: end that one first: fimctl release 1"), std::string::npos);
     ASSERT_EQ(fimctl({"release", "1"}).status, 0);
     EXPECT_EQ(freeze().out, "2\n");
+}
+
+TEST_F(Cycle, of_two_commands_that_start_together_only_one_gets_an_object) {
+    // The look at what is held and the entry are one step: the other one sees it entered.
+    script("freeze * sleep 300");
+    const std::vector<std::string> words = {"freeze", "--no-quiesce", one_};
+    const std::vector<pid_t> both = {start(words), start(words)};
+    int good = 0;
+    for (const pid_t pid : both) {
+        const Ended ended = finish(pid);
+        if (ended.status == 0) {
+            ++good;
+            EXPECT_EQ(ended.out, "1\n");
+            continue;
+        }
+        EXPECT_EQ(ended.status, 2);
+        EXPECT_NE(ended.err.find("is held by snapshot 1 (begun)"), std::string::npos) << ended.err;
+    }
+    EXPECT_EQ(good, 1);
+    EXPECT_EQ(processes_of("freeze").size(), 1U);
+    EXPECT_EQ(snapshot(2).id, 0) << "the second one was never entered";
+}
+
+TEST_F(Cycle, a_copys_directory_bears_the_host_and_is_for_root_alone) {
+    // So that it collides with none on the backup host, whose own snapshots are numbered alike.
+    umask(022);
+    ASSERT_EQ(freeze().status, 0);
+    struct stat status = {};
+    ASSERT_EQ(stat(copy_folder(1, 1).c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0700U);
+    EXPECT_EQ(snapshot(1).objects[0].fifs, copy_folder(1, 1));
+    EXPECT_EQ(fimctl({"release", "1"}).status, 0);
 }
 
 TEST_F(Cycle, temporary_files_of_a_phase_go_with_it) {

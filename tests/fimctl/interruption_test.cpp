@@ -134,8 +134,8 @@ TEST_F(Interruption, a_snapshot_killed_while_it_mounts_is_unmounted_by_its_relea
     EXPECT_EQ(snapshot(1).state, State::mounting);
     test::write_file("/var/fake/script", "");
     EXPECT_EQ(fimctl({"release", "1"}).status, 0);
-    EXPECT_FALSE(test::exists("/var/lib/fimctl/mnt/1-1/copied"));
-    EXPECT_FALSE(test::exists("/var/lib/fimctl/mnt/1-1"));
+    EXPECT_FALSE(test::exists(copy_folder(1, 1) + "/copied"));
+    EXPECT_FALSE(test::exists(copy_folder(1, 1)));
 }
 
 TEST_F(Interruption, a_method_that_dies_in_the_freeze_leaves_nothing) {

@@ -2,6 +2,8 @@
 
 #include <fcntl.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -12,6 +14,7 @@
 #include <sstream>
 
 #include "fimctl/command_line.h"
+#include "fimctl/host.h"
 #include "fimctl/paths.h"
 #include "tests/fimctl/fake_method/script.h"
 #include "tests/support/private_root.h"
@@ -54,7 +57,8 @@ void FimctlWorld::SetUp() {
     fs::copy_file(FAKE_METHOD, fimctl::path::method_library);
     fs::copy_file(FAKE_SYMAPI, fimctl::path::array_library);
     write_file(fimctl::path::array_database, "");
-    for (const char *name : {"script", "calls", "array", "objects", "symapi"}) {
+    for (const char *name :
+         {"script", "calls", "array", "objects", "symapi", "volumes", "groups"}) {
         write_file(fake::folder + "/" + name, "");
     }
 }
@@ -80,6 +84,27 @@ void FimctlWorld::add_object(const std::string &source, int type, const std::str
                              const std::string &device, const std::string &bcv, long state) {
     append("objects", source + " " + std::to_string(type) + " " + symid + " " + device + " " + bcv);
     append("array", symid + " " + device + " " + bcv + " " + std::to_string(state));
+}
+
+std::string FimctlWorld::add_volume(const std::string &group, const std::string &volume,
+                                    const std::string &symid, const std::string &device,
+                                    const std::string &bcv, long state) {
+    const std::string path = fimctl::path::volume_folder + group + "/" + volume;
+    make_folders(fs::path(path).parent_path());
+    // Never opened: any numbers will do, as long as no two volumes have the same.
+    EXPECT_EQ(mknod(path.c_str(), S_IFBLK | 0600, makedev(240, ++volumes_)), 0) << path;
+    add_object(path, 2, symid, device, bcv, state);
+    append("volumes", path + " " + group + " " + volume);
+    return path;
+}
+
+std::vector<std::string> FimctlWorld::groups_up() const {
+    return fake::lines_of("groups");
+}
+
+std::string FimctlWorld::copy_folder(int64_t id, int number) const {
+    return state_ + "/mnt/" + fimctl::short_host_name() + "-" + std::to_string(id) + "-" +
+           std::to_string(number);
 }
 
 void FimctlWorld::script(const std::string &line) {

@@ -29,6 +29,10 @@ class FimctlWorld : public testing::Test {
                                 const std::string &device, const std::string &bcv, long state = 2);
     void add_object(const std::string &source, int type, const std::string &symid,
                     const std::string &device, const std::string &bcv, long state = 2);
+    // A block device /dev/qz/dsk/GROUP/VOLUME with one pair; returns its path.
+    std::string add_volume(const std::string &group, const std::string &volume,
+                           const std::string &symid, const std::string &device,
+                           const std::string &bcv, long state = 2);
     void script(const std::string &line);
     void array_fails(const std::string &call, int code);
 
@@ -46,8 +50,14 @@ class FimctlWorld : public testing::Test {
     long array_state(const std::string &device) const;
     fimctl::SnapshotRecord snapshot(int64_t id, const std::string &state_dir = "") const;
 
+    // The lines of the "groups" file: what is up.
+    std::vector<std::string> groups_up() const;
+    // Where the copy of an object of a snapshot is mounted when nothing else is said.
+    std::string copy_folder(int64_t id, int number) const;
+
     const std::string state_ = "/var/lib/fimctl";
     std::vector<std::string> mounted_;
+    unsigned volumes_ = 0;
 };
 
 bool wait_until_gone(pid_t pid);

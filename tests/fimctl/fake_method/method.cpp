@@ -29,6 +29,9 @@ struct hdef {
     int type = 3;
     bool is_mount = false, is_target = false, rebuilt = false;
     std::vector<FakePair> pairs;
+    // Of a volume.
+    std::string group, volume, clone, host, information;
+    bool dgimport = false;
 };
 
 namespace {
@@ -186,6 +189,94 @@ void find_pairs(hdef &object) {
     }
 }
 
+void find_volume(hdef &object, const char *config) {
+    for (const std::string &line : fake::lines_of("volumes")) {
+        std::istringstream words(line);
+        std::string source, group, volume;
+        words >> source >> group >> volume;
+        if (source != object.source) continue;
+        object.group = group;
+        object.volume = volume;
+        object.dgimport =
+            config != nullptr && strstr(config, "alternate_backup_client=") != nullptr;
+        char name[256] = "";
+        gethostname(name, sizeof name - 1);
+        object.host = std::string(name).substr(0, std::string(name).find('.'));
+    }
+}
+
+// Whether an object of this process listed the group before this one.
+bool listed_before(const hdef &object) {
+    for (const hdef *other : records) {
+        if (other == &object) return false;
+        if (!object.group.empty() && other->group == object.group) return true;
+    }
+    return false;
+}
+
+bool is_up(const std::string &clone, const std::string &volume) {
+    for (const std::string &line : fake::lines_of("groups")) {
+        if (line == clone + " " + volume) return true;
+    }
+    return false;
+}
+
+void take_down(const std::string &clone, const std::string &volume) {
+    const auto lines = fake::lines_of("groups");
+    std::ofstream out(fake::folder + "/groups", std::ios::trunc);
+    for (const std::string &line : lines) {
+        if (line != clone + " " + volume) out << line << "\n";
+    }
+    record("note", "down " + clone + " " + volume);
+}
+
+// Brings the copy of a volume's group up, once a group.
+int bring_up(hdef &object) {
+    object.clone = (object.host + "_" + object.group).substr(0, 25) + "_clone";
+    const std::string volume = object.dgimport ? "*" : object.volume;
+    if (object.dgimport && listed_before(object)) return 0;
+    if (!object.dgimport && !listed_before(object) && object.information.empty()) {
+        object.clone.clear();
+        return fail(11, "TimeFinder_volumes: no clone information");
+    }
+    if (is_up(object.clone, volume)) {
+        object.clone.clear();
+        return fail(11, "TimeFinder_volumes: the group is imported already");
+    }
+    std::ofstream(fake::folder + "/groups", std::ios::app) << object.clone << " " << volume << "\n";
+    record("note", "up " + object.clone + " " + volume);
+    return 0;
+}
+
+void let_go(const hdef &object) {
+    if (object.clone.empty()) return;
+    if (!object.dgimport) {
+        take_down(object.clone, object.volume);
+        return;
+    }
+    static std::map<std::string, int> thawed;
+    int members = 0;
+    for (const hdef *other : records) members += other->group == object.group ? 1 : 0;
+    if (++thawed[object.group] == members && is_up(object.clone, "*")) take_down(object.clone, "*");
+}
+
+std::string volume_lines(const hdef &object) {
+    std::ostringstream out;
+    out << "HDEF-is_vol=" << (object.group.empty() ? 0 : 1)
+        << "\nHDEF-vol_group=" << (object.group.empty() ? "__NOT_VOL__GRP__" : object.group)
+        << "\nHDEF-vol_name=" << object.volume << "\nHDEF-clone_group=" << object.clone
+        << "\nHDEF-primary_host=" << object.host << "\nHDEF-dgimport=" << object.dgimport << "\n";
+    if (object.group.empty() || object.dgimport || object.rebuilt || listed_before(object)) {
+        return out.str();
+    }
+    const std::string transfer = std::string(getenv("TMPDIR")) + "/EMCTX" + object.group;
+    std::ofstream(transfer) << "clone information of " << object.group << "\n";
+    record("note", "clone tool " + object.group);
+    out << "HDEF-CLONE_INFO_FILE=START\nTRANSFER_FILE=" << transfer
+        << "\nHDEF-CLONE_INFO_FILE=END\n";
+    return out.str();
+}
+
 std::string value_of(const std::string &line) {
     return line.substr(line.find('=') + 1);
 }
@@ -241,7 +332,8 @@ int32_t TimeFinder_freeze(const char *config, const char *source, const char *fi
     records.push_back(object);
     ++total;
     if (!take_lock()) return fail(3, "find_bcv_pair: Cannot get lock on device: /dev/p0");
-    find_pairs(*object);
+    find_volume(*object, config);
+    if (!object->dgimport || !listed_before(*object)) find_pairs(*object);
     return played.status;
 }
 
@@ -286,9 +378,9 @@ int32_t TimeFinder_ckpt(hdef *fih, char **text) {
     const Play played = play("ckpt", fih->source);
     if (played.status != 0) return played.status;
     std::ostringstream out;
-    out << "HDEF-is_mount=" << (fih->is_mount ? 1 : 0) << "\nHDEF-object_type=" << fih->type
-        << "\nHDEF-mount_point=" << fih->fifs << "\nHDEF-fs_path=" << fih->source
-        << "\nPRIM_MIR_INFO=START\n";
+    out << volume_lines(*fih) << "HDEF-is_mount=" << (fih->is_mount ? 1 : 0)
+        << "\nHDEF-object_type=" << fih->type << "\nHDEF-mount_point=" << fih->fifs
+        << "\nHDEF-fs_path=" << fih->source << "\nPRIM_MIR_INFO=START\n";
     for (const FakePair &pair : fih->pairs) {
         out << "PMINFO-symid=" << pair.symid << "\nPMINFO-dev_sym_devname=" << pair.device
             << "\nPMINFO-bcvdev_sym_devname=" << pair.bcv
@@ -304,8 +396,20 @@ int32_t TimeFinder_rebuild(hdef **fih, char *text) {
     object->rebuilt = true;
     *fih = object;
     FakePair pair;
+    bool in_clone = false;
     std::istringstream lines(text);
     for (std::string line; std::getline(lines, line);) {
+        if (line == "HDEF-CLONE_INFO_FILE=START") in_clone = true;
+        if (line == "HDEF-CLONE_INFO_FILE=END") in_clone = false;
+        if (in_clone && begins(line, "clone information")) object->information += line;
+        if (line == "HDEF-is_vol=1") object->group = "?";
+        if (begins(line, "HDEF-vol_group=") && !object->group.empty()) {
+            object->group = value_of(line);
+        }
+        if (begins(line, "HDEF-vol_name=")) object->volume = value_of(line);
+        if (begins(line, "HDEF-clone_group=")) object->clone = value_of(line);
+        if (begins(line, "HDEF-primary_host=")) object->host = value_of(line);
+        if (begins(line, "HDEF-dgimport=")) object->dgimport = value_of(line) == "1";
         if (begins(line, "HDEF-is_mount=")) object->is_mount = value_of(line) == "1";
         if (begins(line, "HDEF-is_tgt=")) object->is_target = value_of(line) == "1";
         if (begins(line, "HDEF-object_type=")) object->type = atoi(value_of(line).c_str());
@@ -318,7 +422,8 @@ int32_t TimeFinder_rebuild(hdef **fih, char *text) {
         if (line == "PRIM_MIR_INFO=NEXT") object->pairs.push_back(pair);
     }
     const Play played =
-        play("rebuild", object->source + " is_mount=" + (object->is_mount ? "1" : "0"));
+        play("rebuild", object->source + " is_mount=" + (object->is_mount ? "1" : "0") +
+                            (object->is_target ? " target" : ""));
     for (char *at = text; *at != '\0'; ++at) *at = *at == '\n' ? ' ' : *at;
     if (played.status != 0) return played.status;
     if (!object->is_target && !take_lock()) {
@@ -333,7 +438,17 @@ int32_t TimeFinder_volumes(hdef *fih, char *volpath, int32_t *nvols) {
     const Play played = play("volumes", fih->source);
     *nvols = 0;
     snprintf(volpath, TF_VOLPATH_SIZE, "/dev/sd-of%s", fih->source.c_str());
-    if (played.status != 0) return played.status;
+    if (!fih->group.empty()) {
+        const int status = bring_up(*fih);
+        if (status != 0) return status;
+        snprintf(volpath, TF_VOLPATH_SIZE, "/dev/qz/dsk/%s/%s", fih->clone.c_str(),
+                 fih->volume.c_str());
+    }
+    if (played.status != 0) {
+        // As when the volumes of a group that was imported cannot be started.
+        fih->clone.clear();
+        return played.status;
+    }
     if (fih->type == 3) {
         std::ofstream(mark_of(*fih)) << "copy of " << fih->source << "\n";
         fih->is_mount = true;
@@ -345,6 +460,7 @@ int32_t TimeFinder_thaw(hdef *fih) {
     const Play played = play("thaw", fih->source);
     if (played.status != 0) return played.status;
     if (fih->is_mount) unlink(mark_of(*fih).c_str());
+    let_go(*fih);
     return 0;
 }
 

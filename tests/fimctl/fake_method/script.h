@@ -9,6 +9,9 @@
 // calls: "PID CALL DETAIL" lines, in order.
 // array: "SYMID DEVICE BCV STATE" lines.
 // objects: "SOURCE TYPE SYMID DEVICE BCV" lines, one a pair.
+// volumes: "SOURCE GROUP VOLUME" lines, of the sources that are volumes. A configuration that names
+// an alternate backup client has their group imported, and its first object names all pairs.
+// groups: "CLONE VOLUME" lines, of what is up; VOLUME is "*" for an imported group.
 #pragma once
 
 #include <fstream>
