@@ -26,6 +26,7 @@ class CommandLine {
         add_copy_commands(commands_);
         add_catalogue_commands(commands_);
         add_configuration_commands(commands_);
+        add_inspection_commands(commands_);
     }
 
     // Everything behind the first "--" is the command of run, and none of our options.
@@ -78,6 +79,8 @@ int run_command_line(int argc, const char *const *argv) {
         line.perform();
     } catch (const CLI::ParseError &error) {
         return line.end(error) == 0 ? 0 : static_cast<int>(ExitCode::usage);
+    } catch (const Ended &end) {
+        return fflush(stdout) == 0 ? static_cast<int>(end.code) : static_cast<int>(ExitCode::failed);
     } catch (const Failure &failure) {
         fflush(stdout);
         tell(failure);

@@ -12,6 +12,8 @@ const char *name_of(Step step) {
         return "look up the snapshot";
     case Step::catalogue:
         return "keep the catalogue";
+    case Step::inspect:
+        return "look at the host";
     case Step::array:
         return "reach the array";
     case Step::load:

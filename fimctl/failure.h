@@ -27,6 +27,7 @@ enum class Step {
     check,          // look at the paths before anything is begun
     snapshot,       // find a snapshot that the command fits
     catalogue,      // keep the snapshot's state
+    inspect,        // look at the host
     array,          // reach the array for reading
     load,           // load the method
     freeze,
@@ -41,6 +42,11 @@ enum class Step {
     command,
     thaw,
     thaw_commit
+};
+
+// The end of a command that has said everything already: only its exit code is left to give.
+struct Ended {
+    ExitCode code;
 };
 
 const char *name_of(Step step);

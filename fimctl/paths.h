@@ -21,7 +21,23 @@ inline constexpr char scratch_folder[] = "tmp";
 // Where the method and the array library write while a snapshot is cut.
 inline constexpr char array_state[] = "/var/symapi/db";
 inline constexpr char host_lock_folder[] = "/usr/quill/tessera/online_util/fi_cntl";
+inline constexpr char host_lock_file[] =
+    "/usr/quill/tessera/online_util/fi_cntl/__LOCKFILE__TSR_ARRAY";
 inline constexpr char counter_folder[] = "/usr/quill/tessera/online_util/db_cntl";
+
+inline constexpr char array_root[] = "/var/symapi";
+inline constexpr char method_mount_table[] = "/etc/mtab";
+
+// The host product, and what the method runs.
+inline constexpr char product_root[] = "/usr/quill/tessera";
+inline constexpr char device_information_tool[] = "/usr/quill/tessera/bin/tqtpcinfo";
+inline constexpr char clone_tool[] = "/usr/quill/tessera/bin/tqdgclone";
+inline constexpr char clone_script[] = "/usr/quill/tessera/bin/tqdgclone_script";
+inline constexpr char disk_group_tool[] = "/usr/sbin/qzdg";
+inline constexpr char disk_tool[] = "/usr/sbin/qzdisk";
+inline constexpr char daemon_tool[] = "/usr/sbin/qzdctl";
+inline constexpr char volume_tool[] = "/usr/sbin/qzvol";
+inline constexpr char volume_set_tool[] = "/usr/sbin/qzvset";
 
 // Volumes of the volume manager are block devices below this folder, raw devices below that one.
 inline constexpr char volume_folder[] = "/dev/qz/dsk/";

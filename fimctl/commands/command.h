@@ -59,6 +59,7 @@ void add_freezing_commands(Commands &commands);       // run, freeze
 void add_copy_commands(Commands &commands);           // mount, release
 void add_catalogue_commands(Commands &commands);      // list, show
 void add_configuration_commands(Commands &commands);  // config
+void add_inspection_commands(Commands &commands);     // locks, doctor
 
 // Of the commands that take one: the number of a snapshot.
 void add_id(CLI::App *command, int64_t &id);

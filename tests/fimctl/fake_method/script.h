@@ -12,6 +12,9 @@
 // volumes: "SOURCE GROUP VOLUME" lines, of the sources that are volumes. A configuration that names
 // an alternate backup client has their group imported, and its first object names all pairs.
 // groups: "CLONE VOLUME" lines, of what is up; VOLUME is "*" for an imported group.
+// devices: "SYMID NAME PATH GROUP LABEL PORT..." lines, "-" for none: what a show call says.
+// version: the number that the array's library reports, when it is not 0x05000000.
+// conf: the entries of the host's configuration, one key a line.
 #pragma once
 
 #include <fstream>
@@ -43,6 +46,33 @@ inline std::vector<ArrayPair> read_array() {
         pairs.push_back(pair);
     }
     return pairs;
+}
+
+struct ArrayDevice {
+    std::string symid, name, path, group, label;
+    std::vector<std::string> ports;
+};
+
+inline std::vector<ArrayDevice> read_devices() {
+    std::vector<ArrayDevice> devices;
+    const auto plain = [](const std::string &word) { return word == "-" ? "" : word; };
+    for (const std::string &line : lines_of("devices")) {
+        ArrayDevice device;
+        std::istringstream words(line);
+        std::string path, group, label;
+        words >> device.symid >> device.name >> path >> group >> label;
+        device.path = plain(path);
+        device.group = plain(group);
+        device.label = plain(label);
+        for (std::string port; words >> port;) device.ports.push_back(port);
+        devices.push_back(device);
+    }
+    return devices;
+}
+
+inline unsigned long version() {
+    const auto lines = lines_of("version");
+    return lines.empty() ? 0x05000000 : std::stoul(lines.front(), nullptr, 0);
 }
 
 inline void write_array(const std::vector<ArrayPair> &pairs) {
