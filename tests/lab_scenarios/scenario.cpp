@@ -28,10 +28,12 @@ void Scenario::fill(const std::string &folder, const std::string &seed) {
 }
 
 void Scenario::change(const std::string &folder) {
-    host("cd " + folder +
-         " && yes changed | head -c 300000 | dd of=f1000000 bs=4k seek=7 conv=notrunc status=none"
-         " && truncate -s 100 f65537 && rm sub/deep/f4096 && mv f4095 sub/moved"
-         " && yes new | head -c 500000 >sub/new && echo more >>sub/deep/f1 && sync");
+    const std::string number = std::to_string(++changes_);
+    host("cd " + folder + " && yes changed" + number +
+         " | head -c 300000 | dd of=f1000000 bs=4k seek=7 conv=notrunc status=none"
+         " && truncate -s 100 f65537 && rm -f sub/deep/f4096 && mv f1 sub/moved && cp f4096 f1"
+         " && yes new | head -c 500000 >sub/new" +
+         number + " && echo more >>sub/deep/f1 && sync");
 }
 
 std::string Scenario::sums(const std::string &folder) {

@@ -21,7 +21,7 @@ class Scenario : public World {
     void make(const Source &source);
     // Files of many sizes, each with content of its own. What is told apart is the seed.
     void fill(const std::string &folder, const std::string &seed);
-    // Overwrites some files, cuts one, removes one and makes new ones.
+    // Overwrites some files, cuts, moves and removes one and makes new ones, each time others.
     void change(const std::string &folder);
     // The checksum of every file below a folder of the host that on() named.
     std::string sums(const std::string &folder);
@@ -52,6 +52,9 @@ class Scenario : public World {
                                   const std::string &config = "-");
     // Nothing is left on the host: no lock, temporary file or mount of a copy.
     void expect_nothing_left(const std::string &copy);
+
+  private:
+    int changes_ = 0;
 };
 
 void expect_all_succeed(const Phase &phase);
