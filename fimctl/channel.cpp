@@ -1,5 +1,6 @@
 #include "fimctl/channel.h"
 
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -37,7 +38,10 @@ std::optional<Message> Channel::decode() {
     return message;
 }
 
+// Whoever waits is woken every second, to look around.
 long Channel::read_some(void *data, size_t size) {
+    struct pollfd wanted = {fd_, POLLIN, 0};
+    if (poll(&wanted, 1, 1000) <= 0) return -1;
     const ssize_t done = read(fd_, data, size);
     if (done < 0 && errno == EINTR) return -1;
     return done < 0 ? 0 : done;

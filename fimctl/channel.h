@@ -17,9 +17,10 @@ class Channel {
 
     // False when the other end is gone.
     bool send(const Message &message);
-    // Nothing when the other end is gone. Calls interrupted() whenever a signal ends the wait.
-    template <typename Interrupted>
-    std::optional<Message> receive(Interrupted interrupted);
+    // Nothing when the other end is gone. Calls woken() whenever a signal, or a second
+    // gone by, ends the wait.
+    template <typename Woken>
+    std::optional<Message> receive(Woken woken);
     std::optional<Message> receive() {
         return receive([] {});
     }
@@ -30,7 +31,7 @@ class Channel {
     }
 
   private:
-    // Bytes read into data; 0 at the end, -1 when a signal came first.
+    // Bytes read into data; 0 at the end, -1 when there were none yet.
     long read_some(void *data, size_t size);
     std::optional<Message> decode();
 
@@ -38,15 +39,15 @@ class Channel {
     std::string pending_;  // what was read of the message that is on its way
 };
 
-template <typename Interrupted>
-std::optional<Message> Channel::receive(Interrupted interrupted) {
+template <typename Woken>
+std::optional<Message> Channel::receive(Woken woken) {
     for (;;) {
         if (auto message = decode()) return message;
         char data[4096];
         const long size = read_some(data, sizeof data);
         if (size == 0) return std::nullopt;
         if (size < 0) {
-            interrupted();
+            woken();
         } else {
             pending_.append(data, static_cast<size_t>(size));
         }

@@ -12,6 +12,7 @@
 
 #include "fimctl/failure.h"
 #include "fimctl/log.h"
+#include "fimctl/progress.h"
 #include "fimctl/signals.h"
 
 namespace fimctl {
@@ -74,6 +75,7 @@ bool can_be_run(const std::string &program) {
 int run_command(const std::vector<std::string> &command) {
     const pid_t parent = getpid();
     int dealt_with = signals::count();
+    progress::clear();
     const pid_t pid = fork();
     if (pid == 0) become(command, parent);
     if (pid < 0) {

@@ -11,6 +11,7 @@
 #include "fimctl/catalogue.h"
 #include "fimctl/failure.h"
 #include "fimctl/phase.h"
+#include "fimctl/progress.h"
 #include "fimctl/snapshot_lock.h"
 #include "fimctl/source.h"
 #include "fimctl/worker.h"
@@ -97,6 +98,7 @@ class Cycle {
     const Settings settings_;
     Catalogue &catalogue_;
     std::unique_ptr<SnapshotLock> lock_;
+    const progress::Line line_;
 };
 
 }  // namespace fimctl

@@ -116,7 +116,7 @@ Cycle::Outcome Cycle::text_phase(int64_t id, TextWork work, const std::vector<st
         const bool owned = outcome.failure != nullptr && outcome.failure->code == ExitCode::owned;
         if (!owned || Clock::now() >= end) return outcome;
         if (work == TextWork::mount && signals::raised() != 0) return outcome;
-        log::progress(std::string("waiting: ") + outcome.failure->what());
+        log::waiting(std::string("waiting: ") + outcome.failure->what());
         wait_a_second();
     }
 }

@@ -10,6 +10,8 @@
 #include <string_view>
 
 #include "fimctl/failure.h"
+#include "fimctl/progress.h"
+#include "fimctl/write_all.h"
 
 namespace fimctl::log {
 namespace {
@@ -18,16 +20,9 @@ Settings settings;
 int file = -1;
 int owner = 0;
 std::string subject;  // "snapshot 1: "
+Hand hand;
+pid_t hand_of = 0;
 std::vector<std::pair<std::string, std::string>> splits;
-
-void write_all(int fd, std::string_view text) {
-    while (!text.empty()) {
-        const ssize_t done = write(fd, text.data(), text.size());
-        if (done < 0 && errno == EINTR) continue;
-        if (done <= 0) return;
-        text.remove_prefix(static_cast<size_t>(done));
-    }
-}
 
 // One write a line: the phases are processes of their own and share the file.
 void to_file(const std::string &text) {
@@ -40,8 +35,19 @@ void to_file(const std::string &text) {
     write_all(file, stamp + std::to_string(getpid()) + " " + text + "\n");
 }
 
-void to_terminal(const std::string &text) {
-    write_all(STDERR_FILENO, "fimctl: " + text + "\n");
+constexpr char kind_phase[] = "phase";
+constexpr char kind_step[] = "step";
+constexpr char kind_count[] = "count";
+constexpr char kind_line[] = "line";
+
+// What is shown: here, or by the command that this process is a phase of. A child of a phase
+// inherits the hand, and must not speak in its parent's name.
+void tell(const std::string &kind, const std::string &text) {
+    if (hand && hand_of == getpid()) {
+        hand(kind, text);
+    } else if (!hand) {
+        show(kind, text);
+    }
 }
 
 void remember(const char *line) {
@@ -58,6 +64,7 @@ void remember(const char *line) {
 
 void set_up(const Settings &wanted) {
     settings = wanted;
+    progress::set_up(settings.quiet);
     if (file >= 0) close(file);
     file = -1;
     if (settings.file.empty()) return;
@@ -78,20 +85,35 @@ void about(long id) {
 
 void progress(const std::string &text) {
     to_file(subject + text);
-    if (!settings.quiet) to_terminal(subject + text);
+    tell(kind_step, subject + text);
+}
+
+void new_phase() {
+    tell(kind_phase, "");
+}
+
+void waiting(const std::string &text) {
+    to_file(subject + text);
+    progress::waiting(subject + text);
 }
 
 void problem(const std::string &text) {
     to_file(text);
-    to_terminal(text);
+    progress::write_line("fimctl: " + text);
+}
+
+void detail(const std::string &text) {
+    to_file(text);
+    if (settings.level > 0) tell(kind_line, text);
 }
 
 void method_line(const char *line) {
     remember(line);
     std::string text = line;
     while (!text.empty() && text.back() == '\n') text.pop_back();
+    if (progress::is_counted(line)) tell(kind_count, text);
     to_file(text);
-    if (settings.level > 0) to_terminal("method: " + text);
+    if (settings.level > 0) tell(kind_line, "method: " + text);
 }
 
 int other_owner() {
@@ -105,6 +127,18 @@ std::vector<std::pair<std::string, std::string>> split_list() {
 void forget() {
     owner = 0;
     splits.clear();
+}
+
+void hand_over(Hand wanted) {
+    hand = std::move(wanted);
+    hand_of = getpid();
+}
+
+void show(const std::string &kind, const std::string &text) {
+    if (kind == kind_phase) progress::new_phase();
+    if (kind == kind_step) progress::step(text);
+    if (kind == kind_count) progress::method_line(text.c_str());
+    if (kind == kind_line) progress::write_line("fimctl: " + text);
 }
 
 }  // namespace fimctl::log

@@ -3,6 +3,7 @@
 // command that reads the copy.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -21,9 +22,14 @@ int level();
 
 // The snapshot that progress is about from now on, in this process and those that it starts.
 void about(long id);
-// A line of progress, and a line that must be seen.
+// A phase begins, and the method counts anew.
+void new_phase();
+// A step that the work has come to; somebody else who must end first; a line that must be seen.
 void progress(const std::string &text);
+void waiting(const std::string &text);
 void problem(const std::string &text);
+// A line that is worth keeping, and worth showing to who asked for the method's lines.
+void detail(const std::string &text);
 
 // The sink that the method gets. Beside showing the line it remembers the two things that the
 // method says nowhere else: who owns the array's mirrors, and which pairs it has split.
@@ -31,5 +37,11 @@ void method_line(const char *line);
 int other_owner();  // process id, 0 when none was named since the last forget()
 std::vector<std::pair<std::string, std::string>> split_list();
 void forget();
+
+// In a phase: what is to be shown is handed over to the command, which alone writes on the
+// terminal. kind and text go into show() there.
+using Hand = std::function<void(const std::string &kind, const std::string &text)>;
+void hand_over(Hand hand);
+void show(const std::string &kind, const std::string &text);
 
 }  // namespace fimctl::log

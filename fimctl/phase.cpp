@@ -23,6 +23,10 @@ bool is_array_failure(const Method &method) {
 
 }  // namespace
 
+Conversation::Conversation(Channel &channel) : channel_(channel) {
+    log::new_phase();
+}
+
 void Conversation::step(Step step, int object) {
     log::progress(name_of(step) +
                   (object < 0 ? "" : " (object " + std::to_string(object + 1) + ")"));

@@ -1,9 +1,9 @@
 // The three phases of a snapshot, each the body of a process of its own, and how a phase talks with
 // the command that started it.
 //
-// A phase sends {"step"} before each call, and {"done"} or {"failed"} at its end. Every
-// other message is a result that the command keeps and answers with a "go": an answer of false, or
-// none, makes the phase roll back.
+// A phase sends {"step"} before each call, and {"done"} or {"failed"} at its end; {"show"} is for
+// the terminal, and the worker takes it out. Every other message is a result that the command keeps
+// and answers with a "go": an answer of false, or none, makes the phase roll back.
 #pragma once
 
 #include <string>
@@ -50,7 +50,7 @@ void run_text_phase(const TextJob &job, Channel &channel);
 
 class Conversation {
   public:
-    explicit Conversation(Channel &channel) : channel_(channel) {}
+    explicit Conversation(Channel &channel);
 
     // Tells the user and the command which call comes next; object -1 where it concerns none alone.
     void step(Step step, int object = -1);

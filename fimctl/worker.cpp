@@ -46,6 +46,9 @@ void make_scratch(const std::string &scratch) {
     int status = 0;
     try {
         Channel channel(fd);
+        log::hand_over([&channel](const std::string &kind, const std::string &text) {
+            channel.send({{"show", kind}, {"text", text}});
+        });
         body(channel);
     } catch (const std::exception &error) {
         log::problem(std::string("internal error: ") + error.what());
@@ -97,7 +100,14 @@ void Worker::hand_on() {
 
 std::optional<Message> Worker::receive() {
     hand_on();
-    return channel_.receive([this] { hand_on(); });
+    for (;;) {
+        auto message = channel_.receive([this] {
+            hand_on();
+            progress::tick();
+        });
+        if (!message || !message->contains("show")) return message;
+        log::show(message->at("show"), message->at("text"));
+    }
 }
 
 std::string Worker::reap() {

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "fimctl/channel.h"
+#include "fimctl/progress.h"
 
 namespace fimctl {
 
@@ -25,8 +26,9 @@ class Worker {
     Worker &operator=(const Worker &) = delete;
     ~Worker();
 
-    // The child's next message; nothing once it has ended. An interruption is handed on to the
-    // child, which ends at its next clean point; a second one kills it.
+    // The child's next message; nothing once it has ended. What it has to show is shown meanwhile.
+    // An interruption is handed on to the child, which ends at its next clean point; a second one
+    // kills it.
     std::optional<Message> receive();
     bool send(const Message &message) { return channel_.send(message); }
     // Waits for the end of the child. "" for a clean one, else how it ended.
@@ -40,6 +42,7 @@ class Worker {
     int seen_;           // signals that have been dealt with
     bool told_ = false;  // the child knows of one
     std::string scratch_;
+    progress::Line line_;
     Channel channel_;
 };
 
