@@ -241,6 +241,14 @@ int64_t Catalogue::set_exported(int64_t id) {
     return number.integer();
 }
 
+void Catalogue::take_export_back(int64_t id, const SnapshotRecord &before) {
+    Statement(database_, "UPDATE snapshot SET exported = ?, returned = ? WHERE id = ?")
+        .bind(before.exported)
+        .bind(before.returned)
+        .bind(id)
+        .step();
+}
+
 void Catalogue::set_returned(int64_t id) {
     Statement(database_,
               "UPDATE snapshot SET returned = strftime('%Y-%m-%dT%H:%M:%SZ', 'now') WHERE id = ?")

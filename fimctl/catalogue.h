@@ -126,6 +126,8 @@ class Catalogue {
     void clear_mounted(int64_t id);
     // Marks one as handed to another host and returns which export of it this is, from 1.
     int64_t set_exported(int64_t id);
+    // What the marks were before, for a document that never left; its number is used up.
+    void take_export_back(int64_t id, const SnapshotRecord &before);
     void set_returned(int64_t id);
     void set_returned_text(int64_t id, size_t object, const std::string &text);
     void set_pairs(int64_t id, size_t object, const std::vector<PairRecord> &pairs);

@@ -93,6 +93,14 @@ std::string for_backup_host(const std::string &text) {
     return "HDEF-is_tgt=1\n" + text;
 }
 
+std::string for_primary_host(const std::string &text) {
+    std::string made;
+    for (const std::string &line : lines_of(text)) {
+        if (!starts(line, "HDEF-is_tgt")) made += line + "\n";
+    }
+    return made;
+}
+
 std::string as_if_mounted(const std::string &text) {
     const CheckpointText parsed(text);
     std::string made = text;

@@ -41,6 +41,8 @@ std::string with_clone_information(const std::string &text);
 // The text with the mark of the alternate backup host. It stands first, since a record that is read
 // before the mark is taken for one of the primary host.
 std::string for_backup_host(const std::string &text);
+// The text without it.
+std::string for_primary_host(const std::string &text);
 
 // A text that was taken before the copy was mounted, for the release of a snapshot whose mount was
 // cut short: the record is told to unmount, and what its disk group was brought up as. The method

@@ -24,6 +24,7 @@ class CommandLine {
         commands_.configuration().add_options(&app_, Scope::every_command);
         add_freezing_commands(commands_);
         add_copy_commands(commands_);
+        add_travel_commands(commands_);
         add_catalogue_commands(commands_);
         add_configuration_commands(commands_);
         add_inspection_commands(commands_);

@@ -32,6 +32,8 @@ const char *name_of(Step step) {
         return "checkpoint";
     case Step::judge:
         return "judge the copy";
+    case Step::carry:
+        return "carry the snapshot";
     case Step::rebuild:
         return "rebuild";
     case Step::volumes:
@@ -97,6 +99,8 @@ std::string remedy_of(Step step, ExitCode code, long id) {
         return "check the copy by hand (run again with -v for the commands' output)";
     case Step::catalogue:
         return "see that the state folder can be written and has room, then try again";
+    case Step::carry:
+        return "see that the file can be written and read, then try again";
     case Step::states:
     case Step::checkpoint:
         return "run again with -vv for the method's lines";

@@ -37,6 +37,7 @@ enum class Step {
     commit,   // freeze commit
     checkpoint,
     judge,
+    carry,  // hand it to another host, take it in from one
     rebuild,
     volumes,
     command,

@@ -16,7 +16,7 @@ Catalogue catalogue_with(const Common &common, int64_t id) {
 }  // namespace
 
 void add_copy_commands(Commands &commands) {
-    const Common &common = commands.common();
+    Common &common = commands.common();
     const auto id = std::make_shared<int64_t>(0);
     CLI::App *mount = commands.add(
         "mount", "bring a snapshot's copy up; prints where", Access::working, [&common, id] {
@@ -29,6 +29,8 @@ void add_copy_commands(Commands &commands) {
         Catalogue catalogue = catalogue_with(common, *id);
         Cycle(common.settings, catalogue).release(*id);
     });
+    release->add_flag("--abandoned", common.settings.abandoned,
+                      "also one that was exported, when the backup host will never use it again");
     for (CLI::App *command : {mount, release}) add_id(command, *id);
 }
 
