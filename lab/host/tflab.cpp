@@ -1,4 +1,7 @@
 // tflab: starts worlds, starts hosts in them, runs commands in hosts.
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <unistd.h>
 
@@ -80,8 +83,27 @@ void furnish(const Start &start, const std::string &scenario) {
     if (!scenario.empty()) tflab::administer({"build", scenario});
 }
 
+// Whoever enters a mount namespace gets its root, not that of the process that made it. After a
+// chroot the commands of a host would work on the machine's own files.
+void require_whole_root() {
+    const auto root_mount = [] {
+        struct statx root = {};
+        if (statx(AT_FDCWD, "/", 0, STATX_MNT_ID, &root) != 0) tflab::fails("read the root");
+        return root.stx_mnt_id;
+    };
+    const int status = tflab::wait_for(tflab::fork_into(0, [&root_mount] {
+        const auto own = root_mount();
+        const tflab::Fd space = tflab::open_file("/proc/self/ns/mnt", O_RDONLY);
+        if (setns(space.get(), CLONE_NEWNS) != 0) return lab_failure;
+        return own == root_mount() ? 0 : 1;
+    }));
+    if (status == lab_failure) throw std::runtime_error("cannot tell whether the root is changed");
+    if (status != 0) throw std::runtime_error("a world cannot be started behind a chroot");
+}
+
 int in_new_world(const Start &start, const std::function<int()> &body) {
     if (geteuid() != 0) throw std::runtime_error("a world needs root");
+    require_whole_root();
     const std::string scenario =
         start.scenario.empty() ? "" : scenario_file(start.scenario).string();
     tflab::die_with_any_parent();

@@ -90,6 +90,15 @@ TEST_F(World, command_keeps_its_own_options_and_standard_input_needs_root) {
         "in\n--bare --\n");
 }
 
+// A host's commands would be at work on the machine's own files.
+TEST_F(World, is_not_started_behind_a_chroot_needs_root) {
+    const auto outcome = shell(
+        "exec unshare --mount --propagation private sh -c 'mount --rbind / /mnt &&"
+        " chroot /mnt " TF_BINARY_DIR "/bin/tflab run --bare -- echo started'");
+    EXPECT_EQ(outcome.status, 125);
+    EXPECT_EQ(outcome.output, "tflab: a world cannot be started behind a chroot\n");
+}
+
 TEST_F(World, processes_of_the_machine_are_out_of_sight_needs_root) {
     // The first process, and the shell that counts.
     EXPECT_EQ(shell("tflab run --bare -- sh -c 'set -- /proc/[0-9]*; echo $#' | tail -1").output,

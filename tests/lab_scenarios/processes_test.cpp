@@ -137,6 +137,37 @@ TEST_F(Processes, two_that_want_each_others_array_both_give_up_needs_root) {
     expect_a_snapshot(on_second, "/dev/sds");
 }
 
+// As operators do it. What is left of the first one's freeze is no hindrance while its command
+// runs; only whoever finds the other just then at the array is told so.
+TEST_F(Processes, two_backups_at_once_on_one_array_end_well_or_are_told_why_needs_root) {
+    make(on_first);
+    make(also_on_first);
+    host(
+        "export LD_PRELOAD=/usr/lib/tflab/libtflabsleep.so; cd /exchange;"
+        "for n in 1 2; do (fimctl -q run /data$n -- sh -c \"cmp /data$n/f65537 \\$1/f65537\" x {}"
+        " >said$n 2>&1; echo $? >status$n) & done; wait");
+    int good = 0;
+    for (const char *n : {"1", "2"}) {
+        const std::string status = saved(std::string("status") + n);
+        const std::string said = saved(std::string("said") + n);
+        if (status == "0\n") {
+            ++good;
+            EXPECT_EQ(said, "");
+        } else {
+            EXPECT_EQ(status, "11\n") << said;
+            EXPECT_NE(said.find("owns the array's mirrors"), std::string::npos) << said;
+        }
+    }
+    EXPECT_GE(good, 1);
+    expect_nothing_left("/var/lib/fimctl/mnt/.*");
+    array("clock advance 60");
+    for (const char *n : {"1", "2"})
+        host(
+            "LD_PRELOAD=/usr/lib/tflab/libtflabsleep.so"
+            " fimctl -q run /data" +
+            std::string(n) + " -- true");
+}
+
 void Processes::expect_taken_over(const Source &source, const std::string &mirror) {
     host("rm -f /tmp/QfMS* /tmp/EMCTX*");
     const Phase whole = expect_a_whole_snapshot(source, mirror);
