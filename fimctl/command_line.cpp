@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "fimctl/commands/command.h"
+#include "fimctl/hooks.h"
 
 namespace fimctl {
 namespace {
@@ -54,6 +55,8 @@ class CommandLine {
     // The chosen command. Throws Failure.
     void perform() { commands_.perform(); }
 
+    void failed(const Failure &failure) { tell_hooks_of_failure(common_.settings, failure); }
+
   private:
     Common common_;
     CLI::App app_;
@@ -81,10 +84,12 @@ int run_command_line(int argc, const char *const *argv) {
     } catch (const CLI::ParseError &error) {
         return line.end(error) == 0 ? 0 : static_cast<int>(ExitCode::usage);
     } catch (const Ended &end) {
-        return fflush(stdout) == 0 ? static_cast<int>(end.code) : static_cast<int>(ExitCode::failed);
+        return fflush(stdout) == 0 ? static_cast<int>(end.code)
+                                   : static_cast<int>(ExitCode::failed);
     } catch (const Failure &failure) {
         fflush(stdout);
         tell(failure);
+        line.failed(failure);
         return static_cast<int>(failure.code);
     }
     return fflush(stdout) == 0 ? 0 : static_cast<int>(ExitCode::failed);

@@ -79,6 +79,7 @@ class Cycle {
     static Outcome converse(Worker &worker, const Handle &handle);
     Outcome text_phase(int64_t id, TextWork work, const std::vector<std::string> &texts);
     std::string take_rest_down(const SnapshotRecord &snapshot);
+    void frozen_between_hooks(int64_t id, const FreezeJob &job);
     void freeze_phase(int64_t id, const FreezeJob &job);
     void keep_states_before(int64_t id, const Message &message);
     void end_freeze(int64_t id, const Outcome &outcome, const Cut &cut);

@@ -1,6 +1,7 @@
 // The first half of a snapshot's life: freeze, cut, judge.
 #include "fimctl/array_reader.h"
 #include "fimctl/cycle.h"
+#include "fimctl/hooks.h"
 #include "fimctl/judge.h"
 #include "fimctl/log.h"
 #include "fimctl/signals.h"
@@ -30,13 +31,25 @@ int64_t Cycle::freeze(const std::vector<std::string> &paths) {
     if (settings_.quiesce) job.quiesce = file_systems_of(sources);
     job.deadline = settings_.freeze_deadline;
     try {
-        freeze_phase(id, job);
+        frozen_between_hooks(id, job);
     } catch (Failure &failure) {
         failure.id = static_cast<long>(id);
         note(id, std::string(name_of(failure.step)) + ": " + failure.what());
         throw;
     }
     return id;
+}
+
+void Cycle::frozen_between_hooks(int64_t id, const FreezeJob &job) {
+    try {
+        HookedStep step(settings_, HookPhase::pre_freeze, known(id));
+        freeze_phase(id, job);
+        step.done(known(id));
+    } catch (const Failure &failure) {
+        // Stopped by a hook before anything was asked of the array.
+        if (failure.step == Step::hooks && known(id).state == State::begun) end_as_failed(id);
+        throw;
+    }
 }
 
 // The pairs are read and kept before the cut, and the snapshot is marked as being cut: from here on
@@ -63,9 +76,13 @@ void Cycle::keep_states_before(int64_t id, const Message &message) {
 
 void Cycle::freeze_phase(int64_t id, const FreezeJob &job) {
     Cut cut;
+    std::unique_ptr<HookedStep> split;
     Worker worker([&job](Channel &channel) { run_freeze_phase(job, channel); }, scratch(id));
     const Outcome outcome = converse(worker, [&](const Message &message) {
-        if (message.contains("pairs")) keep_states_before(id, message);
+        if (message.contains("pairs")) {
+            split = std::make_unique<HookedStep>(settings_, HookPhase::pre_split, known(id));
+            keep_states_before(id, message);
+        }
         if (message.contains("text")) {
             catalogue_.set_text(id, message.at("object").get<size_t>(), message.at("text"));
         }
@@ -77,7 +94,10 @@ void Cycle::freeze_phase(int64_t id, const FreezeJob &job) {
             cut.split_list.emplace_back(pair.at(0), pair.at(1));
         }
         catalogue_.set_cut(id, !job.quiesce.empty(), cut.frozen_ms);
+        split->done(known(id));
+        split.reset();
     });
+    split.reset();
     end_freeze(id, outcome, cut);
 }
 

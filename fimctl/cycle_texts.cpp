@@ -9,6 +9,7 @@
 
 #include "fimctl/away.h"
 #include "fimctl/cycle.h"
+#include "fimctl/hooks.h"
 #include "fimctl/log.h"
 #include "fimctl/signals.h"
 
@@ -128,10 +129,12 @@ std::vector<std::string> Cycle::mount(int64_t id) {
         throw not_to_be_mounted(snapshot);
     }
     refuse_away(snapshot, "mount", false);
+    HookedStep step(settings_, HookPhase::pre_mount, snapshot);
     catalogue_.set_state(id, State::mounting);
     const Outcome outcome = text_phase(id, TextWork::mount, texts_of(snapshot));
     if (outcome.done) {
         catalogue_.set_state(id, State::mounted);
+        step.done(known(id));
         std::vector<std::string> copies;
         for (const ObjectRecord &object : known(id).objects) copies.push_back(object.copy);
         return copies;
@@ -186,6 +189,7 @@ void Cycle::release(int64_t id) {
         throw failure;
     }
     refuse_away(snapshot, "release", settings_.abandoned);
+    HookedStep step(settings_, HookPhase::pre_release, snapshot);
     if (snapshot.state == State::begun) {
         // Killed before the cut: its locks have ended with its process.
         catalogue_.set_state(id, State::failed);
@@ -196,6 +200,7 @@ void Cycle::release(int64_t id) {
     } else {
         undo(snapshot);
     }
+    step.done(known(id));
 }
 
 // A release that did not get beyond its first step has changed nothing: the snapshot is as it was,

@@ -38,6 +38,8 @@ const char *name_of(Step step) {
         return "rebuild";
     case Step::volumes:
         return "volumes";
+    case Step::hooks:
+        return "run the hooks";
     case Step::command:
         return "run the command";
     case Step::thaw:
@@ -104,6 +106,8 @@ std::string remedy_of(Step step, ExitCode code, long id) {
     case Step::states:
     case Step::checkpoint:
         return "run again with -vv for the method's lines";
+    case Step::hooks:
+        return "see what the hook said (-v, or the log file); --hooks '' does without them";
     case Step::command:
         return "see what the command itself said, then run it again";
     default:

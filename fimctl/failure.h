@@ -40,6 +40,7 @@ enum class Step {
     carry,  // hand it to another host, take it in from one
     rebuild,
     volumes,
+    hooks,
     command,
     thaw,
     thaw_commit

@@ -12,6 +12,7 @@
 #include <toml++/toml.h>
 
 #include "fimctl/failure.h"
+#include "fimctl/hooks.h"
 #include "fimctl/paths.h"
 
 namespace fimctl {
@@ -19,9 +20,6 @@ namespace {
 
 constexpr char variable_prefix[] = "FIMCTL_";
 constexpr char file_variable[] = "FIMCTL_CONFIG_FILE";
-// What a hook is given; a hook may well call fimctl.
-constexpr const char *hook_variables[] = {"FIMCTL_PHASE",  "FIMCTL_SNAPSHOT", "FIMCTL_PATHS",
-                                          "FIMCTL_COPIES", "FIMCTL_RESULT",   "FIMCTL_FAILURE"};
 
 Failure wrong(const std::string &where, const std::string &text) {
     return Failure(Step::configuration, ExitCode::usage, where + ": " + text);
@@ -238,7 +236,8 @@ std::vector<std::string> Configuration::unknown_variables() {
         for (const Setting &setting : all_settings()) {
             known = known || name == environment_name_of(setting);
         }
-        for (const char *variable : hook_variables) known = known || name == variable;
+        // A hook may well call fimctl.
+        for (const char *variable : hook_variables()) known = known || name == variable;
         if (!known) unknown.push_back(name);
     }
     return unknown;
