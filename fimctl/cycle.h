@@ -32,6 +32,9 @@ struct Settings {
     bool abandoned = false;   // release what another host was given and never returned
 };
 
+// Where a snapshot writes while file systems are frozen.
+std::vector<WrittenPlace> written_places(const Settings &settings);
+
 class Cycle {
   public:
     Cycle(const Settings &settings, Catalogue &catalogue);

@@ -68,6 +68,8 @@ std::string mount_folder(const std::string &mount_at, size_t number, size_t coun
     return count > 1 ? folder + "/" + std::to_string(number + 1) : folder;
 }
 
+}  // namespace
+
 std::vector<WrittenPlace> written_places(const Settings &settings) {
     const char *temporary = getenv("TMPDIR");
     std::vector<WrittenPlace> places = {
@@ -79,8 +81,6 @@ std::vector<WrittenPlace> written_places(const Settings &settings) {
     if (!settings.log_file.empty()) places.push_back({"the log file", settings.log_file});
     return places;
 }
-
-}  // namespace
 
 std::vector<Source> Cycle::check(const std::vector<std::string> &paths) {
     auto sources = look_at_sources(paths);

@@ -60,7 +60,7 @@ void add_copy_commands(Commands &commands);           // mount, release
 void add_travel_commands(Commands &commands);         // export, import
 void add_catalogue_commands(Commands &commands);      // list, show
 void add_configuration_commands(Commands &commands);  // config
-void add_inspection_commands(Commands &commands);     // locks, doctor
+void add_inspection_commands(Commands &commands);     // locks, doctor, plan
 
 // Of the commands that take one: the number of a snapshot.
 void add_id(CLI::App *command, int64_t &id);
