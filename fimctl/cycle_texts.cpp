@@ -71,7 +71,7 @@ std::string remedy_of_thaw(const SnapshotRecord &snapshot) {
     for (const ObjectRecord &object : snapshot.objects) {
         if (is_mount_point(object.fifs)) directories += " " + object.fifs;
         // A device that is read through no mount point, and stops its disk group from being let go.
-        if (object.is_volume() && !is_mount_point(object.fifs) && !object.copy.empty() &&
+        if (object.is_volume() && object.kind != "file system" && !object.copy.empty() &&
             access(object.copy.c_str(), F_OK) == 0) {
             directories += " " + object.copy;
         }
@@ -143,8 +143,9 @@ std::vector<std::string> Cycle::mount(int64_t id) {
     failure.id = static_cast<long>(id);
     note(id, std::string(name_of(failure.step)) + ": " + failure.what());
     if (outcome.died()) throw failure;
+    const bool begun = failure.step != Step::load && failure.step != Step::rebuild;
     const std::string trouble =
-        outcome.trouble.empty() ? take_rest_down(known(id)) : outcome.trouble;
+        outcome.trouble.empty() && begun ? take_rest_down(known(id)) : outcome.trouble;
     if (trouble.empty()) {
         catalogue_.clear_mounted(id);
         catalogue_.set_state(id, State::frozen);

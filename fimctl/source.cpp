@@ -179,10 +179,12 @@ void refuse_doubles(const std::vector<Source> &sources) {
             if (sources[i].kind != sources[k].kind || sources[i].device != sources[k].device) {
                 continue;
             }
-            throw unusable(sources[k].path + " and " + sources[i].path +
-                           (sources[i].kind == SourceKind::file_system
-                                ? " lie on one file system; name it once"
-                                : " are one device; name it once"));
+            Failure failure =
+                unusable(sources[k].path + " and " + sources[i].path +
+                         (sources[i].kind == SourceKind::file_system ? " lie on one file system"
+                                                                     : " are one device"));
+            failure.next = "name it once, then try again";
+            throw failure;
         }
     }
 }
