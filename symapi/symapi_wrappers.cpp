@@ -1,5 +1,6 @@
 #include "symapi/symapi_wrappers.h"
 
+#include <algorithm>
 #include <type_traits>
 
 #define TF_SYMAPI_FUNCTION(mask, name) decltype(&name) p_emc_tf_##name;
@@ -16,6 +17,40 @@ constexpr char text_not_loaded[] = "unknown";
 template <class... Parameters>
 int call(int (*function)(Parameters...), std::type_identity_t<Parameters>... arguments) {
     return function != nullptr ? function(arguments...) : symapi_not_loaded;
+}
+
+template <size_t N>
+void terminate(char (&text)[N]) {
+    text[N - 1] = '\0';
+}
+
+void bound(SymBcvInfo &entry) {
+    terminate(entry.dev_serial_id);
+    terminate(entry.dev_sym_devname);
+    terminate(entry.dev_dgname);
+    terminate(entry.bcvdev_serial_id);
+    terminate(entry.bcvdev_sym_devname);
+    terminate(entry.bcvdev_dgname);
+}
+
+// A record is believed as far as its own bounds reach: every text of it gets an end, and no list is
+// longer than it can be. Whoever reads a record need not think of it, then.
+int bounded(int code, SymDevice *device) {
+    if (code != 0 || device == nullptr) return code;
+    terminate(device->vendor_id);
+    terminate(device->product_id);
+    terminate(device->product_rev);
+    terminate(device->symid);
+    terminate(device->device_serial_id);
+    terminate(device->sym_devname);
+    terminate(device->pdevname);
+    terminate(device->dgname);
+    terminate(device->ldevname);
+    device->bcv_count = std::clamp<int32_t>(device->bcv_count, 0, SYM_MAX_BCVS);
+    for (SymBcvInfo &entry : device->bcvs) bound(entry);
+    device->port_count = std::clamp<int32_t>(device->port_count, 0, SYM_MAX_PORTS);
+    for (auto &port : device->ports) terminate(port);
+    return code;
 }
 
 }  // namespace
@@ -54,12 +89,12 @@ int emc_tf_SymPrefsSet(int32_t session, int preference, int value) {
 }
 
 int emc_tf_SymPdevShow(int32_t session, const char *pdevname, SymDevice *device) {
-    return call(p_emc_tf_SymPdevShow, session, pdevname, device);
+    return bounded(call(p_emc_tf_SymPdevShow, session, pdevname, device), device);
 }
 
 int emc_tf_SymDevShow(int32_t session, const char *symid, const char *sym_devname,
                       SymDevice *device) {
-    return call(p_emc_tf_SymDevShow, session, symid, sym_devname, device);
+    return bounded(call(p_emc_tf_SymDevShow, session, symid, sym_devname, device), device);
 }
 
 int emc_tf_SymDevSync(int32_t session, const char *symid, const char *sym_devname, int scope,

@@ -3,6 +3,9 @@
 // answers 14, or the text "unknown", without a message: an installation that lacks a function
 // degrades into an ordinary failed call.
 //
+// The record of a show call that succeeded is bounded on its way: texts without an end get one,
+// counts beyond their lists are cut. The library's word is taken for everything else.
+//
 // The slots behind them are the seam at which tests put their fakes.
 #pragma once
 

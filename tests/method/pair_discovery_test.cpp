@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <cstring>
 #include <filesystem>
 
 #include "method/pair_index.h"
@@ -349,6 +350,50 @@ TEST_F(PairDiscovery, long_names_are_cut_to_the_record) {
     tf::put(primary->record.bcvs[0].dev_sym_devname, "00A1LONG");
     EXPECT_EQ(discover(), 0);
     EXPECT_STREQ(pm->dev_sym_devname, "00A1");
+}
+
+// Fills the whole field, without an end.
+template <size_t N>
+void fill(char (&field)[N], char with) {
+    memset(field, with, N);
+}
+
+TEST_F(PairDiscovery, texts_of_the_array_without_an_end_are_bounded) {
+    fill(primary->record.dgname, 'D');
+    fill(primary->record.bcvs[0].dev_dgname, 'D');
+    fill(primary->record.bcvs[0].bcvdev_dgname, 'D');
+    fill(bcv->record.dgname, 'D');
+    fill(bcv->record.product_id, 'P');
+    EXPECT_EQ(discover(), 0);
+    EXPECT_STREQ(pm->bcvdev_sym_devname, "00B1");
+    EXPECT_TRUE(logged("\tdgname=" + std::string(63, 'D')));
+    EXPECT_TRUE(logged("\tproduct_id=" + std::string(31, 'P')));
+}
+
+TEST_F(PairDiscovery, a_last_port_without_an_end_is_bounded) {
+    bcv->record.port_count = 1000;
+    fill(bcv->record.ports[SYM_MAX_PORTS - 1], 'p');
+    EXPECT_EQ(discover(), 0);
+    EXPECT_TRUE(logged("\talternate port=" + std::string(47, 'p')));
+    EXPECT_EQ(bcv_paths(), "/dev/sdq /dev/sdq /dev/sdq");
+}
+
+TEST_F(PairDiscovery, an_empty_record_with_success_has_no_bcv) {
+    const std::string path = primary->record.pdevname;
+    primary->record = {};
+    tf::put(primary->record.pdevname, path.c_str());
+    EXPECT_EQ(discover(), 11);
+    EXPECT_EQ(errnum, 10);
+}
+
+TEST_F(PairDiscovery, an_empty_mirror_with_success_is_one_that_this_host_does_not_see) {
+    // The third show of the mirror is the one that asks for its path.
+    int shows = 0;
+    array.on_call = [&](const std::string &line) {
+        if (line.starts_with("SymDevShow ") && ++shows == 3) bcv->record = {};
+    };
+    EXPECT_EQ(discover(), 0);
+    EXPECT_EQ(bcv_paths(), "/dev/sdX /dev/sdX /dev/sdX");
 }
 
 class HostPaths : public test::Method {};

@@ -1,3 +1,5 @@
+#include <cstring>
+
 #include "tests/symapi/symapi_fixture.h"
 
 namespace test {
@@ -91,6 +93,84 @@ TEST_F(Wrappers, the_show_and_sync_calls_pass_their_arguments_on_and_return_the_
     EXPECT_EQ(emc_tf_SymDgShow(1, text_a, &block), 215);
     p_emc_tf_SymSync = [](int32_t a, int b) { return a == 1 && b == 2 ? 216 : 0; };
     EXPECT_EQ(emc_tf_SymSync(1, 2), 216);
+}
+
+// A record in which every text fills its field without an end, and every count is the same.
+SymDevice record_without_ends(int32_t count) {
+    SymDevice lie;
+    memset(&lie, 'x', sizeof lie);
+    lie.bcv_count = lie.port_count = count;
+    return lie;
+}
+
+SymDevice shown;
+
+void expect_bounded(const SymDevice &d) {
+    EXPECT_EQ(std::string(d.vendor_id), std::string(15, 'x'));
+    EXPECT_EQ(std::string(d.product_id), std::string(31, 'x'));
+    EXPECT_EQ(std::string(d.product_rev), std::string(15, 'x'));
+    EXPECT_EQ(std::string(d.symid), std::string(12, 'x'));
+    EXPECT_EQ(std::string(d.device_serial_id), std::string(15, 'x'));
+    EXPECT_EQ(std::string(d.sym_devname), std::string(15, 'x'));
+    EXPECT_EQ(std::string(d.pdevname), std::string(47, 'x'));
+    EXPECT_EQ(std::string(d.dgname), std::string(63, 'x'));
+    EXPECT_EQ(std::string(d.ldevname), std::string(63, 'x'));
+    for (const SymBcvInfo &entry : d.bcvs) {
+        EXPECT_EQ(std::string(entry.dev_serial_id), std::string(12, 'x'));
+        EXPECT_EQ(std::string(entry.dev_sym_devname), std::string(15, 'x'));
+        EXPECT_EQ(std::string(entry.dev_dgname), std::string(63, 'x'));
+        EXPECT_EQ(std::string(entry.bcvdev_serial_id), std::string(12, 'x'));
+        EXPECT_EQ(std::string(entry.bcvdev_sym_devname), std::string(15, 'x'));
+        EXPECT_EQ(std::string(entry.bcvdev_dgname), std::string(63, 'x'));
+    }
+    for (const auto &port : d.ports) EXPECT_EQ(std::string(port), std::string(47, 'x'));
+}
+
+TEST_F(Wrappers, a_text_without_an_end_gets_one) {
+    p_emc_tf_SymPdevShow = [](int32_t, const char *, SymDevice *c) {
+        *c = record_without_ends(3);
+        return 0;
+    };
+    p_emc_tf_SymDevShow = [](int32_t, const char *, const char *, SymDevice *d) {
+        *d = record_without_ends(3);
+        return 0;
+    };
+    EXPECT_EQ(emc_tf_SymPdevShow(1, text_a, &shown), 0);
+    expect_bounded(shown);
+    EXPECT_EQ(shown.bcv_count, 3);
+    EXPECT_EQ(shown.port_count, 3);
+    shown = {};
+    EXPECT_EQ(emc_tf_SymDevShow(1, text_a, text_b, &shown), 0);
+    expect_bounded(shown);
+    EXPECT_EQ(shown.bcv_count, 3);
+    EXPECT_EQ(shown.port_count, 3);
+}
+
+TEST_F(Wrappers, counts_beyond_their_lists_are_cut) {
+    p_emc_tf_SymPdevShow = [](int32_t, const char *, SymDevice *c) {
+        *c = record_without_ends(17);
+        return 0;
+    };
+    p_emc_tf_SymDevShow = [](int32_t, const char *, const char *, SymDevice *d) {
+        *d = record_without_ends(-1);
+        return 0;
+    };
+    EXPECT_EQ(emc_tf_SymPdevShow(1, text_a, &shown), 0);
+    EXPECT_EQ(shown.bcv_count, SYM_MAX_BCVS);
+    EXPECT_EQ(shown.port_count, SYM_MAX_PORTS);
+    EXPECT_EQ(emc_tf_SymDevShow(1, text_a, text_b, &shown), 0);
+    EXPECT_EQ(shown.bcv_count, 0);
+    EXPECT_EQ(shown.port_count, 0);
+}
+
+TEST_F(Wrappers, the_record_of_a_show_that_failed_is_left_alone) {
+    p_emc_tf_SymPdevShow = [](int32_t, const char *, SymDevice *) { return 28; };
+    p_emc_tf_SymDevShow = [](int32_t, const char *, const char *, SymDevice *) { return 28; };
+    shown = record_without_ends(17);
+    EXPECT_EQ(emc_tf_SymPdevShow(1, text_a, &shown), 28);
+    EXPECT_EQ(emc_tf_SymDevShow(1, text_a, text_b, &shown), 28);
+    EXPECT_EQ(shown.bcv_count, 17);
+    EXPECT_EQ(shown.symid[12], 'x');
 }
 
 TEST_F(Wrappers, the_control_calls_pass_their_arguments_on_and_return_the_result) {
