@@ -27,13 +27,17 @@ constexpr size_t device_name_size = 1024;
 // for one to pay. Without memory for the index the list is searched from end to end instead.
 class MountCache {
   public:
-    ~MountCache() {
+    ~MountCache() { clear(); }
+
+    void clear() {
         while (mnttab_cached_list != nullptr) {
             mnttab_node *const node = mnttab_cached_list;
             mnttab_cached_list = node->next;
             free(node);
         }
         free(buckets_);
+        buckets_ = nullptr;
+        bucket_count_ = nodes_ = 0;
         mnttab_cached = 0;
     }
 
@@ -203,6 +207,10 @@ void copy_single_slashes(char *out, const char *name) {
 }
 
 }  // namespace
+
+void tf::clear_mount_cache() {
+    cache.clear();
+}
 
 int32_t ol_devtomp_find(uint64_t dev, char *dir, size_t dir_size, char *name, size_t name_size,
                         char *type, size_t type_size) {

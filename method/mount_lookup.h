@@ -35,3 +35,11 @@ int32_t emc_tf__devtomp(uint64_t dev, char *dir, size_t dir_size, char *name, si
 // Returns 0, or 11 after a report.
 int32_t emc_tf__find_mount_device(const char *path, char *device, size_t device_size, char *type,
                                   size_t type_size, char *dir, size_t dir_size);
+
+namespace tf {
+
+// Frees the cache, so that the next look-up reads the table again; runs when the library is
+// unloaded.
+void clear_mount_cache();
+
+}  // namespace tf

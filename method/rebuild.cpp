@@ -47,7 +47,8 @@ struct RebuiltObject {
 // They stay valid until the library is unloaded, and go then together with their files.
 class UnlistedRecords {
   public:
-    ~UnlistedRecords() {
+    ~UnlistedRecords() { free_all(); }
+    void free_all() {
         while (first_ != nullptr) {
             RebuiltObject *object = first_;
             first_ = object->next_unlisted;
@@ -243,6 +244,10 @@ int32_t rebuild_object(Rebuild *rebuild, hdef **fih, char *text) {
 }
 
 }  // namespace
+
+void tf::free_failed_rebuilds() {
+    unlisted_records.free_all();
+}
 
 int32_t TimeFinder_rebuild(hdef **fih, char *text) {
     if (fih == nullptr) {

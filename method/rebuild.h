@@ -1,4 +1,5 @@
-// Rebuilding one device record from the fields that a checkpoint text carries.
+// Rebuilding one device record from the fields that a checkpoint text carries, and the end of what
+// failed rebuilds left.
 #pragma once
 
 #include <cstdint>
@@ -14,5 +15,8 @@ inline constexpr char rebuild_reporter[] = "TimeFinder_rebuild";
 // visible primary and makes the mirror known to the volume manager. h's is_tgt and dgimport are
 // those read so far. Returns 0, or 11 after a report.
 int32_t derive_device_paths(const hdef *h, prim_mir_info *pm);
+// Frees the records of rebuilds that failed, with their files; runs when the library is unloaded.
+// No handle of such a record may be used afterwards.
+void free_failed_rebuilds();
 
 }  // namespace tf
