@@ -31,7 +31,7 @@ target_compile_options(tf_shipped INTERFACE
 # A unique symbol would pin the library in memory after dlclose.
 target_compile_options(tf_shipped INTERFACE
   $<$<CXX_COMPILER_ID:GNU>:-fno-gnu-unique>)
-if(NOT TF_SANITIZE AND NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
+if(NOT TF_SANITIZE AND NOT TF_FUZZ AND NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
   target_compile_definitions(tf_shipped INTERFACE _FORTIFY_SOURCE=2)
 endif()
 # "-z nodlopen" is left out: the framework loads the method with dlopen.
@@ -41,6 +41,12 @@ set(TF_SHIPPED_LINK_OPTIONS
 if(TF_SANITIZE)
   # The vptr check opens a pipe of its own, which tests with no descriptor left cannot give it.
   add_compile_options(-fsanitize=address,undefined -fno-sanitize=vptr -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
+endif()
+if(TF_FUZZ)
+  # vptr and function need the run-time types that the shipped code is compiled without.
+  add_compile_options(-fsanitize=address,undefined,fuzzer-no-link -fno-sanitize=vptr,function
+    -fno-sanitize-recover=all -fno-omit-frame-pointer)
   add_link_options(-fsanitize=address,undefined)
 endif()
 if(TF_COVERAGE)
