@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <set>
+#include <unordered_map>
 
 namespace qz {
 namespace {
@@ -9,7 +10,11 @@ namespace {
 class Chooser {
   public:
     Chooser(const std::vector<Candidate> &candidates, const std::string &name)
-        : candidates_(candidates), name_(name) {}
+        : candidates_(candidates), name_(name) {
+        for (const Candidate &one : candidates) {
+            if (is_free(one)) by_disk_[one.found.region.disk_id].push_back(&one);
+        }
+    }
 
     Choice choose() {
         const std::string id = only_id();
@@ -61,18 +66,16 @@ class Chooser {
 
     const Candidate &last_online(const std::string &id, const GroupDisk &disk,
                                  Notices *notices) const {
-        const auto is_it = [&](const Candidate &one) {
-            return is_free(one) && one.found.region.group.id == id &&
-                   one.found.region.disk_id == disk.id;
-        };
-        std::vector<const Candidate *> all;
-        for (const Candidate &one : candidates_) {
-            if (is_it(one) && carries(one)) all.push_back(&one);
+        std::vector<const Candidate *> all, renamed;
+        const auto found = by_disk_.find(disk.id);
+        if (found != by_disk_.end()) {
+            for (const Candidate *one : found->second) {
+                if (one->found.region.group.id != id) continue;
+                (carries(*one) ? all : renamed).push_back(one);
+            }
         }
         // After an interrupted change of the group's name some still have the other one.
-        for (const Candidate &one : candidates_) {
-            if (all.empty() && is_it(one)) all.push_back(&one);
-        }
+        if (all.empty()) all = renamed;
         if (all.empty()) {
             throw Error("disk " + disk.name + " (id " + disk.id + ") of group " + name_ +
                         " is missing: no disk that is online here and free carries it" +
@@ -103,6 +106,7 @@ class Chooser {
 
     const std::vector<Candidate> &candidates_;
     const std::string &name_;
+    std::unordered_map<std::string, std::vector<const Candidate *>> by_disk_;
 };
 
 }  // namespace

@@ -41,13 +41,6 @@ std::string name_of(const std::string &path) {
     return fs::path(path).filename();
 }
 
-bool is_called(const Disk &disk, const std::string &name) {
-    return disk.raw == name ||
-           std::any_of(disk.paths.begin(), disk.paths.end(), [&name](const std::string &path) {
-               return path == name || name_of(path) == name;
-           });
-}
-
 // The path under which the disk is known; null when it is not defined.
 const std::string *known_path(const State &state, const Disk &disk) {
     const auto found =
@@ -57,13 +50,9 @@ const std::string *known_path(const State &state, const Disk &disk) {
 }
 
 void refuse_imported(const State &state, const Disk &disk) {
-    for (const auto &[name, group] : state.groups) {
-        for (const std::string &path : group.disks) {
-            if (is_called(disk, path)) {
-                throw Error("disk " + disk.name + " belongs to group " + name +
-                            ", which is imported here; deport that first");
-            }
-        }
+    if (const std::string group = Taken(state).by(disk); !group.empty()) {
+        throw Error("disk " + disk.name + " belongs to group " + group +
+                    ", which is imported here; deport that first");
     }
 }
 
@@ -78,6 +67,20 @@ KnownDisk &defined(State *state, const Disk &disk) {
 
 }  // namespace
 
+void Disks::add(const std::string &path, const std::string &raw, dev_t device) {
+    const auto [found, is_new] = by_device_.emplace(device, disks_.size());
+    if (is_new) {
+        Disk disk;
+        disk.device = device;
+        disk.name = name_of(path);
+        disk.block = path;
+        disk.raw = raw;
+        disks_.push_back(std::move(disk));
+    }
+    disks_[found->second].paths.push_back(path);
+    for (const std::string &name : {path, raw, name_of(path)}) index(name, found->second);
+}
+
 Disks Disks::scan(const State &state) {
     Disks found;
     for (const Place &place : places) {
@@ -85,23 +88,9 @@ Disks Disks::scan(const State &state) {
             const std::string path = std::string(place.folder) + "/" + name;
             struct stat status = {};
             if (stat(path.c_str(), &status) != 0 || !S_ISBLK(status.st_mode)) continue;
-            const auto same =
-                std::find_if(found.disks_.begin(), found.disks_.end(),
-                             [&status](const Disk &disk) { return disk.device == status.st_rdev; });
-            if (same != found.disks_.end()) {
-                same->paths.push_back(path);
-                continue;
-            }
-            Disk disk;
-            disk.device = status.st_rdev;
-            disk.name = name;
-            disk.block = disk.raw = path;
-            disk.paths = {path};
-            if (place.raw != nullptr) {
-                const std::string raw = std::string(place.raw) + "/" + name;
-                if (fs::exists(raw)) disk.raw = raw;
-            }
-            found.disks_.push_back(std::move(disk));
+            const std::string twin =
+                place.raw == nullptr ? path : std::string(place.raw) + "/" + name;
+            found.add(path, fs::exists(twin) ? twin : path, status.st_rdev);
         }
     }
     for (Disk &disk : found.disks_) {
@@ -116,15 +105,28 @@ Disks Disks::scan(const State &state) {
 }
 
 const Disk *Disks::find(const std::string &name) const {
-    const auto found = std::find_if(disks_.begin(), disks_.end(),
-                                    [&name](const Disk &disk) { return is_called(disk, name); });
-    return name.empty() || found == disks_.end() ? nullptr : &*found;
+    const auto found = by_name_.find(name);
+    return found == by_name_.end() ? nullptr : &disks_[found->second];
 }
 
 const Disk &Disks::at(const std::string &name) const {
     const Disk *disk = find(name);
     if (disk == nullptr) throw Error("this host sees no disk '" + name + "'");
     return *disk;
+}
+
+Taken::Taken(const State &state) {
+    for (const auto &[name, group] : state.groups) {
+        for (const std::string &path : group.disks) groups_[path] = name;
+    }
+}
+
+std::string Taken::by(const Disk &disk) const {
+    for (const std::string &path : disk.paths) {
+        const auto found = groups_.find(path);
+        if (found != groups_.end()) return found->second;
+    }
+    return "";
 }
 
 void define_disk(const std::string &name) {

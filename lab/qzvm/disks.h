@@ -8,6 +8,7 @@
 #include <sys/types.h>
 
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "lab/qzvm/state.h"
@@ -35,7 +36,23 @@ class Disks {
     const Disk &at(const std::string &name) const;
 
   private:
+    void add(const std::string &path, const std::string &raw, dev_t device);
+    void index(const std::string &name, size_t at) { by_name_.emplace(name, at); }
+
     std::vector<Disk> disks_;
+    std::unordered_map<dev_t, size_t> by_device_;
+    std::unordered_map<std::string, size_t> by_name_;  // names and paths; the first of each
+};
+
+// Which disks belong to groups that are imported here.
+class Taken {
+  public:
+    explicit Taken(const State &state);
+    // The name of its group; "" when it belongs to none.
+    std::string by(const Disk &disk) const;
+
+  private:
+    std::unordered_map<std::string, std::string> groups_;  // of a path
 };
 
 // Administration. All throw when the disk is not seen, and online and offline when it is not

@@ -23,22 +23,13 @@ void require_name(const std::string &name) {
     if (!is_name(name)) throw Error("'" + name + "' is no name for a group");
 }
 
-// The group, imported here, that a disk belongs to; "" is none.
-std::string taken_by(const State &state, const Disk &disk) {
-    for (const auto &[name, group] : state.groups) {
-        for (const std::string &path : group.disks) {
-            if (std::count(disk.paths.begin(), disk.paths.end(), path) != 0) return name;
-        }
-    }
-    return "";
-}
-
 std::vector<Candidate> candidates(const State &state) {
     std::vector<Candidate> all;
     const Disks disks = Disks::scan(state);
+    const Taken taken(state);
     for (const Disk &disk : disks.all()) {
         if (!disk.online) continue;
-        Candidate one = {disk, {}, "", !taken_by(state, disk).empty()};
+        Candidate one = {disk, {}, "", !taken.by(disk).empty()};
         try {
             one.found = read_region(disk.block);
         } catch (const Error &error) {
@@ -50,9 +41,8 @@ std::vector<Candidate> candidates(const State &state) {
 }
 
 // Nobody else holds or has mounted it, neither on this host nor on another of the machine.
-void require_free(const State &state, const Disk &disk) {
-    const std::string group = taken_by(state, disk);
-    if (!group.empty()) {
+void require_free(const Taken &taken, const Disk &disk) {
+    if (const std::string group = taken.by(disk); !group.empty()) {
         throw Error("disk " + disk.name + " belongs to group " + group +
                     ", which is imported here");
     }
@@ -67,13 +57,15 @@ void require_free(const State &state, const Disk &disk) {
 std::vector<Disk> free_disks(const State &state, const std::vector<std::string> &names) {
     if (names.empty()) throw Error("a group needs a disk");
     const Disks seen = Disks::scan(state);
+    const Taken taken(state);
+    std::set<dev_t> devices;
     std::vector<Disk> disks;
     for (const std::string &name : names) {
         const Disk &disk = seen.at(name);
-        for (const Disk &other : disks) {
-            if (other.device == disk.device) throw Error("disk " + disk.name + " is given twice");
+        if (!devices.insert(disk.device).second) {
+            throw Error("disk " + disk.name + " is given twice");
         }
-        require_free(state, disk);
+        require_free(taken, disk);
         disks.push_back(disk);
     }
     return disks;

@@ -109,7 +109,9 @@ void stand_apart(std::vector<int> kept) {
     } catch (const Error &) {
         _exit(1);
     }
-    if (write(ready, "", 1) != 1) _exit(1);
+    // Whoever waits for that may be gone; what is held is held all the same, and written down.
+    signal(SIGPIPE, SIG_IGN);
+    if (write(ready, "", 1) != 1 && errno != EPIPE) _exit(1);
     close(ready);
     for (;;) pause();
 }

@@ -1,5 +1,6 @@
 // Volumes and volume sets of a group: where they lie, and their names.
 #include <algorithm>
+#include <limits>
 
 #include "lab/qzvm/groups.h"
 #include "lab/qzvm/records.h"
@@ -38,8 +39,8 @@ uint64_t room_on(const Imported &imported, const std::string &id, uint64_t lengt
               [](const Volume &a, const Volume &b) { return a.start < b.start; });
     uint64_t start = region_bytes;
     for (const Volume &volume : there) {
-        if (volume.start - start >= length) return start;
-        start = volume.start + volume.length;
+        if (volume.start > start && volume.start - start >= length) return start;
+        start = std::max(start, volume.start + volume.length);
     }
     const uint64_t end = capacity_of(imported.disk(id).block);
     return end >= start && end - start >= length ? start : 0;
@@ -64,6 +65,9 @@ void make_volume(const std::string &group, const NewVolume &wanted) {
         throw Error("'" + wanted.fstype + "' is no type of a file system");
     }
     if (wanted.length == 0) throw Error("a volume of no size cannot be made");
+    if (wanted.length > std::numeric_limits<uint64_t>::max() - unit) {
+        throw Error("there is no room for volume " + wanted.name);
+    }
     Volume volume = {wanted.name, 0, (wanted.length + unit - 1) / unit * unit, wanted.fstype, {}};
     const Disks seen = Disks::scan(load_state());
     for (const std::string &name : wanted.disks) {

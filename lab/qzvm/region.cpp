@@ -15,6 +15,7 @@ namespace {
 
 constexpr char magic[] = "QZVM-REGION";
 constexpr unsigned version = 1;
+constexpr uint64_t sector = 512;
 constexpr char nothing[] = "-";  // stands for an empty field
 
 // FNV-1a: it finds what a torn or misdirected write does, which is all it is for.
@@ -91,12 +92,12 @@ void read_line(const std::string &text, Region *region) {
     Line line(text);
     Group &group = region->group;
     const std::string key = line.next();
-    if (key == "group") {
+    if (key == "group" && group.name.empty()) {
         group.name = line.next_name();
         group.id = line.next_name();
         group.generation = number_of(line.next());
         group.host = line.next_or_nothing();
-    } else if (key == "this") {
+    } else if (key == "this" && region->disk_id.empty()) {
         region->disk_id = line.next_name();
     } else if (key == "disk") {
         group.disks.push_back({line.next_name(), line.next_name()});
@@ -133,6 +134,7 @@ void check(const Region &region) {
             throw Damage("volume " + volume.name + " is there twice");
         }
         if (volume.start < region_bytes || volume.length == 0 ||
+            (volume.start | volume.length) % sector != 0 ||
             volume.length > std::numeric_limits<uint64_t>::max() - volume.start) {
             throw Damage("volume " + volume.name + " has no place");
         }
@@ -140,9 +142,12 @@ void check(const Region &region) {
             if (!disks.contains(id)) throw Damage("volume " + volume.name + " has a foreign disk");
         }
     }
+    const std::set<std::string> volumes = names;
     for (const VolumeSet &set : group.sets) {
+        if (!names.insert(set.name).second) throw Damage("set " + set.name + " is there twice");
         for (const std::string &volume : set.volumes) {
-            if (!names.contains(volume)) throw Damage("set " + set.name + " has a foreign volume");
+            if (!volumes.contains(volume))
+                throw Damage("set " + set.name + " has a foreign volume");
         }
     }
 }

@@ -19,31 +19,38 @@ using lab::common::Descriptor;
 
 constexpr const char *daemon_words[] = {"enabled", "disabled", "stalled"};
 
+[[noreturn]] void is_damaged(const std::string &line) {
+    throw Error(std::string(place::state) + " is damaged: " + line);
+}
+
 Daemon daemon_of(const std::string &word) {
     for (size_t i = 0; i < std::size(daemon_words); ++i) {
         if (word == daemon_words[i]) return static_cast<Daemon>(i);
     }
-    throw Error(std::string(place::state) + " is damaged: daemon " + word);
+    is_damaged("daemon " + word);
 }
 
 void read_line(const std::string &text, State *state) {
     std::istringstream line(text);
     std::string key, name;
-    line >> key >> name;
-    if (key == "daemon") {
+    line >> key;
+    if (key == "order") {
+        line >> state->order;
+    } else if (line >> name; key == "daemon") {
         state->daemon = daemon_of(name);
-    } else if (key == "order") {
-        state->order = std::stoull(name);
     } else if (key == "disk") {
         KnownDisk &disk = state->disks[name];
         line >> disk.online >> disk.order;
     } else if (key == "group") {
         ImportedGroup &group = state->groups[name];
         line >> group.id;
+        if (!line) is_damaged(text);
         for (std::string path; line >> path;) group.disks.push_back(path);
+        return;
     } else {
-        throw Error(std::string(place::state) + " is damaged: " + text);
+        is_damaged(text);
     }
+    if (!line) is_damaged(text);
 }
 
 int lock_depth = 0;
