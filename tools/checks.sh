@@ -54,15 +54,17 @@ check_arrows() {
         [method]="include fim_config convert snap symapi"
         [host]="include"
         [fimctl]="include/timefinder include/symapi"
+        [lab/common]=""
         [lab/array/model]="include/symapi"
         [lab/array/transport]=""
         [lab/array/store]="lab/array/model"
-        [lab/array/media]="lab/array/model"
+        [lab/array/media]="lab/array/model lab/common"
         [lab/array/daemon]="include/symapi lab/array/model lab/array/store lab/array/media lab/array/transport"
         [lab/array/client]="include/symapi lab/array/model/codes lab/array/transport"
         [lab/array/admin]="lab/array/model/codes lab/array/transport"
-        [lab/host]=""
-        [lab/tessera]="include/symapi"
+        [lab/host]="lab/common"
+        [lab/qzvm]="lab/common"
+        [lab/tessera]="include/symapi lab/qzvm lab/common"
     )
     declare -A of_folder=(
         [timefinder.h]=include [records.h]=include [symapi.h]=include [tessera_host.h]=include

@@ -22,9 +22,10 @@ processes. What you do here touches nothing of your machine; everything ends wit
   fimctl mount ID; fimctl release ID        look at the copy, give it back
   fimctl list; fimctl show ID               the catalogue of snapshots
   tfarray fault --help; tfarray path --help make calls fail, paths go down
+  qzdg --help; qzvol --help                 disk groups and volumes
   tfarray clock show; tfarray rate --help   the array's own time, and how fast it copies
 
-docs/lab.md and docs/fimctl.md say more. "exit" ends the world.
+docs/lab.md, docs/volumes.md and docs/fimctl.md say more. "exit" ends the world.
 
 )";
 
