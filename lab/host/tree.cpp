@@ -14,6 +14,7 @@ constexpr File files[] = {
     {"lib/libtimefinder_fim.so", "usr/quill/tessera/lib/libtimefinder_fim.so"},
     {"lib/libtessera_host.so", "usr/quill/tessera/lib/libtessera_host.so"},
     {"bin/tqtpcinfo", "usr/quill/tessera/bin/tqtpcinfo"},
+    {"bin/tqdgclone", "usr/quill/tessera/bin/tqdgclone"},
     {"lab/libsymapi.so", "usr/symcli/shlib/libsymapi.so"},
     {"lab/libtflabsleep.so", "usr/lib/tflab/libtflabsleep.so"},
     {"bin/qzvm", "usr/sbin/qzdg"},
