@@ -217,6 +217,14 @@ void World::start_host(const std::string &name) {
         << read_file(output);
 }
 
+void World::restart_host(const std::string &name) {
+    const fs::path output = scratch_ + "/output";
+    EXPECT_EQ(
+        ended(start({tflab, "host", "--world", std::to_string(first_), "stop", name}, output)), 0)
+        << read_file(output);
+    start_host(name);
+}
+
 // Sleeping puts the array's clock forward and costs no time.
 Running World::begin_phase(const Words &steps, int level, const Words &environment) {
     Running running = {-1, "report" + std::to_string(++phases_)};

@@ -55,6 +55,8 @@ class World : public testing::Test {
 
     // Starts one more host.
     void start_host(const std::string &name);
+    // Ends a host that start_host() started, with everything that runs in it, and starts it again.
+    void restart_host(const std::string &name);
     void on(const std::string &name) { on_ = name; }
     // Runs a line of the shell in the host; its status has to be 0. Returns both streams.
     std::string host(const std::string &line);
