@@ -256,6 +256,14 @@ void Catalogue::set_returned(int64_t id) {
         .step();
 }
 
+void Catalogue::set_restoring(int64_t id, const std::string &form) {
+    Statement(database_, "UPDATE snapshot SET state = ?, restore_form = ? WHERE id = ?")
+        .bind(static_cast<int64_t>(State::restoring))
+        .bind(form)
+        .bind(id)
+        .step();
+}
+
 void Catalogue::set_mounted(int64_t id, size_t object, const std::string &text,
                             const std::string &copy) {
     Statement(database_,
@@ -340,7 +348,7 @@ std::vector<SnapshotRecord> Catalogue::read(const char *condition, const std::st
     {
         const std::string sql =
             "SELECT id, created, state, config, quiesced, frozen_ms, void_reason, note, uuid, "
-            "host, origin, target, exported, returned, exports FROM snapshot WHERE " +
+            "host, origin, target, exported, returned, exports, restore_form FROM snapshot WHERE " +
             std::string(condition) + " ORDER BY id";
         Statement rows(database_, sql.c_str());
         rows.bind(value);
@@ -361,6 +369,7 @@ std::vector<SnapshotRecord> Catalogue::read(const char *condition, const std::st
             snapshot.exported = rows.text();
             snapshot.returned = rows.text();
             snapshot.exports = rows.integer();
+            snapshot.restore_form = rows.text();
             snapshots.push_back(std::move(snapshot));
         }
     }

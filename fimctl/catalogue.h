@@ -80,6 +80,7 @@ struct SnapshotRecord {
     std::string exported;     // UTC, when it was last exported; "" for never
     std::string returned;     // UTC, when that export came back; "" for not yet
     int64_t exports = 0;      // how often; only the latest one may come back
+    std::string restore_form;  // of a restore that was begun: what it has taken away
     std::vector<ObjectRecord> objects;
 
     // In the hands of another host: neither released nor restored here without a word about it.
@@ -130,6 +131,8 @@ class Catalogue {
     void take_export_back(int64_t id, const SnapshotRecord &before);
     void set_returned(int64_t id);
     void set_returned_text(int64_t id, size_t object, const std::string &text);
+    // State restoring, with what the restore takes away.
+    void set_restoring(int64_t id, const std::string &form);
     void set_pairs(int64_t id, size_t object, const std::vector<PairRecord> &pairs);
 
     std::optional<SnapshotRecord> find(int64_t id);

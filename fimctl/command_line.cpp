@@ -26,6 +26,7 @@ class CommandLine {
         add_freezing_commands(commands_);
         add_copy_commands(commands_);
         add_travel_commands(commands_);
+        add_restore_commands(commands_);
         add_catalogue_commands(commands_);
         add_configuration_commands(commands_);
         add_inspection_commands(commands_);

@@ -50,6 +50,8 @@ class Cycle {
     void run(const std::vector<std::string> &paths, const std::vector<std::string> &command);
 
   private:
+    friend class Restore;
+
     // How a phase ended.
     struct Outcome {
         bool done = false;

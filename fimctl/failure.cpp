@@ -46,6 +46,8 @@ const char *name_of(Step step) {
         return "thaw";
     case Step::thaw_commit:
         return "thaw commit";
+    case Step::restore:
+        return "restore";
     }
     return "unknown step";
 }

@@ -43,7 +43,8 @@ enum class Step {
     hooks,
     command,
     thaw,
-    thaw_commit
+    thaw_commit,
+    restore
 };
 
 // The end of a command that has said everything already: only its exit code is left to give.

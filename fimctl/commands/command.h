@@ -58,6 +58,7 @@ class Commands {
 void add_freezing_commands(Commands &commands);       // run, freeze
 void add_copy_commands(Commands &commands);           // mount, release
 void add_travel_commands(Commands &commands);         // export, import
+void add_restore_commands(Commands &commands);        // restore
 void add_catalogue_commands(Commands &commands);      // list, show
 void add_configuration_commands(Commands &commands);  // config
 void add_inspection_commands(Commands &commands);     // locks, doctor, plan

@@ -1,0 +1,366 @@
+#include "fimctl/restore/restore.h"
+
+#include <poll.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+
+#include "fimctl/array_reader.h"
+#include "fimctl/log.h"
+#include "fimctl/restore/bring_back.h"
+#include "fimctl/restore/phase.h"
+#include "fimctl/restore/texts.h"
+#include "fimctl/signals.h"
+
+namespace fimctl {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+std::string again(int64_t id) {
+    return "fimctl restore " + std::to_string(id);
+}
+
+void wait_a_second() {
+    poll(nullptr, 0, 1000);
+}
+
+void refuse(const RestorePlan &plan) {
+    if (plan.obstacles.empty()) return;
+    std::string what;
+    std::string next;
+    for (const Obstacle &obstacle : plan.obstacles) {
+        what += (what.empty() ? "" : "; ") + obstacle.what;
+        if (next.find(obstacle.next) != std::string::npos) continue;
+        next += (next.empty() ? "" : "; ") + obstacle.next;
+    }
+    Failure failure(Step::restore, ExitCode::usage, what);
+    failure.id = static_cast<long>(plan.id);
+    failure.next = next;
+    throw failure;
+}
+
+// To standard error: standard output is for results.
+void show(const RestorePlan &plan) {
+    fputs(plan_text(plan).c_str(), stderr);
+}
+
+// A line from the terminal. Throws Failure (interrupted).
+std::string ask_for_code(const RestorePlan &plan) {
+    fprintf(stderr, "Type the code to restore, anything else to leave everything as it is: ");
+    std::string line;
+    for (char character = 0; character != '\n';) {
+        const ssize_t size = read(STDIN_FILENO, &character, 1);
+        if (signals::raised() != 0) {
+            Failure failure(Step::restore, ExitCode::interrupted, "interrupted");
+            failure.id = static_cast<long>(plan.id);
+            throw failure;
+        }
+        if (size == 0 || (size < 0 && errno != EINTR)) break;
+        if (size > 0) line += character;
+    }
+    return line;
+}
+
+Failure not_confirmed(const RestorePlan &plan, const std::string &why) {
+    Failure failure(Step::restore, ExitCode::usage, why + "; nothing was done");
+    failure.id = static_cast<long>(plan.id);
+    failure.next = "look at the plan (" + again(plan.id) +
+                   " --plan-only), then: " + again(plan.id) + " --confirm CODE";
+    return failure;
+}
+
+RestoreJob job_of(const SnapshotRecord &snapshot, const RestorePlan &plan,
+                  const std::string &method) {
+    std::vector<Pair> done;
+    for (const RestorePair &pair : plan.pairs) {
+        if (pair.is_restored()) done.push_back(pair.pair);
+    }
+    RestoreJob job;
+    job.method = method;
+    job.ends.resize(plan.objects.size());
+    for (const size_t i : plan.rebuild_order) {
+        const RestoreObject &object = plan.objects[i];
+        job.ends[i] = job.texts.size();
+        job.texts.push_back(text_for_restore(snapshot.objects.at(object.number).text,
+                                             object.is_file_system() ? object.directory : "",
+                                             done));
+    }
+    return job;
+}
+
+// Who keeps the file system of the object from being unmounted, or its group from being deported.
+std::string busy(const RestoreObject &object) {
+    const auto device = block_number(object.block);
+    if (!device) return "";
+    const auto users = users_of({*device});
+    if (users.empty()) return "";
+    return "; " + (object.is_file_system() ? object.directory : object.source) + " is in use by " +
+           names_of(users.begin()->second);
+}
+
+void add(std::string &list, const RestorePair &pair, long state) {
+    list += (list.empty() ? "pair " : "; pair ") + pair.pair.device + "/" + pair.pair.bcv +
+            " of array " + pair.pair.symid + " is " + name_of_pair_state(state);
+}
+
+std::vector<Pair> pairs_of(const RestorePlan &plan) {
+    std::vector<Pair> pairs;
+    for (const RestorePair &pair : plan.pairs) pairs.push_back(pair.pair);
+    return pairs;
+}
+
+}  // namespace
+
+Restore::Restore(const Settings &settings, Catalogue &catalogue)
+    : cycle_(settings, catalogue),
+      catalogue_(catalogue),
+      method_(settings.method),
+      lock_wait_(settings.lock_wait) {}
+
+void Restore::show_plan(int64_t id, const RestoreOptions &options) {
+    const RestorePlan plan = make_plan(cycle_.known(id), options.plan);
+    fputs((options.json ? plan_json(plan) : plan_text(plan)).c_str(), stdout);
+    refuse(plan);
+}
+
+void Restore::perform(int64_t id, const RestoreOptions &options) {
+    const RestorePlan shown = make_plan(cycle_.known(id), options.plan);
+    show(shown);
+    refuse(shown);
+    confirm(shown, options);
+    cycle_.lock(id);
+    const SnapshotRecord snapshot = cycle_.known(id);
+    PlanOptions plain = options.plan;
+    plain.measure = false;
+    const RestorePlan plan = make_plan(snapshot, plain);
+    if (plan.code != shown.code) {
+        show(plan);
+        if (!options.yes) {
+            throw not_confirmed(plan,
+                                "the plan has changed since it was confirmed; this is the "
+                                "new one");
+        }
+    }
+    refuse(plan);
+    work(snapshot, plan);
+}
+
+void Restore::confirm(const RestorePlan &plan, const RestoreOptions &options) const {
+    if (options.yes) return;
+    if (!options.confirm.empty()) {
+        if (is_code_of(plan, options.confirm)) return;
+        throw not_confirmed(plan, "this is not the plan of code " + options.confirm);
+    }
+    if (isatty(STDIN_FILENO) == 0) {
+        throw not_confirmed(plan, "a restore must be confirmed, and there is nobody to ask");
+    }
+    if (!is_code_of(plan, ask_for_code(plan))) throw not_confirmed(plan, "that is not the code");
+}
+
+void Restore::work(const SnapshotRecord &snapshot, RestorePlan plan) {
+    if (plan.resumed) {
+        wait_for_running(plan);
+        // The method's first step is to deport them.
+        const std::string trouble = import_groups(plan);
+        if (!trouble.empty()) {
+            Failure failure(Step::restore, ExitCode::left, trouble);
+            failure.next = "see what the volume manager said, then: " + again(plan.id);
+            give_up(failure, plan.id);
+        }
+    }
+    const RestoreJob job = job_of(snapshot, plan, method_);
+    end(plan, phase(plan, job));
+}
+
+// The array goes on with what a killed restore has begun.
+void Restore::wait_for_running(RestorePlan &plan) {
+    for (;;) {
+        const auto states = read_pair_states(pairs_of(plan), Step::restore);
+        bool running = false;
+        for (size_t i = 0; i < states.size(); ++i) {
+            plan.pairs[i].state = states[i];
+            running = running || states[i] == pair_state::restoring;
+        }
+        if (!running) return;
+        log::progress("waiting: the array is still restoring");
+        stop_when_interrupted(Step::restore);
+        wait_a_second();
+    }
+}
+
+// Another process that owns the array's mirrors is waited for: it may be a short one.
+Cycle::Outcome Restore::phase(const RestorePlan &plan, const RestoreJob &job) {
+    const auto end = Clock::now() + std::chrono::duration_cast<Clock::duration>(
+                                        std::chrono::duration<double>(lock_wait_));
+    for (;;) {
+        Worker worker([&job](Channel &channel) { run_restore_phase(job, channel); },
+                      cycle_.scratch(plan.id));
+        Cycle::Outcome outcome = Cycle::converse(worker, [&](const Message &message) {
+            if (message.contains("rebuilt")) enter(plan);
+            if (message.contains("ending")) ending_ = message.at("ending");
+        });
+        const bool owned = outcome.failure != nullptr && outcome.failure->code == ExitCode::owned;
+        if (!owned || Clock::now() >= end || signals::raised() != 0) return outcome;
+        log::progress(std::string("waiting: ") + outcome.failure->what());
+        wait_a_second();
+    }
+}
+
+// The locks are held, so no other snapshot is begun any more: what the pairs are now holds.
+void Restore::enter(const RestorePlan &plan) {
+    const auto states = read_pair_states(pairs_of(plan), Step::restore);
+    for (size_t i = 0; i < states.size(); ++i) {
+        if (states[i] == plan.pairs[i].state) continue;
+        std::string changed;
+        add(changed, plan.pairs[i], states[i]);
+        Failure failure(Step::restore, ExitCode::failed, changed + ", and was not a moment ago");
+        failure.next = again(plan.id) + " --plan-only";
+        throw failure;
+    }
+    catalogue_.set_restoring(plan.id, kept_form(plan));
+    entered_ = true;
+}
+
+// The array's word, in a session of its own.
+Restore::Judgement Restore::judge(const RestorePlan &plan) const {
+    Judgement judgement;
+    std::vector<long> states;
+    try {
+        states = read_pair_states(pairs_of(plan), Step::restore);
+    } catch (const Failure &failure) {
+        judgement.rest = failure.what();
+        return judgement;
+    }
+    judgement.known = true;
+    for (size_t i = 0; i < states.size(); ++i) {
+        const long state = states[i];
+        const bool running = state == pair_state::restoring;
+        if (state == pair_state::restored || running) judgement.begun = true;
+        if (state != pair_state::restored) add(judgement.rest, plan.pairs[i], state);
+        if (state != pair_state::restored && !running && state != pair_state::split) {
+            add(judgement.others, plan.pairs[i], state);
+        }
+    }
+    judgement.restored = judgement.rest.empty();
+    return judgement;
+}
+
+void Restore::end(const RestorePlan &plan, const Cycle::Outcome &outcome) {
+    if (!entered_) {
+        Failure failure = outcome.as_failure(ExitCode::failed);
+        failure.afterwards = "nothing was done";
+        failure.id = static_cast<long>(plan.id);
+        if (failure.next.empty() && failure.code == ExitCode::failed) failure.next = again(plan.id);
+        throw failure;
+    }
+    const Judgement judgement = judge(plan);
+    if (judgement.restored) return end_restored(plan, outcome);
+    if (judgement.known && !judgement.begun) end_untouched(plan, outcome, judgement);
+    Failure failure(Step::restore, ExitCode::left,
+                    outcome.done ? "the method reports success, but not so the array"
+                                 : outcome.as_failure(ExitCode::left).what());
+    failure.afterwards = "not everything is restored: " + judgement.rest;
+    failure.next = "see that the array answers, then go on: " + again(plan.id);
+    if (!judgement.others.empty()) {
+        catalogue_.set_void(plan.id, "its restore broke off: " + judgement.others);
+        failure.next =
+            "a part of the copy is gone; bring the data back from another one, then: "
+            "fimctl release " +
+            std::to_string(plan.id) + " --abandoned";
+    }
+    give_up(failure, plan.id);
+}
+
+void Restore::end_restored(const RestorePlan &plan, const Cycle::Outcome &outcome) {
+    std::string trouble = outcome.done ? "" : outcome.as_failure(ExitCode::left).what();
+    if (trouble.empty()) trouble = mount_restored(plan);
+    if (trouble.empty()) {
+        catalogue_.set_state(plan.id, State::restored);
+        cycle_.remove_folders(cycle_.known(plan.id));
+        log::progress("restored");
+        return;
+    }
+    Failure failure(Step::restore, ExitCode::left, trouble);
+    failure.afterwards =
+        "the array has restored every pair; what was away is not, or not fully, back";
+    failure.next = "see to it (the lines above say more), then go on: " + again(plan.id);
+    give_up(failure, plan.id);
+}
+
+// Nothing has been written over a primary, so all that is to do is on this host.
+void Restore::end_untouched(const RestorePlan &plan, const Cycle::Outcome &outcome,
+                            const Judgement &judgement) {
+    Failure failure = outcome.done ? Failure(Step::restore, ExitCode::left,
+                                             "the method reports success, but the array has "
+                                             "restored nothing: " +
+                                                 judgement.rest)
+                                   : outcome.as_failure(ExitCode::failed);
+    if (failure.step == Step::thaw_commit) {
+        const std::string users = busy(plan.objects.at(ending_));
+        failure = Failure(failure.step, failure.code, failure.what() + users, failure.number);
+        failure.next = users.empty() ? "run it again with -v to see what the commands said"
+                                     : "end what uses it, then: " + again(plan.id);
+    }
+    if (!judgement.others.empty()) {
+        catalogue_.set_void(plan.id, "found at its restore: " + judgement.others);
+        failure.next =
+            "the copy is gone; end the snapshot: fimctl release " + std::to_string(plan.id);
+    }
+    if (failure.next.empty()) failure.next = again(plan.id);
+    const std::string trouble = put_back(plan);
+    if (trouble.empty()) {
+        catalogue_.clear_mounted(plan.id);
+        catalogue_.set_state(plan.id, State::frozen);
+        failure.afterwards =
+            "nothing was overwritten, and every file system is where it was; the snapshot stays "
+            "frozen";
+    } else {
+        failure.code = ExitCode::left;
+        failure.afterwards = "nothing was overwritten, but not everything is back: " + trouble;
+        failure.next =
+            "see to it, then: " + again(plan.id) + ", or fimctl release " + std::to_string(plan.id);
+    }
+    give_up(failure, plan.id);
+}
+
+void Restore::give_up(Failure failure, int64_t id) {
+    failure.id = static_cast<long>(id);
+    cycle_.note(id, std::string(name_of(failure.step)) + ": " + failure.what());
+    throw failure;
+}
+
+void prepare_release_of_restoring(const SnapshotRecord &snapshot, bool abandoned) {
+    const std::string id = std::to_string(snapshot.id);
+    PlanOptions options;
+    options.abandoned = abandoned;
+    const RestorePlan plan = make_plan(snapshot, options);
+    std::string restored;
+    for (const RestorePair &pair : plan.pairs) {
+        if (pair.state != pair_state::split) add(restored, pair, pair.state);
+    }
+    if (!restored.empty() && !abandoned) {
+        Failure failure(Step::snapshot, ExitCode::usage,
+                        "its restore was begun and not ended: " + restored +
+                            "; to release it now would copy primaries that may be restored in "
+                            "part over their mirrors, the only whole copy");
+        failure.id = static_cast<long>(snapshot.id);
+        failure.next = "go on with the restore: fimctl restore " + id +
+                       "; or give the copy up: fimctl release " + id + " --abandoned";
+        throw failure;
+    }
+    const std::string trouble = put_back(plan);
+    if (trouble.empty()) return;
+    if (abandoned) {
+        log::problem(trouble);
+        return;
+    }
+    Failure failure(Step::restore, ExitCode::left, trouble);
+    failure.id = static_cast<long>(snapshot.id);
+    failure.next = "see to it, then: fimctl release " + id;
+    throw failure;
+}
+
+}  // namespace fimctl

@@ -1,0 +1,34 @@
+// The host's commands that a restore needs beside the method: to look at disk groups, and to bring
+// back what a failed restore has taken away.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace fimctl {
+
+// What a command left: its exit status (127: it could not be started) and both its streams.
+struct ToolResult {
+    int status = 127;
+    std::string output;
+
+    bool good() const { return status == 0; }
+    // For a message: its last line, or its status where it said nothing.
+    std::string reason() const;
+};
+ToolResult run_tool(const std::vector<std::string> &words);
+
+bool is_imported(const std::string &group);
+// Clears the mark of another host: the group was this host's until the restore deported it. Tries
+// again once the volume manager's daemon has been enabled, then starts the volumes.
+ToolResult import_group(const std::string &group);
+
+ToolResult check_file_system(const std::string &block, const std::string &type);
+// options: of the mount, "" for none.
+ToolResult mount_file_system(const std::string &block, const std::string &directory,
+                             const std::string &type, const std::string &options);
+// Gives a mount that is there the options that it had.
+ToolResult set_mount_options(const std::string &directory, const std::string &options);
+ToolResult unmount(const std::string &directory);
+
+}  // namespace fimctl
