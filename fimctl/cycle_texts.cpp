@@ -11,6 +11,7 @@
 #include "fimctl/cycle.h"
 #include "fimctl/hooks.h"
 #include "fimctl/log.h"
+#include "fimctl/restore/restore.h"
 #include "fimctl/signals.h"
 
 namespace fimctl {
@@ -173,7 +174,7 @@ std::string Cycle::take_rest_down(const SnapshotRecord &snapshot) {
 
 void Cycle::release(int64_t id) {
     lock(id);
-    const SnapshotRecord snapshot = known(id);
+    SnapshotRecord snapshot = known(id);
     if (is_over(snapshot.state)) {
         Failure failure(
             Step::snapshot, ExitCode::usage,
@@ -181,15 +182,12 @@ void Cycle::release(int64_t id) {
         failure.next = "nothing is left to do for it";
         throw failure;
     }
-    if (snapshot.state == State::restoring) {
-        // Establishing the mirrors would copy half restored originals over the only good copy.
-        Failure failure(Step::snapshot, ExitCode::usage,
-                        "snapshot " + std::to_string(id) +
-                            " is being restored, and its originals may be half written");
-        failure.next = "end the restore: fimctl restore " + std::to_string(id);
-        throw failure;
-    }
     refuse_away(snapshot, "release", settings_.abandoned);
+    if (snapshot.state == State::restoring) {
+        prepare_release_of_restoring(snapshot, settings_.abandoned);
+        catalogue_.set_state(id, State::frozen);
+        snapshot = known(id);
+    }
     HookedStep step(settings_, HookPhase::pre_release, snapshot);
     if (snapshot.state == State::begun) {
         // Killed before the cut: its locks have ended with its process.
