@@ -43,9 +43,4 @@ inline constexpr char volume_set_tool[] = "/usr/sbin/qzvset";
 inline constexpr char volume_folder[] = "/dev/qz/dsk/";
 inline constexpr char raw_volume_folder[] = "/dev/qz/rdsk/";
 
-// The volume manager's commands.
-inline constexpr char disk_group_tool[] = "/usr/sbin/qzdg";
-inline constexpr char volume_tool[] = "/usr/sbin/qzvol";
-inline constexpr char volume_daemon_tool[] = "/usr/sbin/qzdctl";
-
 }  // namespace fimctl::path

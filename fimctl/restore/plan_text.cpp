@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include "fimctl/array_reader.h"
+#include "fimctl/digest.h"
 #include "fimctl/restore/plan.h"
 
 namespace fimctl {
@@ -154,23 +155,11 @@ std::string dump(const Json &json, int indent) {
     return json.dump(indent, ' ', false, Json::error_handler_t::replace);
 }
 
-// FNV-1a: enough to tell one plan from another; nobody forges a plan against himself.
-uint64_t digest(const std::string &text) {
-    uint64_t value = 0xcbf29ce484222325U;
-    for (const char character : text) {
-        value = (value ^ static_cast<unsigned char>(character)) * 0x100000001b3U;
-    }
-    return value;
-}
-
 }  // namespace
 
 std::string code_of(const RestorePlan &plan) {
-    const uint64_t value = digest(dump(bound(plan), -1));
-    char code[16] = "";
-    snprintf(code, sizeof code, "%04x-%04x", static_cast<unsigned>(value >> 48),
-             static_cast<unsigned>(value & 0xffff));
-    return code;
+    const std::string digest = sha256(dump(bound(plan), -1));
+    return digest.substr(0, 4) + "-" + digest.substr(4, 4);
 }
 
 bool is_code_of(const RestorePlan &plan, const std::string &typed) {

@@ -8,7 +8,9 @@
 #include <cstdio>
 
 #include "fimctl/array_reader.h"
+#include "fimctl/hooks.h"
 #include "fimctl/log.h"
+#include "fimctl/progress.h"
 #include "fimctl/restore/bring_back.h"
 #include "fimctl/restore/phase.h"
 #include "fimctl/restore/texts.h"
@@ -44,6 +46,7 @@ void refuse(const RestorePlan &plan) {
 
 // To standard error: standard output is for results.
 void show(const RestorePlan &plan) {
+    progress::clear();
     fputs(plan_text(plan).c_str(), stderr);
 }
 
@@ -145,7 +148,9 @@ void Restore::perform(int64_t id, const RestoreOptions &options) {
         }
     }
     refuse(plan);
+    HookedStep step(cycle_.settings_, HookPhase::pre_restore, snapshot);
     work(snapshot, plan);
+    step.done(cycle_.known(id));
 }
 
 void Restore::confirm(const RestorePlan &plan, const RestoreOptions &options) const {
@@ -185,7 +190,7 @@ void Restore::wait_for_running(RestorePlan &plan) {
             running = running || states[i] == pair_state::restoring;
         }
         if (!running) return;
-        log::progress("waiting: the array is still restoring");
+        log::waiting("waiting: the array is still restoring");
         stop_when_interrupted(Step::restore);
         wait_a_second();
     }
@@ -204,7 +209,7 @@ Cycle::Outcome Restore::phase(const RestorePlan &plan, const RestoreJob &job) {
         });
         const bool owned = outcome.failure != nullptr && outcome.failure->code == ExitCode::owned;
         if (!owned || Clock::now() >= end || signals::raised() != 0) return outcome;
-        log::progress(std::string("waiting: ") + outcome.failure->what());
+        log::waiting(std::string("waiting: ") + outcome.failure->what());
         wait_a_second();
     }
 }

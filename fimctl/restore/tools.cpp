@@ -86,7 +86,7 @@ ToolResult import_group(const std::string &group) {
     const std::vector<std::string> import = {path::disk_group_tool, "-C", "import", group};
     ToolResult result = run_tool(import);
     if (!result.good()) {
-        run_tool({path::volume_daemon_tool, "enable"});
+        run_tool({path::daemon_tool, "enable"});
         result = run_tool(import);
     }
     if (!result.good()) return result;

@@ -544,12 +544,4 @@ TEST_F(Travel, an_object_of_another_host_holds_none_of_this_one) {
     EXPECT_EQ(on_backup({"freeze", "--no-quiesce", local}).status, 0);
 }
 
-TEST_F(Travel, a_snapshot_that_is_being_restored_is_not_released) {
-    freeze();
-    fimctl::Catalogue(state_, false).set_state(1, State::restoring);
-    expect_refused(on_client({"release", "1"}), "is being restored",
-                   "end the restore: fimctl restore 1");
-    EXPECT_EQ(array_state("00A1"), 5);
-}
-
 }  // namespace
