@@ -1,19 +1,12 @@
-// A snapshot's way to the backup host and back. The two hosts are two names and two state folders
-// here; they share the scripted array, as real ones do.
-#include "fimctl/travel.h"
-
-#include <sched.h>
+// A snapshot's way to the backup host and back.
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
+#include <filesystem>
 #include <nlohmann/json.hpp>
 
-#include "fimctl/digest.h"
-#include "fimctl/failure.h"
 #include "fimctl/travel_document.h"
-#include "tests/fimctl/world.h"
-#include "tests/support/private_root.h"
+#include "tests/fimctl/travel_fixture.h"
 
 namespace {
 
@@ -21,59 +14,12 @@ using fimctl::Direction;
 using fimctl::State;
 using fimctl::TravelDocument;
 using test::Ended;
-using Words = std::vector<std::string>;
+using test::Words;
 
 const std::string array_id = "000184500123";
 const std::string import_config = "alternate_backup_client=backup1";
-const std::string backup_state = "/var/backup-state";
-const std::string file = "/exchange/one";
-const std::string back_file = "/exchange/back";
 
-class Travel : public test::FimctlWorld {
-  protected:
-    void SetUp() override {
-        FimctlWorld::SetUp();
-        ASSERT_EQ(unshare(CLONE_NEWUTS), 0);
-        test::make_folders("/exchange");
-        be("client1");
-        one_ = add_file_system("one", array_id, "00A1", "01A1");
-    }
-    void be(const std::string &host) { ASSERT_EQ(sethostname(host.data(), host.size()), 0); }
-
-    Ended on_client(const Words &words) {
-        be("client1");
-        return fimctl(words);
-    }
-    Ended on_backup(Words words) {
-        be("backup1");
-        words.insert(words.begin(), {"--state", backup_state});
-        return fimctl(words);
-    }
-    fimctl::SnapshotRecord there(int64_t id) { return snapshot(id, backup_state); }
-
-    void freeze() { ASSERT_EQ(on_client({"freeze", "--no-quiesce", one_}).status, 0); }
-    // Frozen, and out to the exchange folder.
-    void hand_out() {
-        freeze();
-        const Ended ended = on_client({"export", "1", "--output", file});
-        ASSERT_EQ(ended.status, 0) << ended.err;
-    }
-    // And taken in on the backup host.
-    void carry() {
-        hand_out();
-        const Ended ended = on_backup({"import", file});
-        ASSERT_EQ(ended.status, 0) << ended.err;
-        ASSERT_EQ(ended.out, "1\n");
-    }
-    void expect_refused(const Ended &ended, const std::string &reason, const std::string &next) {
-        EXPECT_EQ(ended.status, 2);
-        EXPECT_NE(ended.err.find(reason), std::string::npos) << ended.err;
-        EXPECT_NE(ended.err.find("next: " + next), std::string::npos) << ended.err;
-    }
-    int count_of(const std::string &call) { return static_cast<int>(processes_of(call).size()); }
-
-    std::string one_;
-};
+class Travel : public test::TwoHosts {};
 
 TEST_F(Travel, leads_to_the_backup_host_and_back) {
     carry();
@@ -422,103 +368,6 @@ TEST_F(Travel, a_group_whose_copy_would_get_the_name_of_another_ones_is_not_take
               0);
     expect_refused(on_backup({"import", back_file}), "would be named client1_" + stem.substr(0, 17),
                    "end that one first: fimctl release 1");
-}
-
-// --- what is no good document ---
-
-class Document : public Travel {
-  protected:
-    void SetUp() override {
-        Travel::SetUp();
-        hand_out();
-        text_ = test::read_file(file);
-    }
-    Ended import(const std::string &text) {
-        test::write_file("/exchange/bad", text);
-        const Ended ended = on_backup({"import", "/exchange/bad"});
-        EXPECT_EQ(on_backup({"list", "--all"}).out, "no snapshots\n");
-        return ended;
-    }
-    std::string replaced(const std::string &old, const std::string &by) {
-        std::string text = text_;
-        text.replace(text.find(old), old.size(), by);
-        return text;
-    }
-
-    std::string text_;
-};
-
-TEST_F(Document, of_another_version_is_refused_and_named) {
-    expect_refused(import(replaced("\"version\": 1", "\"version\": 2")),
-                   "the document has version 2; this fimctl reads version 1",
-                   "use the same version of fimctl on both hosts");
-}
-
-TEST_F(Document, with_a_changed_byte_is_refused) {
-    expect_refused(import(replaced("00A1", "00A2")),
-                   "the document is damaged: its checksum is that of another text",
-                   "carry it again");
-    expect_refused(import(replaced("HDEF-is_tgt=1", "HDEF-is_tgt=0")), "the document is damaged",
-                   "carry it again");
-}
-
-TEST_F(Document, that_was_cut_short_is_refused_wherever_it_was_cut) {
-    const size_t end = text_.rfind('}');
-    for (size_t size = 1; size <= end; size += 37) {
-        expect_refused(import(text_.substr(0, size)), "the document is damaged: it is cut short",
-                       "carry it again");
-    }
-    expect_refused(import(""), "the document is damaged: it is empty", "carry it again");
-}
-
-TEST_F(Document, that_is_something_else_is_refused) {
-    expect_refused(import("{\"a\": 1}"), "this is no snapshot that fimctl has exported",
-                   "name the file that \"fimctl export\" has written");
-    expect_refused(import("[1, 2]"), "this is no snapshot that fimctl has exported", "name the");
-}
-
-TEST_F(Document, that_lacks_a_field_is_refused) {
-    auto json = nlohmann::ordered_json::parse(text_);
-    json.erase("checksum");
-    json.erase("uuid");
-    json["checksum"] = "sha256:" + fimctl::sha256(json.dump());
-    expect_refused(import(json.dump()), "the document is damaged: ", "carry it again");
-}
-
-TEST_F(Document, whose_checkpoint_belongs_to_another_place_is_refused) {
-    auto document = fimctl::read_document(text_);
-    document.snapshot.objects[0].fifs = "/etc";
-    expect_refused(import(write_document(document)), "does not belong to it",
-                   "export the snapshot again");
-}
-
-TEST_F(Document, may_be_laid_out_anew) {
-    test::write_file(file, nlohmann::ordered_json::parse(text_).dump());
-    EXPECT_EQ(on_backup({"import", file}).status, 0);
-}
-
-TEST(TravelDocument, keeps_bytes_that_are_no_text) {
-    TravelDocument document;
-    document.origin_host = "client1";
-    document.snapshot.objects.resize(1);
-    document.snapshot.objects[0].source = "/data/\xff\xfe and \n more";
-    document.snapshot.objects[0].text = "HDEF-fs_path=/data/\xff\n";
-    document.snapshot.frozen_ms = 12.345678901234567;
-    const auto read = fimctl::read_document(write_document(document));
-    EXPECT_EQ(read.snapshot.objects[0].source, document.snapshot.objects[0].source);
-    EXPECT_EQ(read.snapshot.objects[0].text, document.snapshot.objects[0].text);
-    EXPECT_EQ(read.snapshot.frozen_ms, document.snapshot.frozen_ms);
-}
-
-TEST(Sha256, is_that_of_the_published_examples) {
-    EXPECT_EQ(fimctl::sha256(""),
-              "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
-    EXPECT_EQ(fimctl::sha256("abc"),
-              "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
-    EXPECT_EQ(fimctl::sha256("abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq"),
-              "248d6a61d20638b8e5c026930c3e6039a33ce45964ff2167f6ecedd419db06c1");
-    EXPECT_EQ(fimctl::sha256(std::string(1000000, 'a')),
-              "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0");
 }
 
 // --- what is told ---
