@@ -17,6 +17,11 @@ class Mirrors : public Scenario {
     int64_t state(const std::string &saved_as, const std::string &primary, const std::string &bcv) {
         return saved_number(saved_as, "state", primary, bcv);
     }
+    void expect_array_call_failed(const Call &call, int number, const std::string &begin) {
+        EXPECT_EQ(call.status, 11) << call.step;
+        EXPECT_EQ(call.number, number) << call.step;
+        EXPECT_EQ(call.errmsg.substr(0, begin.size()), begin);
+    }
     // A pair that takes a minute of virtual time, which stands still.
     void begin_slow_establish() {
         array("rate 1");
@@ -156,6 +161,38 @@ TEST_F(Mirrors, sync_at_start_2_moves_everything_unless_it_is_synchronised_needs
     fill("/data", "once more");
     expect_a_whole_snapshot(on_device("p1"), "/dev/sda", "sync_at_start=0");
     EXPECT_LT(saved_number("joined", "tracks", "00A1", "01A1"), all_tracks / 2);
+}
+
+// A full establish names the device and not the BCV; the array takes the first pair of the device's
+// group. A pair of another group has been released by then and is not meant.
+TEST_F(Mirrors, sync_at_start_2_passes_over_one_of_another_group_needs_root) {
+    make(on_device("p3"));
+    array("clock advance 60");
+    expect_a_whole_snapshot(on_device("p3"), "/dev/sde", "sync_at_start=2");
+    EXPECT_EQ(state("frozen", "00A3", "03A1"), 5);
+    EXPECT_EQ(saved_number("frozen", "tracks", "00A3", "03A2"), all_tracks);
+}
+
+// So it cannot serve where the first pair of the group is somebody else's and runs. The record is
+// to be established at the end by then, but names no BCV yet: the process cannot give it up, and
+// its lock goes when the next process finds that nobody owns it.
+TEST_F(Mirrors, sync_at_start_2_is_refused_where_another_bcv_comes_first_needs_root) {
+    make(on_device("p2"));
+    array("clock advance 60");
+    const Phase failed = phase({"freeze", "sync_at_start=2", "/data", "/copy", "or_give_up"});
+    expect_array_call_failed(failed.at("freeze"), 8,
+                             "find_bcv_pair: SymAPI call to SymLdevBcvControl on device "
+                             "/dev/qz/rdmp/p2 failed with code 303 (");
+    expect_success(failed.at("thaw"));
+    expect_array_call_failed(
+        failed.at("thaw_commit"), 3,
+        "wait_for_establish: SymAPI call to SymDevSync on device  failed with code ");
+    EXPECT_TRUE(failed.at("thaw_commit").logged("split_device failed"));
+    EXPECT_NE(counter_files(), "");
+    EXPECT_EQ(pair_state("00A2", "02A1"), 2);
+    EXPECT_EQ(pair_state("00A2", "02A2"), 5);
+    const Phase whole = expect_a_whole_snapshot(on_device("p2"), "/dev/sdc");
+    EXPECT_TRUE(whole.at("freeze").logged_part("truncating leftover lock file: "));
 }
 
 // Flag 3 finds the pair and goes on; whoever freezes so has to see to the rest.
