@@ -1,16 +1,25 @@
-// The checkpoint text: rebuilt, and where that succeeds written again. A second rebuild of what was
-// written gives the same text.
+// The checkpoint text: rebuilt, and where that succeeds written again, both against a model of it.
+// A second rebuild of what was written gives the same text.
 //
 //     Input: a checkpoint text.
 #include "fuzz/support/checkpoint.h"
 #include "fuzz/support/finding.h"
 #include "fuzz/support/input.h"
+#include "fuzz/support/text_model.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const std::string text = fuzz::text_of(data, size).c_str();
     std::string first, second;
     fuzz::Additions additions, same;
-    if (fuzz::rebuild_and_write(text, &first, &additions) != 0) return 0;
+    const fuzz::Expected expected = fuzz::expected_rebuild(text);
+    const int32_t status = fuzz::rebuild_and_write(text, &first, &additions);
+    if (status != expected.status) {
+        fuzz::finding("status %d and not %d for\n%s", status, expected.status, text.c_str());
+    }
+    if (first != expected.text) {
+        fuzz::finding("rebuilt as\n%s\nand not\n%s", first.c_str(), expected.text.c_str());
+    }
+    if (status != 0) return 0;
     const std::string handed_over = fuzz::with_additions(first, additions);
     if (fuzz::rebuild_and_write(handed_over, &second, &same) != 0) {
         // What the text said of the alternate host behind a device now stands in front of it, and

@@ -1,0 +1,17 @@
+// What a rebuild makes of a checkpoint text, worked out a second time and in another way: over keys
+// and values instead of records. It knows the array of every_device.h and its tools.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace fuzz {
+
+struct Expected {
+    int32_t status = 0;
+    std::string text;  // the checkpoint of the rebuilt record, after a success
+};
+
+Expected expected_rebuild(const std::string &text);
+
+}  // namespace fuzz
