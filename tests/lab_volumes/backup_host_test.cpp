@@ -286,5 +286,91 @@ TEST_F(VolumeOnTheBackupHost, that_is_in_use_there_keeps_its_group_until_it_is_n
     expect_released({vol1, vol2});
 }
 
+// The mirrors keep the name that they were imported under, and the host that knew it is gone. There
+// is no second look at this copy; its release on the primary host needs nothing of it.
+TEST_F(VolumeOnTheBackupHost, whose_host_was_restarted_is_not_imported_again_needs_root) {
+    make({vol1});
+    ask_for_import();
+    freeze({vol1}, with_import);
+    start_host("backup2");
+    array("unmask 000184500123 01A1 backup1");
+    array("mask 000184500123 01A1 backup2 /dev/rdsk/c2t0d1");
+    host("cp /exchange/0 /exchange/0.here");
+    on("backup2");
+    add_first({vol1}, "HDEF-is_tgt=1");
+    bring_up({vol1});
+    add_first({vol1}, "HDEF-is_tgt=1", ".up");
+    restart_host("backup2");
+    const Phase again = phase({"rebuild", "/exchange/0", "volumes", "thaw"});
+    EXPECT_NE(again.at("volumes").status, 0);
+    EXPECT_TRUE(again.at("volumes").logged_part("group datadg"));
+    expect_success(again.at("thaw"));
+    thaw({vol1}, false);
+    EXPECT_EQ(
+        host("grep ' /copy/' /proc/self/mounts; ls /dev/qz/dsk 2>/dev/null; ls -A /tmp; true"), "");
+    release_here({vol1});
+    expect_released({vol1});
+}
+
+// Not even the group that is imported there under its own name is touched.
+TEST_F(VolumeOnTheBackupHost, is_not_imported_by_the_process_that_froze_it_needs_root) {
+    make({vol1});
+    ask_for_import();
+    const Phase all = phase({"freeze", with_import, "/data/vol1", "/copy/vol1", "ctl", "4",
+                             "commit", "volumes", "thaw", "thaw_commit"});
+    EXPECT_NE(all.at("volumes").status, 0);
+    EXPECT_EQ(commands(all.at("volumes")),
+              (Words{"/usr/sbin/qzdg -C -n datadg_clone import datadg", "/usr/sbin/qzdctl enable",
+                     "/usr/sbin/qzdg -C -n datadg_clone import datadg"}));
+    expect_success(all.at("thaw"));
+    expect_success(all.at("thaw_commit"));
+    expect_unchanged(vol1, "/data/vol1");
+    expect_released({vol1});
+}
+
+// Names of clone groups are cut, so two groups may have one; the second is refused, whichever it
+// is.
+TEST_F(VolumeOnTheBackupHost, whose_clone_name_is_taken_is_not_imported_needs_root) {
+    const Object first = {"datadg_production_1", "vol1", "ext4", "p0"},
+                 second = {"datadg_production_2", "vol2", "ext4", "p1"};
+    make({first, second});
+    ask_for_import();
+    freeze({first, second}, with_import);
+    on("backup1");
+    add_first({first, second}, "HDEF-is_tgt=1");
+    host("mkdir -p /copy/vol1 /copy/vol2");
+    const Phase up = phase({"object",
+                            "0",
+                            "rebuild",
+                            "/exchange/0",
+                            "object",
+                            "1",
+                            "rebuild",
+                            "/exchange/1",
+                            "object",
+                            "0",
+                            "volumes",
+                            "run",
+                            check_step(first, "/copy/vol1"),
+                            "object",
+                            "1",
+                            "volumes",
+                            "object",
+                            "0",
+                            "run",
+                            check_step(first, "/copy/vol1"),
+                            "thaw",
+                            "object",
+                            "1",
+                            "thaw"});
+    expect_success(up.at("volumes", 0));
+    EXPECT_EQ(up.at("volumes", 0).volpath, "/dev/qz/rdsk/client1_datadg_production_clone/vol1");
+    EXPECT_NE(up.at("volumes", 1).status, 0);
+    EXPECT_TRUE(up.at("volumes", 1).logged_part("client1_datadg_production_clone is imported"));
+    expect_success(up.at("thaw", 0));
+    expect_success(up.at("thaw", 1));
+    expect_no_copy_here();
+}
+
 }  // namespace
 }  // namespace test

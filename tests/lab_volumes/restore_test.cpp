@@ -166,6 +166,24 @@ TEST_F(RestoreOfAGroup, of_two_types_in_the_other_order_mounts_the_last_one_need
     expect_restored({vol2, vol1});
 }
 
+// Each group is deported by its last object; what was rebuilt last is mounted.
+TEST_F(RestoreOfAGroup, together_with_another_brings_both_back_needs_root) {
+    make({vol1, log1});
+    freeze_with_import({vol1, log1});
+    destroy(vol1);
+    destroy(log1);
+    prepare_texts({vol1, log1});
+    const Phase back = restore({vol1, log1});
+    expect_all_succeed(back);
+    EXPECT_EQ(commands(back.at("thaw_commit", 0)), Words{"/usr/sbin/qzdg deport datadg"});
+    EXPECT_EQ(commands(back.at("thaw_commit", 1)),
+              (Words{"/usr/sbin/qzdg deport logdg", "/usr/sbin/qzdg -C import logdg",
+                     "/usr/sbin/qzvol -g logdg startall", "/usr/sbin/qzdg -C import datadg",
+                     "/usr/sbin/qzvol -g datadg startall"}));
+    EXPECT_EQ(mounts(), "/dev/qz/dsk/logdg/log1 /data/log1 ext4\n");
+    expect_restored({vol1, log1});
+}
+
 // The mirrors were another host's meanwhile, which gave them their group's name back.
 TEST_F(RestoreOfAGroup, after_its_copy_was_read_on_the_backup_host_needs_root) {
     make({vol1, vol3});

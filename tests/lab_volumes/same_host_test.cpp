@@ -297,5 +297,61 @@ TEST_F(VolumeOnItsHost, that_no_group_has_is_not_frozen_needs_root) {
     EXPECT_EQ(counter_files() + host("ls -A /tmp"), "");
 }
 
+TEST_F(VolumeOnItsHost, whose_clone_name_is_taken_is_not_cloned_needs_root) {
+    const Object first = {"datadg_production_1", "vol1", "ext4", "p0"},
+                 second = {"datadg_production_2", "vol2", "ext4", "p1"};
+    make({first, second});
+    freeze({first, second});
+    carry_clone_information({first, second});
+    const Phase up = phase({"object",      "0",           "rebuild",
+                            "/exchange/0", "object",      "1",
+                            "rebuild",     "/exchange/1", "object",
+                            "0",           "volumes",     "object",
+                            "1",           "volumes",     "object",
+                            "0",           "run",         check_step(first, "/copy/vol1"),
+                            "rollback",    "object",      "1",
+                            "rollback"});
+    expect_success(up.at("volumes", 0));
+    EXPECT_NE(up.at("volumes", 1).status, 0);
+    EXPECT_TRUE(up.at("volumes", 1).logged_part("client1_datadg_production_clone"));
+    for (size_t i = 0; i < 2; ++i) {
+        expect_success(up.at("thaw", i));
+        expect_success(up.at("thaw_commit", i));
+    }
+    expect_released({first, second});
+}
+
+// The copy's file system is damaged on the mirror. It is not mounted, and a thaw ends the copy.
+TEST_F(VolumeOnItsHost, whose_copy_does_not_pass_its_check_is_not_mounted_needs_root) {
+    make({vol1});
+    freeze({vol1});
+    carry_clone_information({vol1});
+    host("dd if=/dev/urandom of=/dev/sdq bs=1M seek=1 count=8 conv=fsync status=none");
+    const Phase bad = phase({"rebuild", "/exchange/0", "volumes", "rollback"});
+    const Call &up = bad.at("volumes");
+    EXPECT_EQ(up.status, 11);
+    EXPECT_EQ(up.number, 3);
+    EXPECT_EQ(up.errmsg.find("TimeFinder_volumes: Q_fsck(/dev/qz/rdsk/client1_datadg_clone/vol1,"
+                             " ext4) failed with status=1, exit_status="),
+              0U)
+        << up.errmsg;
+    EXPECT_EQ(up.volpath, "/dev/qz/rdsk/client1_datadg_clone/vol1");
+    expect_success(bad.at("thaw"));
+    expect_success(bad.at("thaw_commit"));
+    expect_unchanged(vol1, "/data/vol1");
+    expect_released({vol1});
+}
+
+TEST_F(VolumeOnItsHost, is_not_frozen_without_the_clone_tool_needs_root) {
+    make({vol1});
+    host("mv /usr/quill/tessera/bin/tqdgclone /exchange/");
+    const Phase none = phase({"freeze", "-", "/data/vol1", "/copy/vol1"});
+    expect_failure(none.at("freeze"), 3,
+                   "vol_to_device: Cannot discover devices associated with volume");
+    EXPECT_EQ(counter_files() + host("ls -A /tmp"), "");
+    host("mv /exchange/tqdgclone /usr/quill/tessera/bin/");
+    freeze({vol1});
+}
+
 }  // namespace
 }  // namespace test
