@@ -186,6 +186,7 @@ void bring_copy_up(const CloneOptions &options) {
     CloneInformation information;
     if (is_described) {
         information = read_information(options.information);
+        check_information(information, options);
     } else {
         check_plex(options);
     }
@@ -193,7 +194,7 @@ void bring_copy_up(const CloneOptions &options) {
     const qz::Exclusive exclusive;
     const std::vector<Mirror> mirrors = read_mirrors(options);
     if (all_belong_to(mirrors, clone)) return start_existing_copy(clone, options);
-    if (is_described) check_information(information, options, mirrors);
+    if (is_described) check_mirrors(information, options, mirrors);
     make_copy(clone, options, mirrors);
 }
 

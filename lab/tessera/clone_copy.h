@@ -36,9 +36,11 @@ struct Mirror {
 // The part of the mirrors' group that is copied: these volumes, on these disks.
 qz::Group part_to_copy(const std::string &group, const std::vector<std::string> &volumes,
                        const std::vector<Mirror> &mirrors);
-// Throws unless the information is of this call and of these mirrors.
-void check_information(const CloneInformation &information, const CloneOptions &options,
-                       const std::vector<Mirror> &mirrors);
+// Throws unless the information is of the group, host, primaries and volumes of this call.
+void check_information(const CloneInformation &information, const CloneOptions &options);
+// Throws unless it is of these mirrors, too, as they are before a copy is made of them.
+void check_mirrors(const CloneInformation &information, const CloneOptions &options,
+                   const std::vector<Mirror> &mirrors);
 // Whether a group may be a clone of another one, judged by their names.
 bool is_clone_name(const std::string &clone, const std::string &group);
 

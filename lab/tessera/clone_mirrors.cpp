@@ -26,6 +26,10 @@ void check_volume_is_covered(const qz::Volume &volume, const std::vector<Mirror>
     }
 }
 
+[[noreturn]] void refuse(const CloneOptions &options, const std::string &why) {
+    throw CloneInformationError(options.information + ": " + why);
+}
+
 bool is_same(const CloneVolume &told, const qz::Volume &found) {
     return told.start == found.start && told.length == found.length && told.disks == found.disks;
 }
@@ -65,32 +69,38 @@ qz::Group part_to_copy(const std::string &group, const std::vector<std::string> 
     return part;
 }
 
-void check_information(const CloneInformation &information, const CloneOptions &options,
-                       const std::vector<Mirror> &mirrors) {
-    const auto refuse = [&options](const std::string &why) {
-        throw CloneInformationError(options.information + ": " + why);
-    };
+void check_information(const CloneInformation &information, const CloneOptions &options) {
     if (information.group != options.group) {
-        refuse("it is about disk group " + information.group + ", not about " + options.group);
+        refuse(options,
+               "it is about disk group " + information.group + ", not about " + options.group);
     }
     if (information.host != options.host) {
-        refuse("it was written on host " + information.host + ", not on " + options.host);
+        refuse(options, "it was written on host " + information.host + ", not on " + options.host);
     }
+    for (const DevicePair &pair : options.devices) {
+        if (information.disk_at(pair.primary) == nullptr) {
+            refuse(options, "it knows no disk " + pair.primary);
+        }
+    }
+    for (const std::string &name : options.volumes) {
+        if (information.volume(name) == nullptr) refuse(options, "it knows no volume " + name);
+    }
+}
+
+void check_mirrors(const CloneInformation &information, const CloneOptions &options,
+                   const std::vector<Mirror> &mirrors) {
     for (const Mirror &mirror : mirrors) {
         const CloneDisk *const disk = information.disk_at(mirror.pair.primary);
-        if (disk == nullptr) refuse("it knows no disk " + mirror.pair.primary);
         const qz::Region &region = mirror.region;
         if (region.group.id != information.group_id || region.disk_id != disk->id) {
-            refuse(mirror.pair.bcv + " is not the mirror of " + mirror.pair.primary);
+            refuse(options, mirror.pair.bcv + " is not the mirror of " + mirror.pair.primary);
         }
     }
     const qz::Group &group = mirrors.front().region.group;
     for (const std::string &name : options.volumes) {
-        const CloneVolume *const told = information.volume(name);
-        if (told == nullptr) refuse("it knows no volume " + name);
         const qz::Volume *const found = group.volume(name);
-        if (found != nullptr && !is_same(*told, *found)) {
-            refuse("volume " + name + " lies elsewhere on the mirrors");
+        if (found != nullptr && !is_same(*information.volume(name), *found)) {
+            refuse(options, "volume " + name + " lies elsewhere on the mirrors");
         }
     }
 }

@@ -88,6 +88,7 @@ struct CheckOfTheInformation : testing::Test {
         options.host = "client1";
         options.information = "FILE";
         options.volumes = {"vol1"};
+        for (const Mirror &mirror : mirrors) options.devices.push_back(mirror.pair);
         information.group = "datadg";
         information.group_id = "g1";
         information.host = "client1";
@@ -96,7 +97,8 @@ struct CheckOfTheInformation : testing::Test {
     }
     std::string refusal() const {
         try {
-            check_information(information, options, mirrors);
+            check_information(information, options);
+            check_mirrors(information, options, mirrors);
         } catch (const CloneInformationError &error) {
             return error.what();
         }

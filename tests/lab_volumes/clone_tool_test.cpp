@@ -191,6 +191,9 @@ TEST_F(CloneTool, needs_an_information_that_is_whole_and_of_this_copy_needs_root
     expect_refused("-g datadg -n vol1 -d /dev/qz/rdmp/p0,/dev/sdr -i /tmp/info -r client1",
                    "/tmp/info: /dev/sdr is not the mirror of /dev/qz/rdmp/p0");
     EXPECT_EQ(clone("vol1", "/tmp/info"), "");
+    // Nor is it done without where the copy is there already.
+    expect_refused(form + " -i /tmp/foreign -r client1",
+                   "/tmp/foreign: it is about disk group logdg, not about datadg");
 }
 
 TEST_F(CloneTool, refuses_mirrors_that_cannot_be_used_needs_root) {

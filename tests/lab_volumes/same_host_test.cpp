@@ -141,6 +141,24 @@ TEST_F(VolumeOnItsHost, is_cloned_by_one_command_within_one_process_needs_root) 
     EXPECT_EQ(commands(all.at("thaw", 1)), Words{tool + "-g datadg -n vol2 -c datadg_clone"});
 }
 
+// The text of a copy that is up tells the later process what to end; it needs no clone block.
+TEST_F(VolumeOnItsHost, copied_by_the_process_that_froze_it_is_released_by_another_needs_root) {
+    make({vol1, vol2});
+    const Objects objects = {vol1, vol2};
+    Words steps = for_each(objects, {"freeze", "-", "SOURCE", "COPY"});
+    steps.insert(steps.end(), {"ctl", "4"});
+    for (const Words &more : {for_each(objects, {"commit"}), for_each(objects, {"volumes"}),
+                              for_each(objects, {"ckpt", "TEXT.up"})}) {
+        steps.insert(steps.end(), more.begin(), more.end());
+    }
+    expect_all_succeed(phase(steps));
+    for (const Object &object : objects) expect_unchanged(object, object.copy());
+    EXPECT_EQ(host("cat /exchange/?.up | grep -E 'CLONE_INFO|clone_group'"),
+              "HDEF-clone_group=datadg_clone\nHDEF-clone_group=datadg_clone\n");
+    release(objects);
+    expect_released(objects);
+}
+
 TEST_F(VolumeOnItsHost, has_the_given_text_to_the_byte_needs_root) {
     make({vol3});
     freeze({vol3}, "keep_fi=1,plexname=data");
