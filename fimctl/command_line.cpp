@@ -30,6 +30,7 @@ class CommandLine {
         add_catalogue_commands(commands_);
         add_configuration_commands(commands_);
         add_inspection_commands(commands_);
+        add_completion_commands(commands_);
     }
 
     // Everything behind the first "--" is the command of run, and none of our options.

@@ -13,6 +13,7 @@ struct Options {
     int64_t id = 0;
     bool all = false;
     bool json = false;
+    bool ids = false;
 };
 
 void list(const Common &common, const Options &options) {
@@ -21,6 +22,12 @@ void list(const Common &common, const Options &options) {
         for (auto &snapshot : Catalogue(common.settings.state, false).all()) {
             if (options.all || !is_over(snapshot.state)) shown.push_back(snapshot);
         }
+    }
+    if (options.ids) {
+        for (const SnapshotRecord &snapshot : shown) {
+            printf("%lld\n", static_cast<long long>(snapshot.id));
+        }
+        return;
     }
     fputs(listing(shown, options.json).c_str(), stdout);
 }
@@ -52,6 +59,7 @@ void add_catalogue_commands(Commands &commands) {
     CLI::App *listed = commands.add("list", "the snapshots that are not over", Access::reading,
                                     [&common, options] { list(common, *options); });
     listed->add_flag("--all", options->all, "those that are over as well");
+    listed->add_flag("--ids", options->ids, "only their numbers, one a line");
     CLI::App *shown = commands.add("show", "one snapshot, with its pairs as they are now",
                                    Access::reading, [&common, options] { show(common, *options); });
     add_id(shown, options->id);

@@ -62,6 +62,7 @@ void add_restore_commands(Commands &commands);        // restore
 void add_catalogue_commands(Commands &commands);      // list, show
 void add_configuration_commands(Commands &commands);  // config
 void add_inspection_commands(Commands &commands);     // locks, doctor, plan
+void add_completion_commands(Commands &commands);     // completion
 
 // Of the commands that take one: the number of a snapshot.
 void add_id(CLI::App *command, int64_t &id);
