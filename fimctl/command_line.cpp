@@ -12,7 +12,9 @@ namespace {
 constexpr char footer[] =
     "Exit codes: 0 done; 1 failed and rolled back; 2 usage; 3 something is left to clean;\n"
     "10 no such snapshot; 11 owned by another process; 12 array not available; 13 permission;\n"
-    "130 interrupted, after clean-up.";
+    "130 interrupted, after clean-up.\n"
+    "Manual: man 8 fimctl; settings: man 5 fimctl.toml; how a snapshot lives: man 7 "
+    "tessera-snapshot";
 
 class CommandLine {
   public:

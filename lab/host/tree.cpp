@@ -24,6 +24,9 @@ constexpr File files[] = {
     {"bin/qzvm", "usr/sbin/qzvset"},
     {"bin/lockfs", "usr/sbin/lockfs"},
     {"bin/fimctl", "usr/bin/fimctl"},
+    {"man/man8/fimctl.8", "usr/share/man/man8/fimctl.8"},
+    {"man/man5/fimctl.toml.5", "usr/share/man/man5/fimctl.toml.5"},
+    {"man/man7/tessera-snapshot.7", "usr/share/man/man7/tessera-snapshot.7"},
     {"bin/tfarray", "usr/bin/tfarray"},
     {"bin/tfwriter", "usr/bin/tfwriter"},
 };
