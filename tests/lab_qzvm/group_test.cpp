@@ -386,6 +386,21 @@ on qzdg init datadg p0 p1
               "qz/dmp/p0\nqz/dmp/p1\nsdq\nsdr\n1\n");
 }
 
+TEST_F(Group, with_a_damaged_region_can_be_destroyed_needs_root) {
+    EXPECT_EQ(
+        printed(R"(
+on qzdg init datadg p0 p1
+on sh -c 'printf x | dd of=/dev/qz/dmp/p1 bs=1 seek=60 conv=notrunc,fsync status=none'
+on qzdg list datadg | tail -1 | tr -s ' '
+refused on qzdg deport datadg
+on qzdg destroy datadg
+regions
+)"),
+        "datadg imported - - the private region of disk p1 is damaged: its checksum is wrong\n"
+        "qzdg: the private region of disk p1 is damaged: its checksum is wrong\n"
+        "qz/dmp/p0\nqz/dmp/p1\nsdq\nsdr\n");
+}
+
 TEST_F(Group, that_is_interrupted_while_it_is_imported_can_be_given_up_needs_root) {
     // As it is when the command is killed between the host's note and the second disk.
     EXPECT_EQ(printed(R"(

@@ -309,6 +309,33 @@ pairs restore
               "alive\n");
 }
 
+TEST_F(Holder, is_right_whenever_the_command_that_starts_it_is_killed_needs_root) {
+    // After each attempt the whole is done and undone; whatever was left must not be in the way.
+    EXPECT_EQ(printed(R"(
+group
+joined
+parted
+on_backup
+killed_after() { backup timeout -s KILL 0.0$1 "${@:2}" >/dev/null 2>&1 || true; }
+for time in 001 002 003 004 005 006 008 010 015 020; do
+    killed_after $time qzdg -C -n clone import datadg
+    backup qzdg list clone >/dev/null 2>&1 || backup qzdg -C -n clone import datadg
+    killed_after $time qzvol -g clone startall
+    backup qzdg -n datadg deport clone >/dev/null
+    backup qzdg -C -n clone import datadg
+    backup qzvol -g clone startall
+    refused pairs establish >/dev/null
+    killed_after $time qzvol -g clone stop vol2
+    killed_after $time qzdg -n datadg deport clone
+    if backup qzdg list clone >/dev/null 2>&1; then backup qzdg -n datadg deport clone; fi
+    backup ls /dev/qz/dsk
+done
+backup pgrep -x qzvm-holder || echo none
+pairs establish
+)"),
+              "none\n");
+}
+
 TEST_F(Holder, of_a_world_that_ends_with_volumes_mounted_leaves_nothing_needs_root) {
     // "tflab run" itself looks what is left, and would end with status 124.
     EXPECT_EQ(printed("group\non fsfreeze -f /data\n"), "");
