@@ -22,9 +22,9 @@ class Chooser {
         Choice choice;
         choice.imported.group = group;
         for (const GroupDisk &disk : group.disks) {
-            const Candidate &taken = last_online(id, disk, &choice.notices);
-            choice.imported.disks.push_back(taken.disk);
-            choice.before.push_back(taken.found.region);
+            const Candidate *taken = last_online(id, disk, &choice.notices);
+            choice.imported.disks.push_back(taken->disk);
+            choice.before.push_back(taken->found.region);
         }
         return choice;
     }
@@ -64,7 +64,7 @@ class Chooser {
         return *newest;
     }
 
-    const Candidate &last_online(const std::string &id, const GroupDisk &disk,
+    const Candidate *last_online(const std::string &id, const GroupDisk &disk,
                                  Notices *notices) const {
         std::vector<const Candidate *> all, renamed;
         const auto found = by_disk_.find(disk.id);
@@ -88,7 +88,7 @@ class Chooser {
             notices->push_back("disk " + all[i]->disk.name + " is passed over: " +
                                all[0]->disk.name + " has the same id and was put online later");
         }
-        return *all[0];
+        return all[0];
     }
 
     // What of the disks may be the reason that one is missing.

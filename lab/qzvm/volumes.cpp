@@ -110,12 +110,11 @@ std::vector<Descriptor> take_unused(const std::string &group, const Holding &now
                                     const std::map<std::string, Attachment> &volumes) {
     std::vector<Descriptor> taken;
     for (const auto &[name, loop] : volumes) {
-        const auto refuse = [&](const std::string &use) {
-            throw Error("volume " + name + " of group " + group + " is " + use);
-        };
         taken.push_back(take_exclusively(loop));
-        if (!taken.back().good()) refuse(use_of(loop, now.pid));
-        if (const std::string use = open_in(loop, now.pid); !use.empty()) refuse(use);
+        const std::string use =
+            taken.back().good() ? open_in(loop, now.pid) : use_of(loop, now.pid);
+        if (!use.empty()) throw Error("volume " + name + " of group " + group + " is " + use);
+        if (!taken.back().good()) throw Error("volume " + name + " was in use just now; try again");
     }
     return taken;
 }

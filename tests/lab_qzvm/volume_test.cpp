@@ -282,6 +282,7 @@ TEST_F(Holder, that_was_killed_leaves_a_mounted_volume_as_it_is_and_nothing_else
     EXPECT_EQ(printed(R"(
 group
 on pkill -9 -x qzvm-holder
+while on pgrep -x qzvm-holder >/dev/null; do sleep 0.02; done
 on sh -c 'echo alive >/data/file && cat /data/file'
 refused tfarray restore 000184500123 00A1 01A1
 refused on qzvol -g datadg startall
