@@ -21,7 +21,7 @@ struct Group {
 // The name that two groups would share, or "". What was carried here is only ever brought up by a
 // process that rebuilt it.
 std::string shared_name(const Group &one, const Group &two) {
-    const std::string rebuilt = clone_name(one.host, one.name);
+    std::string rebuilt = clone_name(one.host, one.name);
     if (rebuilt == clone_name(two.host, two.name)) return rebuilt;
     const std::string plain = clone_name(one.name);
     return !one.is_target && !two.is_target && plain == clone_name(two.name) ? plain : "";

@@ -38,6 +38,20 @@ TEST_F(FimctlVolumes, of_one_group_and_of_another_are_read_on_their_own_host_nee
     expect_established({"00A1", "00A2", "00A4"});
 }
 
+TEST_F(FimctlVolumes, of_an_imported_group_are_read_on_their_own_host_needs_root) {
+    make_group();
+    ask_for_import();
+    // The method makes mirrors known only to the volume manager of a backup host.
+    host("for disk in sdq sdr; do qzdisk define $disk && qzdisk online $disk; done");
+    fim(std::string("run ") + with_import +
+        " /data/vol1 /data/vol2 -- sh -c 'cp -a $1/. /exchange/1; cp -a $2/. /exchange/2' sh {}");
+    expect_as_frozen("vol1", "/exchange/1");
+    expect_as_frozen("vol2", "/exchange/2");
+    expect_nothing_left();
+    expect_established({"00A1", "00A2"});
+    host("touch /data/vol1/still /data/vol2/there");
+}
+
 TEST_F(FimctlVolumes, that_are_named_by_their_device_are_read_as_devices_needs_root) {
     make_group();
     ASSERT_EQ(fim("freeze /dev/qz/dsk/datadg/vol1"), "1");
@@ -66,6 +80,26 @@ TEST_F(FimctlVolumes, killed_between_the_cut_and_the_checkpoint_are_established_
     expect_nothing_left();
     expect_established({"00A1", "00A2"});
     host("touch /data/vol1/still /data/vol2/there");
+}
+
+TEST_F(FimctlVolumes, of_an_imported_group_killed_after_the_cut_are_established_again_needs_root) {
+    make_group();
+    ask_for_import();
+    // The second control call is the split; its answer comes long after its effect.
+    array("fault add SymDevListBcvControl --at 2 --after --code 0 --delay-ms 60000");
+    host(std::string("(LD_PRELOAD=/usr/lib/tflab/libtflabsleep.so exec fimctl -q freeze ") +
+         with_import +
+         " /data/vol1 /data/vol2 >/exchange/told 2>&1 </dev/null) & echo $! "
+         ">/exchange/pid");
+    host(
+        "for i in $(seq 300); do fimctl show 1 2>&1 | grep -q 'state: *cutting' && break; sleep "
+        "0.1; done; sleep 1; kill -9 $(cat /exchange/pid); sleep 1");
+    EXPECT_NE(fim("list").find("cutting"), std::string::npos) << host("cat /exchange/told");
+    EXPECT_EQ(pair_state("00A1", "01A1"), 5);
+    host("touch /data/vol1/not-frozen /data/vol2/either");
+    fim("release 1");
+    expect_nothing_left();
+    expect_established({"00A1", "00A2"});
 }
 
 TEST_F(FimctlVolumes, killed_while_the_group_comes_up_are_taken_down_by_the_release_needs_root) {
