@@ -68,7 +68,7 @@ std::string checked_body(const std::string &text) {
     }
     const size_t end = text.rfind("\nend ");
     if (end == std::string::npos || text.back() != '\n') refuse("it is not complete");
-    const std::string body = text.substr(0, end + 1);
+    std::string body = text.substr(0, end + 1);
     if (text != sealed(body)) refuse("it is damaged");
     return body;
 }

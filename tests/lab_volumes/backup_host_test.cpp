@@ -151,6 +151,45 @@ TEST_F(VolumeOnTheBackupHost, is_not_split_by_the_commit_of_a_sibling_alone_need
     expect_pairs({vol1, vol2}, 5);
 }
 
+// A process ends the groups that it knows with the objects that it knows, so one that thaws a
+// single object takes the whole group; what is mounted keeps it.
+TEST_F(VolumeOnTheBackupHost, thawed_without_its_mounted_sibling_keeps_the_group_needs_root) {
+    make({vol1, vol2});
+    ask_for_import();
+    freeze({vol1, vol2}, with_import);
+    bring_up_there({vol1, vol2});
+    const Phase alone = phase({"rebuild", "/exchange/0.up", "thaw"});
+    expect_failure(alone.at("thaw"), 11,
+                   "TimeFinder_thaw: Unable to clean up disk group client1_datadg_clone, volume"
+                   " vol1");
+    EXPECT_TRUE(alone.at("thaw").logged_part("mounted on /copy/vol2"));
+    expect_unchanged(vol2, "/copy/vol2");
+    host("rm /tmp/EMCTX*");
+    thaw_there({vol1, vol2});
+    expect_no_copy_here();
+    release_here({vol1, vol2});
+    expect_released({vol1, vol2});
+}
+
+// Only the first object's text makes the disks known there, and a group is imported once.
+TEST_F(VolumeOnTheBackupHost, rebuilt_without_its_groups_first_object_is_not_shown_needs_root) {
+    make({vol1, vol2});
+    ask_for_import();
+    freeze({vol1, vol2}, with_import);
+    on("backup1");
+    add_first({vol1, vol2}, "HDEF-is_tgt=1");
+    const Phase early = phase({"rebuild", "/exchange/1", "volumes", "thaw"});
+    EXPECT_NE(early.at("volumes").status, 0);
+    EXPECT_EQ(commands(early.at("rebuild")), Words());
+    expect_success(early.at("thaw"));
+    host("mkdir -p /copy/vol1 /copy/vol2");
+    expect_all_succeed(phase({"rebuild", "/exchange/0", "volumes"}));
+    const Phase late = phase({"rebuild", "/exchange/1", "volumes", "thaw"});
+    EXPECT_NE(late.at("volumes").status, 0);
+    expect_success(late.at("thaw"));
+    expect_unchanged(vol1, "/copy/vol1");
+}
+
 TEST_F(VolumeOnTheBackupHost, can_be_shown_again_after_a_thaw_with_import_needs_root) {
     make({vol1, vol2});
     ask_for_import();
