@@ -177,7 +177,7 @@ TEST_F(Keyword, plexname_is_an_argument_of_the_clone_tool_needs_root) {
                                "1",
                                "thaw_commit"});
     expect_all_succeed(named);
-    for (const size_t which : {0, 1}) {
+    for (const size_t which : {0U, 1U}) {
         EXPECT_EQ(plex_arguments(named.at("freeze", which)), Words{"-p gold"}) << which;
     }
     for (const char *step : {"ckpt", "volumes"}) {

@@ -127,7 +127,7 @@ TEST_F(Mirrors, sync_at_start_1_without_control_code_4_cannot_be_committed_needs
     make(on_device("p1"));
     const Phase failed = phase({"freeze", "sync_at_start=1", "/data", "/copy", "commit", "ctl", "4",
                                 "commit", "or_give_up"});
-    for (const size_t which : {0, 1}) {
+    for (const size_t which : {0U, 1U}) {
         expect_failure(failed.at("commit", which), 11,
                        "emc_tf_split_prepare: Device /dev/qz/rdmp/p1 cannot be split at freeze; "
                        "bcv_pair_state=5");
