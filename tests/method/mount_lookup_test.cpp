@@ -316,6 +316,17 @@ TEST_F(MountLookup, the_cache_is_freed_when_the_library_is_unloaded) {
     EXPECT_EQ(WEXITSTATUS(status), cache_was_freed);
 }
 
+TEST_F(MountLookup, a_cache_that_was_given_back_is_read_anew) {
+    test::write_mount_table("/dev/one /tmp ext4 rw 0 0\n");
+    EXPECT_EQ(lookup("/tmp"), "0 /dev/one ext4 /tmp");
+    test::write_mount_table("/dev/two /tmp ext4 rw 0 0\n");
+    EXPECT_EQ(lookup("/tmp"), "0 /dev/one ext4 /tmp");
+    tf::clear_mount_cache();
+    EXPECT_EQ(mnttab_cached, 0);
+    EXPECT_EQ(mnttab_cached_list, nullptr);
+    EXPECT_EQ(lookup("/tmp"), "0 /dev/two ext4 /tmp");
+}
+
 // Devices of their own, as many as a test wants: enough for the index.
 class ManyMounts : public MountLookup {
   protected:

@@ -1,5 +1,6 @@
 #include <unistd.h>
 
+#include "method/rebuild.h"
 #include "tests/method/rebuild_fixture.h"
 
 namespace {
@@ -202,6 +203,21 @@ TEST_F(RebuildDevice, alternate_host_takes_no_locks_and_keeps_the_path_of_the_te
     EXPECT_EQ(commands(), test::Lines{});
     EXPECT_STREQ(h->pminfo_list->p_dev_raw_device, "/dev/emcpowera");
     EXPECT_FALSE(logged("TimeFinder_rebuild: block: /dev/qz/dmp/p00A1, raw: /dev/qz/rdmp/p00A1"));
+}
+
+// The handle is not looked after by the fixture: it is gone before the test ends.
+class FailedRebuild : public test::Release {};
+
+TEST_F(FailedRebuild, is_given_back_with_its_files) {
+    char text[] = "HDEF-restore=1\n";
+    hdef *failed = nullptr;
+    ASSERT_EQ(TimeFinder_rebuild(&failed, text), 11);
+    ASSERT_NE(failed, nullptr);
+    const std::string files[] = {failed->out_file, failed->err_file, failed->transfer_file};
+    for (const std::string &file : files) EXPECT_TRUE(test::exists(file));
+    tf::free_failed_rebuilds();
+    for (const std::string &file : files) EXPECT_FALSE(test::exists(file));
+    tf::free_failed_rebuilds();
 }
 
 }  // namespace
