@@ -32,6 +32,7 @@ class CommandLine {
         add_catalogue_commands(commands_);
         add_configuration_commands(commands_);
         add_inspection_commands(commands_);
+        add_left_over_commands(commands_);
         add_completion_commands(commands_);
     }
 

@@ -1,6 +1,7 @@
 // The first half of a snapshot's life: freeze, cut, judge.
 #include "fimctl/array_reader.h"
 #include "fimctl/cycle.h"
+#include "fimctl/frozen_mark.h"
 #include "fimctl/hooks.h"
 #include "fimctl/judge.h"
 #include "fimctl/log.h"
@@ -30,6 +31,7 @@ int64_t Cycle::freeze(const std::vector<std::string> &paths) {
     }
     if (settings_.quiesce) job.quiesce = file_systems_of(sources);
     job.deadline = settings_.freeze_deadline;
+    job.mark = frozen_mark_of(settings_.state, id);
     try {
         frozen_between_hooks(id, job);
     } catch (Failure &failure) {

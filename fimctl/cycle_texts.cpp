@@ -9,6 +9,7 @@
 
 #include "fimctl/away.h"
 #include "fimctl/cycle.h"
+#include "fimctl/frozen_mark.h"
 #include "fimctl/hooks.h"
 #include "fimctl/log.h"
 #include "fimctl/restore/restore.h"
@@ -183,6 +184,10 @@ void Cycle::release(int64_t id) {
         throw failure;
     }
     refuse_away(snapshot, "release", settings_.abandoned);
+    // Before anything else that could write: whoever writes to a frozen file system hangs.
+    for (const std::string &directory : thaw_marked(frozen_mark_of(settings_.state, id))) {
+        log::progress("thawed " + directory + ", which its killed guardian had left frozen");
+    }
     if (snapshot.state == State::restoring) {
         prepare_release_of_restoring(snapshot, settings_.abandoned);
         catalogue_.set_state(id, State::frozen);

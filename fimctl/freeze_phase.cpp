@@ -101,7 +101,7 @@ class FreezePhase {
     void cut(Method &method) {
         signals::ignore();
         talk_.step(Step::quiesce);
-        Guardian guardian(job_.quiesce, job_.deadline);
+        Guardian guardian(job_.quiesce, job_.deadline, job_.mark);
         talk_.step(Step::commit);
         for (hdef *handle : handles_) {
             if (!method.freeze_commit(handle)) throw method_failure(method, Step::commit);

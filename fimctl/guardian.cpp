@@ -18,6 +18,7 @@
 #include <thread>
 
 #include "fimctl/failure.h"
+#include "fimctl/frozen_mark.h"
 
 namespace fimctl {
 namespace {
@@ -129,8 +130,10 @@ void tell(int socket, const Report &report) {
     send(socket, &report, sizeof report, MSG_NOSIGNAL);
 }
 
-[[noreturn]] void guard(int socket, const std::vector<std::string> &directories, double deadline) {
+[[noreturn]] void guard(int socket, const std::vector<std::string> &directories, double deadline,
+                        const std::string &mark) {
     keep_only(socket);
+    write_frozen_mark(mark, directories);
     Held held(directories);
     held.flush();
     const auto start = Clock::now();
@@ -143,6 +146,7 @@ void tell(int socket, const Report &report) {
     held.thaw_all();
     last.frozen_ms = milliseconds_since(start);
     freezer.join();
+    remove_frozen_mark(mark);
     // The parent's word, or its end. It is read in any case: closing a socket with something unread
     // in it would take the last report away from the parent.
     char word = 0;
@@ -160,16 +164,6 @@ bool hear(int socket, Report &report) {
     return size == static_cast<ssize_t>(sizeof report);
 }
 
-// The last resort, when the guardian itself was killed.
-void thaw_directly(const std::vector<std::string> &directories) {
-    for (const std::string &directory : directories) {
-        const int file = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-        if (file < 0) continue;
-        ioctl(file, FITHAW, 0);
-        close(file);
-    }
-}
-
 Failure quiesce_failure(const Report &report, const std::vector<std::string> &directories) {
     if (report.index < 0) {
         return Failure(Step::quiesce, ExitCode::failed,
@@ -184,8 +178,9 @@ Failure quiesce_failure(const Report &report, const std::vector<std::string> &di
 
 }  // namespace
 
-Guardian::Guardian(const std::vector<std::string> &directories, double deadline)
-    : directories_(directories) {
+Guardian::Guardian(const std::vector<std::string> &directories, double deadline,
+                   const std::string &mark)
+    : directories_(directories), mark_(mark) {
     if (directories.empty()) return;
     int ends[2] = {-1, -1};
     if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) {
@@ -195,13 +190,13 @@ Guardian::Guardian(const std::vector<std::string> &directories, double deadline)
     pid_ = fork();
     if (pid_ == 0) {
         close(ends[0]);
-        guard(ends[1], directories, deadline);
+        guard(ends[1], directories, deadline, mark);
     }
     close(ends[1]);
     socket_ = ends[0];
     Report report;
     if (pid_ < 0 || !hear(socket_, report)) {
-        thaw_directly(directories_);
+        thaw_directly();
         leave();
         throw Failure(Step::quiesce, ExitCode::failed, "the guardian has died");
     }
@@ -209,6 +204,12 @@ Guardian::Guardian(const std::vector<std::string> &directories, double deadline)
         thaw();
         throw quiesce_failure(report, directories_);
     }
+}
+
+// The last resort, when the guardian itself was killed.
+void Guardian::thaw_directly() {
+    for (const std::string &directory : directories_) thaw_file_system(directory);
+    remove_frozen_mark(mark_);
 }
 
 Guardian::~Guardian() {
@@ -237,7 +238,7 @@ Guardian::End Guardian::thaw() {
         end.disturbed = report.disturbed != 0;
         end.frozen_ms = report.frozen_ms;
     } else {
-        thaw_directly(directories_);
+        thaw_directly();
         end.disturbed = true;
     }
     leave();

@@ -23,7 +23,9 @@ class Guardian {
     // Freezes the file systems mounted on these directories, in this order, and returns when all
     // are frozen. Throws Failure, with all of them thawed, when one cannot be frozen or the
     // deadline (seconds, counted from the first freeze) passes first. None: does nothing.
-    Guardian(const std::vector<std::string> &directories, double deadline);
+    // mark: where the guardian notes what it has in hand (frozen_mark.h), "" for nowhere.
+    Guardian(const std::vector<std::string> &directories, double deadline,
+             const std::string &mark = "");
     Guardian(const Guardian &) = delete;
     Guardian &operator=(const Guardian &) = delete;
     ~Guardian();
@@ -34,8 +36,10 @@ class Guardian {
 
   private:
     void leave();
+    void thaw_directly();
 
     std::vector<std::string> directories_;
+    std::string mark_;
     pid_t pid_ = -1;
     int socket_ = -1;
 };

@@ -80,7 +80,7 @@ int level() {
 }
 
 void about(long id) {
-    subject = "snapshot " + std::to_string(id) + ": ";
+    subject = id == 0 ? "" : "snapshot " + std::to_string(id) + ": ";
 }
 
 void progress(const std::string &text) {

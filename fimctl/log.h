@@ -20,7 +20,8 @@ struct Settings {
 void set_up(const Settings &settings);
 int level();
 
-// The snapshot that progress is about from now on, in this process and those that it starts.
+// The snapshot that progress is about from now on, in this process and those that it starts; 0 for
+// none.
 void about(long id);
 // A phase begins, and the method counts anew.
 void new_phase();

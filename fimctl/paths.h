@@ -17,6 +17,7 @@ inline constexpr char mount_table[] = "/proc/self/mountinfo";
 inline constexpr char catalogue_file[] = "catalogue.db";
 inline constexpr char mount_folder[] = "mnt";
 inline constexpr char scratch_folder[] = "tmp";
+inline constexpr char frozen_mark[] = "frozen";  // below a snapshot's folder there
 
 // Where the method and the array library write while a snapshot is cut.
 inline constexpr char array_state[] = "/var/symapi/db";

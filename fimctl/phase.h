@@ -26,6 +26,7 @@ struct FreezeJob {
     std::vector<FreezeObject> objects;
     std::vector<std::string> quiesce;  // directories of the file systems to freeze
     double deadline = 0;               // seconds
+    std::string mark;                  // where the guardian notes what it has frozen
 };
 
 // What is done from the texts: bring the copies up; take them down; take them down and end the

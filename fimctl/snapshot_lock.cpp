@@ -15,6 +15,10 @@
 namespace fimctl {
 namespace {
 
+// Whoever only looks at a lock holds it for an instant.
+constexpr int tries = 5;
+constexpr useconds_t between_tries_us = 20000;
+
 [[noreturn]] void give_up_on(const std::string &name, int reason) {
     throw Failure(Step::catalogue,
                   reason == EACCES || reason == EPERM ? ExitCode::permission : ExitCode::failed,
@@ -60,10 +64,15 @@ SnapshotLock::SnapshotLock(const std::string &directory, int64_t id) {
     make_private(path::runtime_directory);
     make_private(folder);
     name_ = folder + "/" + std::to_string(id);
-    for (;;) {
+    for (int refused = 0;;) {
         file_ = open(name_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
         if (file_ < 0) give_up_on(name_, errno);
-        if (flock(file_, LOCK_EX | LOCK_NB) != 0) break;
+        if (flock(file_, LOCK_EX | LOCK_NB) != 0) {
+            if (errno != EWOULDBLOCK || ++refused == tries) break;
+            close(file_);
+            usleep(between_tries_us);
+            continue;
+        }
         if (is_same(file_, name_)) return;
         close(file_);
     }
@@ -72,6 +81,19 @@ SnapshotLock::SnapshotLock(const std::string &directory, int64_t id) {
     if (reason != EWOULDBLOCK) give_up_on(name_, reason);
     throw Failure(Step::catalogue, ExitCode::owned,
                   "another fimctl works on snapshot " + std::to_string(id));
+}
+
+// Asked with a shared lock that is given back at once: the kernel has no way to look at a lock of
+// this kind. Who takes it just then tries again.
+LockState SnapshotLock::state_of(const std::string &directory, int64_t id) {
+    const std::string name = lock_folder_of(directory) + "/" + std::to_string(id);
+    const int file = open(name.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+    if (file < 0) return LockState::none;
+    const bool is_free = flock(file, LOCK_SH | LOCK_NB) == 0;
+    const bool is_named = is_same(file, name);
+    close(file);
+    if (!is_free) return LockState::held;
+    return is_named ? LockState::left : LockState::none;
 }
 
 SnapshotLock::~SnapshotLock() {

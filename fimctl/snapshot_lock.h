@@ -10,6 +10,12 @@
 
 namespace fimctl {
 
+enum class LockState {
+    none,  // nobody works on the snapshot
+    held,  // a fimctl, or one of its phases, does
+    left   // one did, and was killed: an orderly end takes the file away
+};
+
 class SnapshotLock {
   public:
     // Takes the lock of a snapshot of the catalogue in this state directory, which must exist.
@@ -17,6 +23,8 @@ class SnapshotLock {
     SnapshotLock(const std::string &directory, int64_t id);
     // Lets it go and removes its file.
     ~SnapshotLock();
+    // Whether somebody works on a snapshot, without getting in his way.
+    static LockState state_of(const std::string &directory, int64_t id);
     SnapshotLock(const SnapshotLock &) = delete;
     SnapshotLock &operator=(const SnapshotLock &) = delete;
 

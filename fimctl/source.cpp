@@ -247,6 +247,14 @@ void refuse_writing_to_frozen(const std::vector<Source> &sources,
     }
 }
 
+std::vector<std::string> mount_points_below(const std::string &directory) {
+    std::vector<std::string> found;
+    for (const Mount &mount : mount_table()) {
+        if (is_below(mount.directory, directory)) found.push_back(mount.directory);
+    }
+    return found;
+}
+
 bool is_mount_point(const std::string &directory) {
     for (const Mount &mount : mount_table()) {
         if (mount.directory == directory) return true;

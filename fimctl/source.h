@@ -44,6 +44,8 @@ struct WrittenPlace {
 void refuse_writing_to_frozen(const std::vector<Source> &sources,
                               const std::vector<WrittenPlace> &places);
 
+// The mount points at or below a directory, in the order in which they were mounted.
+std::vector<std::string> mount_points_below(const std::string &directory);
 // Whether a directory is a mount point of this host.
 bool is_mount_point(const std::string &directory);
 

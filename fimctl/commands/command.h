@@ -61,6 +61,7 @@ void add_travel_commands(Commands &commands);         // export, import
 void add_restore_commands(Commands &commands);        // restore
 void add_catalogue_commands(Commands &commands);      // list, show
 void add_configuration_commands(Commands &commands);  // config
+void add_left_over_commands(Commands &commands);      // orphans, cleanup
 void add_inspection_commands(Commands &commands);     // locks, doctor, plan
 void add_completion_commands(Commands &commands);     // completion
 
