@@ -46,8 +46,8 @@ Words words_of(const CLI::App &app) {
 
 void add_case(std::string &script, const std::string &name, const Words &words) {
     script += "        " + name + ")\n            options='" + words.options + "'\n" +
-              "            with_value='" + words.with_value + "'\n" +
-              "            positional='" + words.positional + "'\n            ;;\n";
+              "            with_value='" + words.with_value + "'\n" + "            positional='" +
+              words.positional + "'\n            ;;\n";
 }
 
 constexpr char beginning[] = R"bash(# Completion of fimctl for bash; to load it:

@@ -106,6 +106,7 @@ Failure not_to_be_mounted(const SnapshotRecord &snapshot) {
 // it may be a short one, and what waits here has a copy to look after.
 Cycle::Outcome Cycle::text_phase(int64_t id, TextWork work, const std::vector<std::string> &texts) {
     const TextJob job = {settings_.method, work, texts};
+    const int signals_before = signals::count();
     const auto end = Clock::now() + std::chrono::duration_cast<Clock::duration>(
                                         std::chrono::duration<double>(settings_.lock_wait));
     for (;;) {
@@ -117,8 +118,11 @@ Cycle::Outcome Cycle::text_phase(int64_t id, TextWork work, const std::vector<st
                                    copy_of(snapshot.objects.at(object), message.at("copy")));
         });
         const bool owned = outcome.failure != nullptr && outcome.failure->code == ExitCode::owned;
+        if (owned && signals::count() != signals_before) {
+            outcome.failure = interrupted_while_waiting(*outcome.failure);
+            return outcome;
+        }
         if (!owned || Clock::now() >= end) return outcome;
-        if (work == TextWork::mount && signals::raised() != 0) return outcome;
         log::waiting(std::string("waiting: ") + outcome.failure->what());
         wait_a_second();
     }
@@ -220,7 +224,8 @@ void Cycle::end_release(const SnapshotRecord &snapshot, const Outcome &outcome) 
     const bool unchanged = !outcome.died() && outcome.trouble.empty() &&
                            (failure.step == Step::rebuild || failure.step == Step::freeze);
     if (unchanged) catalogue_.set_state(snapshot.id, snapshot.state);
-    const bool told = failure.code == ExitCode::owned || failure.code == ExitCode::array;
+    const bool told = failure.code == ExitCode::owned || failure.code == ExitCode::array ||
+                      failure.code == ExitCode::interrupted;
     if (!unchanged || !told) failure.code = ExitCode::left;
     if (failure.step == Step::thaw) failure.next = remedy_of_thaw(snapshot);
     failure.id = static_cast<long>(snapshot.id);

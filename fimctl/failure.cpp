@@ -117,4 +117,10 @@ std::string remedy_of(Step step, ExitCode code, long id) {
     }
 }
 
+std::unique_ptr<Failure> interrupted_while_waiting(const Failure &owned) {
+    return std::make_unique<Failure>(owned.step, ExitCode::interrupted,
+                                     std::string("interrupted while it waited: ") + owned.what(),
+                                     owned.number);
+}
+
 }  // namespace fimctl

@@ -2,6 +2,7 @@
 // the user.
 #pragma once
 
+#include <memory>
 #include <stdexcept>
 #include <string>
 
@@ -69,5 +70,8 @@ class Failure : public std::runtime_error {
     std::string afterwards;  // what was done about it ("rolled back", "released"), if anything
     std::string next;        // what to do, where it is known better than the step's remedy says
 };
+
+// Of one that was waiting for another owner of the array's mirrors: nothing has been changed.
+std::unique_ptr<Failure> interrupted_while_waiting(const Failure &owned);
 
 }  // namespace fimctl

@@ -208,7 +208,11 @@ Cycle::Outcome Restore::phase(const RestorePlan &plan, const RestoreJob &job) {
             if (message.contains("ending")) ending_ = message.at("ending");
         });
         const bool owned = outcome.failure != nullptr && outcome.failure->code == ExitCode::owned;
-        if (!owned || Clock::now() >= end || signals::raised() != 0) return outcome;
+        if (owned && signals::raised() != 0) {
+            outcome.failure = interrupted_while_waiting(*outcome.failure);
+            return outcome;
+        }
+        if (!owned || Clock::now() >= end) return outcome;
         log::waiting(std::string("waiting: ") + outcome.failure->what());
         wait_a_second();
     }

@@ -44,6 +44,48 @@ TEST_F(Interruption, sigint_during_a_freeze_rolls_back_and_ends_with_130) {
     EXPECT_EQ(snapshot(1).state, State::failed);
 }
 
+TEST_F(Interruption, sigint_while_another_owner_is_waited_for_changes_nothing) {
+    ASSERT_EQ(fimctl({"freeze", "--no-quiesce", one_}).status, 0);
+    for (const char *command : {"mount", "release"}) {
+        test::write_file("/var/fake/owner", std::to_string(getpid()));
+        const size_t tries = processes_of("rebuild").size();
+        const pid_t pid = start({"--lock-wait", "60", command, "1"});
+        for (int i = 0; i < 1000 && processes_of("rebuild").size() == tries; ++i) usleep(10000);
+        usleep(100000);
+        kill(pid, SIGINT);
+        const Ended ended = finish(pid);
+        EXPECT_EQ(ended.status, 130) << ended.err;
+        EXPECT_NE(ended.err.find("interrupted while it waited: "), std::string::npos) << ended.err;
+        EXPECT_NE(ended.err.find("next: nothing is left to clean"), std::string::npos) << ended.err;
+        EXPECT_EQ(snapshot(1).state, State::frozen) << command;
+    }
+    unlink("/var/fake/owner");
+    EXPECT_EQ(fimctl({"release", "1"}).status, 0);
+}
+
+TEST_F(Interruption, sigint_during_a_mount_takes_it_down_again) {
+    ASSERT_EQ(fimctl({"freeze", "--no-quiesce", one_}).status, 0);
+    const std::string two = add_file_system("two", "000184500123", "00A2", "00B2");
+    ASSERT_EQ(fimctl({"release", "1"}).status, 0);
+    ASSERT_EQ(fimctl({"freeze", "--no-quiesce", one_, two}).status, 0);
+    script("volumes 1 sleep 300");
+    const Ended ended = signal_at("volumes", SIGINT, {"mount", "2"});
+    EXPECT_EQ(ended.status, 130) << ended.err;
+    EXPECT_NE(ended.err.find("then: nothing is mounted; the snapshot stays frozen"),
+              std::string::npos)
+        << ended.err;
+    EXPECT_EQ(snapshot(2).state, State::frozen);
+}
+
+TEST_F(Interruption, sigint_during_a_release_lets_it_end) {
+    ASSERT_EQ(fimctl({"freeze", "--no-quiesce", one_}).status, 0);
+    script("thaw 1 sleep 300");
+    const Ended ended = signal_at("thaw", SIGINT, {"release", "1"});
+    EXPECT_EQ(ended.status, 0) << ended.err;
+    EXPECT_NE(ended.err.find("snapshot 1: released"), std::string::npos) << ended.err;
+    EXPECT_EQ(snapshot(1).state, State::released);
+}
+
 TEST_F(Interruption, sigterm_during_the_commit_lets_it_end_and_releases) {
     script("freeze_commit 1 sleep 300");
     const Ended ended =
