@@ -92,6 +92,9 @@ class FreezePhase {
             }
             objects.push_back(pairs);
         }
+        size_t devices = 0;
+        for (const Message &pairs : objects) devices += pairs.size();
+        log::found(static_cast<int>(devices));
         talk_.ask({{"pairs", objects}}, Step::states);
         stop_when_interrupted(Step::states);
     }

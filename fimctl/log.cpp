@@ -36,6 +36,7 @@ void to_file(const std::string &text) {
 }
 
 constexpr char kind_phase[] = "phase";
+constexpr char kind_found[] = "found";
 constexpr char kind_step[] = "step";
 constexpr char kind_count[] = "count";
 constexpr char kind_line[] = "line";
@@ -92,6 +93,10 @@ void new_phase() {
     tell(kind_phase, "");
 }
 
+void found(int devices) {
+    tell(kind_found, std::to_string(devices));
+}
+
 void waiting(const std::string &text) {
     to_file(subject + text);
     progress::waiting(subject + text);
@@ -111,7 +116,7 @@ void method_line(const char *line) {
     remember(line);
     std::string text = line;
     while (!text.empty() && text.back() == '\n') text.pop_back();
-    if (progress::is_counted(line)) tell(kind_count, text);
+    if (progress::is_counted(text.c_str())) tell(kind_count, text);
     to_file(text);
     if (settings.level > 0) tell(kind_line, "method: " + text);
 }
@@ -136,6 +141,7 @@ void hand_over(Hand wanted) {
 
 void show(const std::string &kind, const std::string &text) {
     if (kind == kind_phase) progress::new_phase();
+    if (kind == kind_found) progress::found(std::stoi(text));
     if (kind == kind_step) progress::step(text);
     if (kind == kind_count) progress::method_line(text.c_str());
     if (kind == kind_line) progress::write_line("fimctl: " + text);

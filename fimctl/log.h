@@ -25,6 +25,7 @@ int level();
 void about(long id);
 // A phase begins, and the method counts anew.
 void new_phase();
+void found(int devices);
 // A step that the work has come to; somebody else who must end first; a line that must be seen.
 void progress(const std::string &text);
 void waiting(const std::string &text);

@@ -26,7 +26,8 @@ struct State {
     bool quiet = false, terminal = false, drawn = false, retrying = false;
     int lines = 0;  // of class Line
     std::string text;
-    int devices = 0, to_split = 0, split = 0;
+    int devices = 0, to_establish = 0, to_split = 0, split = 0;
+    std::string on_screen;
     Clock::time_point since, told, last_drawn;
     Clock::duration between_lines;  // where there is no terminal
     std::set<std::string> tried;    // the steps that a try has reached
@@ -60,6 +61,10 @@ std::string number_of(int count, const char *one, const char *many) {
 std::string counts() {
     std::string text;
     if (now.devices > 0) text = number_of(now.devices, "device", "devices") + " found";
+    if (now.to_establish > 0) {
+        text += (text.empty() ? "" : ", ") + number_of(now.to_establish, "pair", "pairs") +
+                " to establish";
+    }
     const int pairs = now.split > 0 ? now.split : now.to_split;
     if (pairs > 0) {
         text += (text.empty() ? "" : ", ") + number_of(pairs, "pair", "pairs") +
@@ -75,13 +80,35 @@ long seconds() {
 
 void draw() {
     if (!is_live() || now.text.empty()) return;
+    const std::string line = shown("fimctl: " + now.text, counts(), seconds(), width());
+    if (now.drawn && line == now.on_screen) return;
     now.last_drawn = Clock::now();
     now.drawn = true;
-    to_terminal(take_away + shown("fimctl: " + now.text, counts(), seconds(), width()));
+    now.on_screen = line;
+    to_terminal(take_away + line);
+}
+
+// The method tells of each device that it has found in its traces alone; of pairs always.
+bool is_device(std::string_view line) {
+    return line.find(": BCV ") != std::string_view::npos && line.ends_with(" information:");
+}
+
+bool is_split(std::string_view line) {
+    return line.starts_with("Adding <") && line.ends_with("> to split list");
+}
+
+constexpr std::string_view split_end = "Split end";
+
+// How many pairs are going to be established, at the start or at the end of a snapshot.
+int establishes(const char *line) {
+    int count = 0;
+    if (sscanf(line, "Total BCVs to resync at start : %d", &count) == 1) return count;
+    return sscanf(line, "Total BCVs to resync : %d", &count) == 1 ? count : 0;
 }
 
 void begin(const std::string &text) {
     now.text = text;
+    now.to_establish = 0;
     now.since = now.told = Clock::now();
     if (is_live()) {
         draw();
@@ -101,7 +128,7 @@ void set_up(bool quiet, std::chrono::milliseconds between_lines) {
 }
 
 void new_phase() {
-    now.devices = now.to_split = now.split = 0;
+    now.devices = now.to_establish = now.to_split = now.split = 0;
 }
 
 void step(const std::string &text) {
@@ -123,20 +150,21 @@ void waiting(const std::string &text) {
 
 bool is_counted(const char *line) {
     const std::string_view text = line;
-    for (const char *start : {"Primary device is: ", "Adding <", "Split end"}) {
-        if (text.find(start) != std::string_view::npos) return true;
-    }
-    return false;
+    return is_device(text) || is_split(text) || text.starts_with(split_end) ||
+           establishes(line) > 0;
 }
 
 void method_line(const char *line) {
     const std::string_view text = line;
-    if (text.find("Primary device is: ") != std::string_view::npos) ++now.devices;
-    if (text.starts_with("Adding <") && text.find("> to split list") != std::string_view::npos) {
-        ++now.to_split;
-    }
-    if (text.starts_with("Split end")) now.split = now.to_split;
+    if (is_device(text)) ++now.devices;
+    if (is_split(text)) ++now.to_split;
+    if (text.starts_with(split_end)) now.split = now.to_split;
+    if (establishes(line) > 0) now.to_establish = establishes(line);
     if (now.drawn && Clock::now() - now.last_drawn >= between_drawings) draw();
+}
+
+void found(int devices) {
+    now.devices = devices;
 }
 
 void tick() {

@@ -39,6 +39,7 @@ std::string page(const std::string &name) {
                                                                       {"\\(lq", "\""},
                                                                       {"\\(rq", "\""},
                                                                       {"\\&", ""},
+                                                                      {"\\:", ""},
                                                                       {"\\e", "\\"}}) {
         text = replaced(text, escape, meaning);
     }

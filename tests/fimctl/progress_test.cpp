@@ -60,15 +60,19 @@ TEST_F(Progress, on_a_terminal_is_one_line_that_is_rewritten_and_taken_away) {
 }
 
 TEST_F(Progress, tells_devices_found_and_pairs_split_as_the_method_does) {
-    script("freeze 1 log Primary device is: dev_serial_id=A, dev_sym_devname=00A1");
-    script("freeze 1 log Primary device is: dev_serial_id=A, dev_sym_devname=00A2");
+    const std::string two = add_file_system("two", "000184500123", "00A2", "00B2");
+    script("ctl 1 log Total BCVs to resync at start : 2");
+    script("ctl 1 sleep 1300");
     script("freeze_commit 1 log Adding <00A1, 00B1> to split list");
     script("freeze_commit 1 log Adding <00A2, 00B2> to split list");
     script("freeze_commit 1 log Split end");
-    Terminal terminal(freezing());
+    Terminal terminal(command({"freeze", "--no-quiesce", one_, two}));
     EXPECT_EQ(terminal.finish(), 0);
-    EXPECT_NE(terminal.output().find("; 2 devices found"), std::string::npos) << terminal.output();
-    EXPECT_NE(terminal.output().find("checkpoint (object 1); 2 devices found, 2 pairs split"),
+    EXPECT_NE(terminal.output().find("control code 4; 2 pairs to establish\r"), std::string::npos)
+        << terminal.output();
+    EXPECT_NE(terminal.output().find("freeze commit; 2 devices found\r"), std::string::npos)
+        << terminal.output();
+    EXPECT_NE(terminal.output().find("checkpoint (object 2); 2 devices found, 2 pairs split"),
               std::string::npos)
         << terminal.output();
 }
@@ -187,7 +191,7 @@ class Lines : public testing::Test {
 TEST_F(Lines, a_step_that_takes_its_time_is_told_again_every_so_often) {
     progress::set_up(false, std::chrono::milliseconds(200));
     progress::step("freeze");
-    progress::method_line("\tPrimary device is: dev_serial_id=A, dev_sym_devname=00A1");
+    progress::method_line("find_bcv_pair: BCV 01A1 information:");
     progress::tick();
     usleep(220000);
     progress::tick();
