@@ -55,13 +55,13 @@ class Chooser {
 
     // An operation that was interrupted between two disks has left the later ones as they were.
     Group newest(const std::string &id) const {
-        const Group *newest = nullptr;
+        Group newest;
         for (const Candidate &one : candidates_) {
             const Group &group = one.found.region.group;
             if (!carries(one) || group.id != id) continue;
-            if (newest == nullptr || group.generation > newest->generation) newest = &group;
+            if (newest.id.empty() || group.generation > newest.generation) newest = group;
         }
-        return *newest;
+        return newest;
     }
 
     const Candidate *last_online(const std::string &id, const GroupDisk &disk,

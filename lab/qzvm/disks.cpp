@@ -1,10 +1,10 @@
 #include "lab/qzvm/disks.h"
 
+#include <fnmatch.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <filesystem>
-#include <regex>
 
 namespace qz {
 namespace {
@@ -12,26 +12,25 @@ namespace {
 namespace fs = std::filesystem;
 
 struct Place {
-    const char *folder;   // below /dev, "" is /dev itself
+    const char *folder;
     const char *pattern;  // of the whole names of whole disks
     const char *raw;      // where the raw twins are; null: a disk is its own
 };
 
 // In the order of preference: a disk is called by its first name.
 constexpr Place places[] = {
-    {"/dev/qz/dmp", "[^.]+", "/dev/qz/rdmp"},  // a node that is just being made ends in ".new"
-    {"/dev", "emcpower[a-z]+", nullptr},
-    {"/dev", "sd[a-z]+", nullptr},
-    {"/dev/rdsk", "c[0-9]+t[0-9]+d[0-9]+", nullptr},
+    {"/dev/qz/dmp", "+([!.])", "/dev/qz/rdmp"},  // a node that is just being made ends in ".new"
+    {"/dev", "emcpower+([a-z])", nullptr},
+    {"/dev", "sd+([a-z])", nullptr},
+    {"/dev/rdsk", "c+([0-9])t+([0-9])d+([0-9])", nullptr},
 };
 
 std::vector<std::string> names_at(const Place &place) {
-    const std::regex pattern(place.pattern);
     std::vector<std::string> names;
     std::error_code error;
     for (const auto &entry : fs::directory_iterator(place.folder, error)) {
         const std::string name = entry.path().filename();
-        if (std::regex_match(name, pattern)) names.push_back(name);
+        if (fnmatch(place.pattern, name.c_str(), FNM_EXTMATCH) == 0) names.push_back(name);
     }
     std::sort(names.begin(), names.end());
     return names;

@@ -68,7 +68,7 @@ class Line {
         return field == nothing ? "" : field;
     }
     std::string next_name() {
-        const std::string field = next();
+        std::string field = next();
         if (!is_name(field)) throw Damage("'" + field + "' is no name");
         return field;
     }

@@ -110,7 +110,7 @@ std::string use_of(const Attachment &loop, pid_t holder) {
     if (const std::string folder = mounted_on(loop); !folder.empty()) {
         return "mounted on " + folder;
     }
-    if (const std::string process = open_in(loop, holder); !process.empty()) return process;
+    if (std::string process = open_in(loop, holder); !process.empty()) return process;
     return take_exclusively(loop).good() ? "" : "in use";
 }
 
