@@ -126,6 +126,7 @@ RestorePlan make_plan(const SnapshotRecord &snapshot, const PlanOptions &options
     refuse_unfit(snapshot);
     RestorePlan plan;
     plan.id = snapshot.id;
+    plan.uuid = snapshot.uuid;
     plan.created = snapshot.created;
     plan.quiesced = snapshot.quiesced;
     plan.frozen_ms = snapshot.frozen_ms;

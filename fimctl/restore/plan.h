@@ -53,7 +53,7 @@ struct Obstacle {
 
 struct RestorePlan {
     int64_t id = 0;
-    std::string created;
+    std::string uuid, created;
     bool quiesced = false;
     double frozen_ms = 0;
     bool resumed = false;  // goes on with a restore that was begun

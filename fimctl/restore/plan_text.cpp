@@ -139,15 +139,22 @@ Json pair_json(const RestorePair &pair) {
 
 // What is bound by the code. Nothing in it changes while somebody reads the plan and types: not
 // the age, not what differs on a file system that is in use, not how far a running restore is.
+// The number of a snapshot is its catalogue's; a code that was noted on one host must not fit a
+// snapshot of another one, or one that was taken after the catalogue was lost.
 Json bound(const RestorePlan &plan) {
     Json json;
     json["snapshot"] = plan.id;
+    json["uuid"] = plan.uuid;
     json["resumed"] = plan.resumed;
     json["objects"] = objects_json(plan);
     json["order"] = plan.rebuild_order;
     json["groups"] = groups_json(plan, false);
     json["pairs"] = Json::array();
-    for (const RestorePair &pair : plan.pairs) json["pairs"].push_back(pair_json(pair));
+    for (const RestorePair &pair : plan.pairs) {
+        Json one = pair_json(pair);
+        one["state"] = pair.is_restored() ? pair_state::restored : pair.state;
+        json["pairs"].push_back(one);
+    }
     return json;
 }
 

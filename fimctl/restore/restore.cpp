@@ -345,7 +345,11 @@ void prepare_release_of_restoring(const SnapshotRecord &snapshot, bool abandoned
     const std::string id = std::to_string(snapshot.id);
     PlanOptions options;
     options.abandoned = abandoned;
-    const RestorePlan plan = make_plan(snapshot, options);
+    // A copy that is void is no more to be restored from, and has to be let go all the same.
+    const bool is_void = !snapshot.void_reason.empty();
+    SnapshotRecord begun = snapshot;
+    begun.void_reason.clear();
+    const RestorePlan plan = make_plan(begun, options);
     std::string restored;
     for (const RestorePair &pair : plan.pairs) {
         if (pair.state != pair_state::split) add(restored, pair, pair.state);
@@ -356,8 +360,9 @@ void prepare_release_of_restoring(const SnapshotRecord &snapshot, bool abandoned
                             "; to release it now would copy primaries that may be restored in "
                             "part over their mirrors, the only whole copy");
         failure.id = static_cast<long>(snapshot.id);
-        failure.next = "go on with the restore: fimctl restore " + id +
-                       "; or give the copy up: fimctl release " + id + " --abandoned";
+        const std::string give_up = "give the copy up: fimctl release " + id + " --abandoned";
+        failure.next =
+            is_void ? give_up : "go on with the restore: fimctl restore " + id + "; or " + give_up;
         throw failure;
     }
     const std::string trouble = put_back(plan);

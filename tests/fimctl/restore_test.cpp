@@ -7,6 +7,7 @@
 #include <csignal>
 #include <cstdlib>
 
+#include "fimctl/paths.h"
 #include "fimctl/restore/host_view.h"
 #include "tests/fimctl/fake_method/script.h"
 #include "tests/fimctl/restore_world.h"
@@ -139,6 +140,18 @@ TEST_F(Restore, the_code_is_of_what_is_done_not_of_when_the_plan_was_made) {
     EXPECT_NE(code_of_plan(), code);
     EXPECT_EQ(restore({"--confirm", code}).status, 2);
     EXPECT_EQ(snapshot(1).state, State::frozen);
+}
+
+TEST_F(Restore, the_code_fits_no_other_snapshot_of_the_same_number) {
+    NEEDS_VOLUME("datadg", "one", "00A1");
+    enter();
+    const std::string code = code_of_plan();
+    // The catalogue was lost, and the same was frozen once more.
+    unlink((state_ + "/" + fimctl::path::catalogue_file).c_str());
+    ASSERT_EQ(enter(), 1);
+    EXPECT_NE(code_of_plan(), code);
+    EXPECT_EQ(restore({"--confirm", code}).status, 2);
+    expect_frozen_and_untouched();
 }
 
 class OnATerminal : public Restore {
@@ -457,6 +470,26 @@ TEST_F(Released, never_copies_restored_primaries_over_the_mirrors_without_saying
     EXPECT_EQ(second.status, 0) << second.err;
     EXPECT_EQ(snapshot(1).state, State::released);
     EXPECT_EQ(array_state("00A2"), 2);
+    expect_all_is_there();
+}
+
+TEST_F(Released, a_copy_that_its_broken_off_restore_has_lost_can_be_given_up) {
+    NEEDS_VOLUME("onedg", "one", "00A1", "000184500123");
+    NEEDS_VOLUME("twodg", "two", "00A2", "000184500999");
+    enter();
+    script("control 1 state 00A1 8");
+    script("control 1 state 00A2 2");
+    script("control 1 refuse 000184500999");
+    EXPECT_EQ(restore().status, 3);
+    ASSERT_NE(snapshot(1).void_reason, "");
+    test::write_file("/var/fake/script", "");
+    const Ended ended = release();
+    EXPECT_EQ(ended.status, 2);
+    EXPECT_TRUE(told(ended, "next: give the copy up: fimctl release 1 --abandoned")) << ended.err;
+    EXPECT_EQ(array_state("00A1"), 8);
+    const Ended second = release({"--abandoned"});
+    EXPECT_EQ(second.status, 0) << second.err;
+    EXPECT_EQ(snapshot(1).state, State::released);
     expect_all_is_there();
 }
 
