@@ -42,29 +42,56 @@ std::vector<RestoreObject> in_order_of_mounts(const RestorePlan &plan) {
     return objects;
 }
 
-// With the mirrors split, a host that knows their disks has two sets of disks of one group. What is
-// imported must lie on the primaries: their volumes, started, hold them.
-std::string check_disks(const RestorePlan &plan, const std::string &group) {
+// With the mirrors split, a host that knows their disks has two sets of disks of one group, and of
+// two disks with one identity the volume manager takes the one that was put online last.
+void prefer_primaries(const RestorePlan &plan, const std::string &group) {
     for (const RestorePair &pair : plan.pairs) {
-        const std::string disk = readable_disk(pair.primary);
-        if (pair.group != group || disk.empty() || is_held(disk)) continue;
-        return "disk group " + group + " is imported, but not from its primary disk " +
-               pair.primary;
+        if (pair.group == group) put_disk_online(pair.primary);
     }
-    return "";
+}
+
+// The mirrors were imported in their place: what is mounted from them goes, and so do they.
+ToolResult let_mirrors_go(const RestorePlan &plan, const std::string &group) {
+    for (const RestoreObject &object : plan.objects) {
+        if (object.group == group && object.is_file_system() && is_mounted(object)) {
+            unmount(object.directory);
+        }
+    }
+    return deport_group(group);
+}
+
+// "" when it could be done.
+std::string bring_in(const RestorePlan &plan, const std::string &group) {
+    std::string trouble;
+    if (is_imported(group)) {
+        if (foreign_disk(plan, group).empty()) return "";
+        const ToolResult gone = let_mirrors_go(plan, group);
+        add(trouble, "deport of disk group " + group + ", which lies on its mirrors", gone);
+        if (!gone.good()) return trouble;
+    }
+    prefer_primaries(plan, group);
+    const ToolResult result = import_group(group);
+    add(trouble, "import of disk group " + group, result);
+    const std::string foreign = result.good() ? foreign_disk(plan, group) : "";
+    if (foreign.empty()) return trouble;
+    return "disk group " + group + " is imported, but not from its primary disk " + foreign;
 }
 
 }  // namespace
 
+std::string foreign_disk(const RestorePlan &plan, const std::string &group) {
+    for (const RestorePair &pair : plan.pairs) {
+        const std::string disk = readable_disk(pair.primary);
+        if (pair.group == group && !disk.empty() && !is_held(disk)) return pair.primary;
+    }
+    return "";
+}
+
 std::string import_groups(const RestorePlan &plan) {
     std::string trouble;
     for (const RestoreGroup &group : plan.groups) {
-        if (is_imported(group.name)) continue;
-        const ToolResult result = import_group(group.name);
-        add(trouble, "import of disk group " + group.name, result);
-        if (!result.good()) continue;
-        const std::string wrong = check_disks(plan, group.name);
-        if (!wrong.empty()) trouble += (trouble.empty() ? "" : "; ") + wrong;
+        const std::string one = bring_in(plan, group.name);
+        if (!one.empty()) trouble += (trouble.empty() ? "" : "; ") + one;
     }
     return trouble;
 }

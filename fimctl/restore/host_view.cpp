@@ -8,6 +8,7 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
@@ -45,31 +46,48 @@ std::vector<std::string> names_in(const std::string &folder) {
     return names;
 }
 
-void add_device(const std::string &path, std::set<dev_t> &used) {
-    struct stat status = {};
-    if (stat(path.c_str(), &status) != 0) return;
-    used.insert(status.st_dev);
-    if (S_ISBLK(status.st_mode)) used.insert(status.st_rdev);
+// What one process keeps busy.
+struct Uses {
+    std::set<dev_t> file_systems, devices;
+
+    void add(const std::string &path) {
+        struct stat status = {};
+        if (stat(path.c_str(), &status) != 0) return;
+        file_systems.insert(status.st_dev);
+        if (S_ISBLK(status.st_mode)) devices.insert(status.st_rdev);
+    }
+    // A file that is only mapped is not among the open ones.
+    void add_mapped(const std::string &process) {
+        std::ifstream maps(process + "/maps");
+        for (std::string line; std::getline(maps, line);) {
+            unsigned major_number = 0, minor_number = 0;
+            if (sscanf(line.c_str(), "%*s %*s %*s %x:%x", &major_number, &minor_number) == 2) {
+                file_systems.insert(makedev(major_number, minor_number));
+            }
+        }
+    }
+};
+
+Uses uses_of(const std::string &process) {
+    Uses uses;
+    for (const char *link : {"/cwd", "/root", "/exe"}) uses.add(process + link);
+    for (const std::string &name : names_in(process + "/fd")) uses.add(process + "/fd/" + name);
+    uses.add_mapped(process);
+    return uses;
 }
 
-// A file that is only mapped is not among the open ones.
-void add_mapped(const std::string &process, std::set<dev_t> &used) {
-    std::ifstream maps(process + "/maps");
-    for (std::string line; std::getline(maps, line);) {
-        unsigned major_number = 0, minor_number = 0;
-        if (sscanf(line.c_str(), "%*s %*s %*s %x:%x", &major_number, &minor_number) != 2) continue;
-        used.insert(makedev(major_number, minor_number));
-    }
+User user_of(const std::string &process, pid_t pid) {
+    User user;
+    user.pid = pid;
+    std::ifstream comm(process + "/comm");
+    std::getline(comm, user.command);
+    if (pid == getpid()) user.command += ", this command itself";
+    return user;
 }
 
-std::set<dev_t> used_by(const std::string &process) {
-    std::set<dev_t> used;
-    for (const char *link : {"/cwd", "/root", "/exe"}) add_device(process + link, used);
-    for (const std::string &name : names_in(process + "/fd")) {
-        add_device(process + "/fd/" + name, used);
-    }
-    add_mapped(process, used);
-    return used;
+bool meet(const std::set<dev_t> &some, const std::set<dev_t> &others) {
+    return std::any_of(some.begin(), some.end(),
+                       [&others](dev_t device) { return others.contains(device); });
 }
 
 }  // namespace
@@ -92,20 +110,22 @@ std::vector<MountLine> read_mounts() {
     return mounts;
 }
 
-std::map<dev_t, std::vector<User>> users_of(const std::set<dev_t> &devices) {
+std::map<dev_t, std::vector<User>> users_of(const Busy &asked) {
     std::map<dev_t, std::vector<User>> users;
     for (const std::string &name : names_in("/proc")) {
         if (isdigit(static_cast<unsigned char>(name[0])) == 0) continue;
         const std::string process = "/proc/" + name;
-        for (const dev_t device : used_by(process)) {
-            if (!devices.contains(device)) continue;
-            User user;
-            user.pid = static_cast<pid_t>(strtol(name.c_str(), nullptr, 10));
-            std::ifstream comm(process + "/comm");
-            std::getline(comm, user.command);
-            if (user.pid == getpid()) user.command += ", this command itself";
-            users[device].push_back(user);
+        const Uses uses = uses_of(process);
+        std::set<dev_t> found;
+        for (const dev_t device : asked.file_systems) {
+            if (uses.file_systems.contains(device)) found.insert(device);
         }
+        const bool manager = meet(asked.disks, uses.devices);
+        for (const dev_t device : asked.devices) {
+            if (!manager && uses.devices.contains(device)) found.insert(device);
+        }
+        const auto pid = static_cast<pid_t>(strtol(name.c_str(), nullptr, 10));
+        for (const dev_t device : found) users[device].push_back(user_of(process, pid));
     }
     return users;
 }

@@ -27,10 +27,15 @@ struct User {
     pid_t pid = 0;
     std::string command;
 };
-// By what the processes that this host shows have open, run, or stand in, on the file system of a
-// device or as the device itself; in one walk for all devices. What only the kernel uses (a loop
-// device, swap) is not found.
-std::map<dev_t, std::vector<User>> users_of(const std::set<dev_t> &devices);
+// What is asked about: file systems by the devices that they are mounted from, and devices of which
+// nobody may have the device itself open. Who has one of the disks below open as well is the volume
+// manager, which lets go of both.
+struct Busy {
+    std::set<dev_t> file_systems, devices, disks;
+};
+// By what the processes that this host shows have open, run, or stand in; in one walk for all. What
+// only the kernel uses (a loop device, swap) is not found.
+std::map<dev_t, std::vector<User>> users_of(const Busy &asked);
 std::string names_of(const std::vector<User> &users);
 
 // The number of the block device behind a path; nothing when the path is none.

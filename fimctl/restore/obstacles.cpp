@@ -7,6 +7,7 @@
 
 #include "fimctl/array_reader.h"
 #include "fimctl/paths.h"
+#include "fimctl/restore/bring_back.h"
 #include "fimctl/restore/texts.h"
 #include "fimctl/restore/tools.h"
 #include "fimctl/source.h"
@@ -90,6 +91,13 @@ class Search {
                     std::string(path::disk_group_tool) + " import " + group.name + " && " +
                         path::volume_tool + " -g " + group.name + " startall");
             }
+            const std::string foreign = group.imported ? foreign_disk(plan_, group.name) : "";
+            if (!foreign.empty() && !plan_.resumed) {
+                add("disk group " + group.name + " is imported, but not from its primary disk " +
+                        foreign,
+                    "see with qzdisk list which disks it lies on, and import it from the "
+                    "primaries");
+            }
             for (const std::string &volume : group.bystanders) {
                 look_at_bystander(group.name, volume);
             }
@@ -108,10 +116,9 @@ class Search {
 
     // In one walk over the processes.
     void look_at_users() {
-        std::set<dev_t> devices;
-        for (const auto &[device, what] : busy_) devices.insert(device);
-        for (const auto &[device, users] : users_of(devices)) {
-            add(busy_[device] + " is in use by " + names_of(users),
+        asked_.disks = disks_of(plan_);
+        for (const auto &[device, users] : users_of(asked_)) {
+            add(what_[device] + " is in use by " + names_of(users),
                 "end what uses it, or let it go elsewhere, then try again");
         }
     }
@@ -119,6 +126,11 @@ class Search {
   private:
     void add(const std::string &what, const std::string &next) {
         plan_.obstacles.push_back({what, next});
+    }
+
+    void not_open(dev_t device, const std::string &what) {
+        asked_.devices.insert(device);
+        what_.emplace(device, what);
     }
 
     static std::string name_of(const RestorePair &pair) {
@@ -169,7 +181,7 @@ class Search {
                 "umount " + mount.directory);
             return;
         }
-        busy_.emplace(*device, "volume " + volume + " of disk group " + group);
+        not_open(*device, "volume " + volume + " of disk group " + group);
     }
 
     void look_at_directory(const RestoreObject &object) {
@@ -183,7 +195,10 @@ class Search {
             add(directory + " cannot be put into the method's record", "mount it elsewhere");
         }
         const auto device = block_number(object.block);
-        if (device) busy_.emplace(*device, directory);
+        if (device) {
+            asked_.file_systems.insert(*device);
+            what_.emplace(*device, directory);
+        }
         bool is_mounted = false;
         for (const MountLine &mount : mounts_) {
             const bool own = device && mount.device == *device;
@@ -235,13 +250,14 @@ class Search {
                 "umount " + mount.directory);
             return;
         }
-        busy_.emplace(*device, object.source);
+        not_open(*device, object.source);
     }
 
     RestorePlan &plan_;
     const SnapshotRecord &snapshot_;
     const std::vector<MountLine> &mounts_;
-    std::map<dev_t, std::string> busy_;  // what nobody may be using
+    Busy asked_;
+    std::map<dev_t, std::string> what_;  // the names of what is asked about
 };
 
 }  // namespace

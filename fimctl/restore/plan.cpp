@@ -122,6 +122,15 @@ bool RestorePair::is_restored() const {
     return state == pair_state::restored || state == pair_state::restoring;
 }
 
+std::set<dev_t> disks_of(const RestorePlan &plan) {
+    std::set<dev_t> disks;
+    for (const RestorePair &pair : plan.pairs) {
+        const auto device = block_number(readable_disk(pair.primary));
+        if (device) disks.insert(*device);
+    }
+    return disks;
+}
+
 RestorePlan make_plan(const SnapshotRecord &snapshot, const PlanOptions &options) {
     refuse_unfit(snapshot);
     RestorePlan plan;

@@ -71,6 +71,9 @@ struct PlanOptions {
     bool measure = false;
 };
 
+// The disks of the primaries, as far as this host sees them.
+std::set<dev_t> disks_of(const RestorePlan &plan);
+
 // Looks at the catalogue, the array and this host. Throws Failure where no plan can be made: the
 // snapshot has no copy to restore from, or the array does not answer.
 RestorePlan make_plan(const SnapshotRecord &snapshot, const PlanOptions &options);

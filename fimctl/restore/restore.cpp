@@ -95,10 +95,13 @@ RestoreJob job_of(const SnapshotRecord &snapshot, const RestorePlan &plan,
 }
 
 // Who keeps the file system of the object from being unmounted, or its group from being deported.
-std::string busy(const RestoreObject &object) {
+std::string busy(const RestorePlan &plan, const RestoreObject &object) {
     const auto device = block_number(object.block);
     if (!device) return "";
-    const auto users = users_of({*device});
+    Busy asked;
+    asked.disks = disks_of(plan);
+    (object.is_file_system() ? asked.file_systems : asked.devices).insert(*device);
+    const auto users = users_of(asked);
     if (users.empty()) return "";
     return "; " + (object.is_file_system() ? object.directory : object.source) + " is in use by " +
            names_of(users.begin()->second);
@@ -308,7 +311,7 @@ void Restore::end_untouched(const RestorePlan &plan, const Cycle::Outcome &outco
                                                  judgement.rest)
                                    : outcome.as_failure(ExitCode::failed);
     if (failure.step == Step::thaw_commit) {
-        const std::string users = busy(plan.objects.at(ending_));
+        const std::string users = busy(plan, plan.objects.at(ending_));
         failure = Failure(failure.step, failure.code, failure.what() + users, failure.number);
         failure.next = users.empty() ? "run it again with -v to see what the commands said"
                                      : "end what uses it, then: " + again(plan.id);

@@ -93,6 +93,18 @@ ToolResult import_group(const std::string &group) {
     return run_tool({path::volume_tool, "-g", group, "startall"});
 }
 
+ToolResult deport_group(const std::string &group) {
+    return run_tool({path::disk_group_tool, "deport", group});
+}
+
+void put_disk_online(const std::string &raw) {
+    for (const std::string folder : {"/dev/qz/rdmp/", "/dev/qz/dmp/", "/dev/rdsk/", "/dev/"}) {
+        if (raw.compare(0, folder.size(), folder) != 0) continue;
+        run_tool({path::disk_tool, "online", raw.substr(folder.size())});
+        return;
+    }
+}
+
 ToolResult check_file_system(const std::string &block, const std::string &type) {
     log::progress("check " + block);
     ToolResult result = run_tool({"fsck", "-T", "-t", type, "-p", block});

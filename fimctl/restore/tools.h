@@ -22,6 +22,9 @@ bool is_imported(const std::string &group);
 // Clears the mark of another host: the group was this host's until the restore deported it. Tries
 // again once the volume manager's daemon has been enabled, then starts the volumes.
 ToolResult import_group(const std::string &group);
+ToolResult deport_group(const std::string &group);
+// Makes a disk that is known the one that an import takes, of those with the same identity.
+void put_disk_online(const std::string &raw);
 
 ToolResult check_file_system(const std::string &block, const std::string &type);
 // options: of the mount, "" for none.

@@ -300,8 +300,9 @@ TEST_F(Restore, a_failed_unmount_puts_everything_back_and_says_who_was_in_the_wa
     EXPECT_TRUE(told(ended, "next: end what uses it, then: fimctl restore 1"));
     expect_frozen_and_untouched();
     EXPECT_EQ(test::read_file("/data-two/file"), "data");
-    for (const auto &[device, users] :
-         fimctl::users_of({*fimctl::block_number(restorable_[1]->block())})) {
+    fimctl::Busy asked;
+    asked.file_systems = {*fimctl::block_number(restorable_[1]->block())};
+    for (const auto &[device, users] : fimctl::users_of(asked)) {
         for (const auto &user : users) EXPECT_EQ(kill(user.pid, SIGKILL), 0);
     }
     usleep(100000);
