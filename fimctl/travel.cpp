@@ -2,8 +2,11 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstring>
 #include <filesystem>
 #include <set>
+#include <sstream>
 
 #include "fimctl/copy_folder.h"
 #include "fimctl/disk_group.h"
@@ -114,15 +117,49 @@ void refuse_repeated(const SnapshotRecord &earlier, const TravelDocument &docume
     }
 }
 
+Failure strange(const std::string &what) {
+    return refused("the document is damaged: " + what,
+                   "export the snapshot again on the primary host");
+}
+
+// Names are put into lines of texts and of messages, and "inside" behind the copy's directory.
+void check_names(const ObjectRecord &object, const CheckpointText &text) {
+    for (const std::string *name : {&object.source, &object.kind, &object.inside, &object.mount_dir,
+                                    &object.fifs, &object.vol_group, &object.vol_name}) {
+        if (name->find('\n') != std::string::npos) throw strange("it holds a name of two lines");
+    }
+    for (const fs::path &part : fs::path(object.inside)) {
+        if (part == "..") throw strange("the path of " + object.source + " leads out of its copy");
+    }
+    for (const std::string &name : {object.vol_group, object.vol_name, text.value("HDEF-vol_group"),
+                                    text.value("HDEF-vol_name")}) {
+        const bool leads_away = name.find('/') != std::string::npos || name == "." || name == "..";
+        if (!leads_away && !name.starts_with('-')) continue;
+        throw strange(name + " is no name of a disk group or a volume");
+    }
+}
+
+// The rebuild removes the file that a clone block names, as root: what another host has put there
+// must be such a file, never one of this host's own.
+void check_clone_block(const ObjectRecord &object) {
+    constexpr char key[] = "TRANSFER_FILE=";
+    constexpr char prefix[] = "EMCTX";
+    std::istringstream lines(object.text);
+    for (std::string line; std::getline(lines, line);) {
+        if (!line.starts_with(key)) continue;
+        const fs::path file = line.substr(strlen(key));
+        const bool fits = file.is_absolute() && file.filename().string().starts_with(prefix);
+        if (!fits) throw strange(file.string() + " is no transfer file");
+    }
+}
+
 void check_text(const ObjectRecord &object) {
     const CheckpointText text(object.text);
     const bool fits = text.is_target() && text.value("HDEF-mount_point") == object.fifs &&
-                      fs::path(object.fifs).is_absolute() &&
-                      object.fifs.find('\n') == std::string::npos;
-    if (fits) return;
-    throw refused(
-        "the document is damaged: the checkpoint of " + object.source + " does not belong to it",
-        "export the snapshot again on the primary host");
+                      text.value("HDEF-restore").empty() && fs::path(object.fifs).is_absolute();
+    if (!fits) throw strange("the checkpoint of " + object.source + " does not belong to it");
+    check_names(object, text);
+    check_clone_block(object);
 }
 
 // The directory is named by another host: what is there already must not be hidden by a copy.

@@ -8,12 +8,12 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <iostream>
 #include <iterator>
 #include <memory>
 
 #include "fimctl/commands/command.h"
+#include "fimctl/phase.h"
 
 namespace fimctl {
 namespace {
@@ -84,16 +84,51 @@ class NewFile {
     int fd_ = -1;
 };
 
-std::string content_of(const std::string &file) {
-    if (file == "-") {
-        return {std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>()};
+// What it says is done as root: nobody else may have been able to write it.
+void refuse_others_document(const std::string &file, const struct stat &status) {
+    const bool ours = status.st_uid == 0 || status.st_uid == geteuid();
+    if (!S_ISREG(status.st_mode) || (ours && (status.st_mode & 022) == 0)) return;
+    Failure failure(Step::carry, ExitCode::permission,
+                    file + ": others than root can have written it");
+    failure.next = "see that it is what the other host has exported, then: chown root " + file +
+                   "; chmod 600 " + file;
+    throw failure;
+}
+
+// The file that is looked at is the one that is read, whatever its name stands for meanwhile.
+class ReadFile {
+  public:
+    explicit ReadFile(const std::string &name)
+        : name_(name), fd_(open(name.c_str(), O_RDONLY | O_CLOEXEC)) {
+        if (fd_ < 0) throw file_failure(name, errno);
     }
-    struct stat status = {};
-    if (stat(file.c_str(), &status) != 0) throw file_failure(file, errno);
-    if (S_ISDIR(status.st_mode)) throw file_failure(file, EISDIR);
-    std::ifstream in(file, std::ios::binary);
-    if (!in) throw file_failure(file, errno);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    ReadFile(const ReadFile &) = delete;
+    ReadFile &operator=(const ReadFile &) = delete;
+    ~ReadFile() { close(fd_); }
+
+    std::string content() const {
+        struct stat status = {};
+        if (fstat(fd_, &status) != 0) throw file_failure(name_, errno);
+        refuse_others_document(name_, status);
+        std::string text;
+        for (char part[65536];;) {
+            const ssize_t size = read(fd_, part, sizeof part);
+            stop_when_interrupted(Step::carry);
+            if (size < 0 && errno == EINTR) continue;
+            if (size < 0) throw file_failure(name_, errno);
+            if (size == 0) return text;
+            text.append(part, static_cast<size_t>(size));
+        }
+    }
+
+  private:
+    std::string name_;
+    int fd_;
+};
+
+std::string content_of(const std::string &file) {
+    if (file != "-") return ReadFile(file).content();
+    return {std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>()};
 }
 
 void export_one(const Common &common, const Options &options) {

@@ -1,6 +1,9 @@
 // The document in which a snapshot travels, and what is none or no good one.
 #include "fimctl/travel_document.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <nlohmann/json.hpp>
 
 #include "fimctl/digest.h"
@@ -75,6 +78,50 @@ TEST_F(Document, whose_checkpoint_belongs_to_another_place_is_refused) {
     document.snapshot.objects[0].fifs = "/etc";
     expect_refused(import(write_document(document)), "does not belong to it",
                    "export the snapshot again");
+}
+
+// The rebuild would remove it, as root.
+TEST_F(Document, that_names_a_file_of_this_host_as_its_transfer_file_is_refused) {
+    auto document = fimctl::read_document(text_);
+    document.snapshot.objects[0].text +=
+        "HDEF-CLONE_INFO_FILE=START\nTRANSFER_FILE=/var/mine\nHDEF-CLONE_INFO_FILE=END\n";
+    expect_refused(import(write_document(document)), "/var/mine is no transfer file",
+                   "export the snapshot again");
+}
+
+TEST_F(Document, whose_paths_lead_elsewhere_is_refused) {
+    const auto good = fimctl::read_document(text_);
+    const auto expect_strange = [&](const std::string &reason, const auto &change) {
+        auto document = good;
+        change(document.snapshot.objects[0]);
+        expect_refused(import(write_document(document)), reason, "export the snapshot again");
+    };
+    using fimctl::ObjectRecord;
+    expect_strange("leads out of its copy",
+                   [](ObjectRecord &object) { object.inside = "/../../etc"; });
+    expect_strange("it holds a name of two lines",
+                   [](ObjectRecord &object) { object.source = "/data\n   2  released"; });
+    expect_strange("../../etc is no name of a disk group",
+                   [](ObjectRecord &object) { object.text += "HDEF-vol_group=../../etc\n"; });
+    expect_strange("-Z is no name of a disk group",
+                   [](ObjectRecord &object) { object.vol_name = "-Z"; });
+    expect_strange("does not belong to it",
+                   [](ObjectRecord &object) { object.text += "HDEF-restore=1\n"; });
+}
+
+TEST_F(Document, that_somebody_else_could_write_is_refused) {
+    for (const int mode : {0660, 0602}) {
+        ASSERT_EQ(chmod(file.c_str(), static_cast<mode_t>(mode)), 0);
+        const Ended ended = on_backup({"import", file});
+        EXPECT_EQ(ended.status, 13) << ended.err;
+        EXPECT_NE(ended.err.find("others than root can have written it"), std::string::npos);
+        EXPECT_NE(ended.err.find("chmod 600 " + file), std::string::npos) << ended.err;
+    }
+    ASSERT_EQ(chmod(file.c_str(), 0644), 0);
+    ASSERT_EQ(chown(file.c_str(), 12, 0), 0);
+    EXPECT_EQ(on_backup({"import", file}).status, 13);
+    ASSERT_EQ(chown(file.c_str(), 0, 0), 0);
+    EXPECT_EQ(on_backup({"import", file}).status, 0);
 }
 
 TEST_F(Document, may_be_laid_out_anew) {
