@@ -202,7 +202,7 @@ void Cycle::release(int64_t id) {
         // Killed before the cut: its locks have ended with its process.
         catalogue_.set_state(id, State::failed);
         remove_folders(snapshot);
-        log::progress("nothing had been split; it is marked failed");
+        log::outcome("nothing had been split; it is marked failed");
     } else if (every_text_is_there(snapshot)) {
         release_by_text(snapshot);
     } else {
@@ -217,7 +217,7 @@ void Cycle::end_release(const SnapshotRecord &snapshot, const Outcome &outcome) 
     if (outcome.done) {
         catalogue_.set_state(snapshot.id, State::released);
         remove_folders(snapshot);
-        log::progress("released");
+        log::outcome("released");
         return;
     }
     Failure failure = outcome.as_failure(ExitCode::left);

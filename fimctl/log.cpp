@@ -97,6 +97,11 @@ void found(int devices) {
     tell(kind_found, std::to_string(devices));
 }
 
+void outcome(const std::string &text) {
+    to_file(subject + text);
+    progress::outcome(subject + text);
+}
+
 void waiting(const std::string &text) {
     to_file(subject + text);
     progress::waiting(subject + text);

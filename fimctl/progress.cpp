@@ -148,6 +148,11 @@ void waiting(const std::string &text) {
     now.retrying = true;
 }
 
+void outcome(const std::string &text) {
+    now.text.clear();
+    if (!now.quiet) write_line("fimctl: " + text);
+}
+
 bool is_counted(const char *line) {
     const std::string_view text = line;
     return is_device(text) || is_split(text) || text.starts_with(split_end) ||

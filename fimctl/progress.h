@@ -23,6 +23,8 @@ void step(const std::string &text);
 // The work is tried again and again until somebody else has ended; the steps of a try are not told
 // anew, until one is reached that no earlier try has reached.
 void waiting(const std::string &text);
+// What has been achieved stays to be read.
+void outcome(const std::string &text);
 // What the method says in passing: devices found, pairs to establish and to split, the split's end.
 void method_line(const char *line);
 // Where it does not say how many devices it has found, but somebody knows.

@@ -292,7 +292,7 @@ void Restore::end_restored(const RestorePlan &plan, const Cycle::Outcome &outcom
     if (trouble.empty()) {
         catalogue_.set_state(plan.id, State::restored);
         cycle_.remove_folders(cycle_.known(plan.id));
-        log::progress("restored");
+        log::outcome("restored");
         return;
     }
     Failure failure(Step::restore, ExitCode::left, trouble);

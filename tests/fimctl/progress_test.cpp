@@ -104,7 +104,20 @@ TEST_F(Progress, leaves_the_terminal_to_the_command_and_takes_it_back) {
         command({"run", "--no-quiesce", one_, "--", "sh", "-c", "echo out; echo err >&2"}));
     EXPECT_EQ(terminal.finish(), 0);
     EXPECT_NE(terminal.output().find("\r\033[Kout\nerr\n"), std::string::npos) << terminal.output();
-    EXPECT_EQ(terminal.screen(), "out\nerr\n");
+    EXPECT_EQ(terminal.screen(), "out\nerr\nfimctl: snapshot 1: released\n");
+}
+
+TEST_F(Progress, of_a_release_leaves_its_outcome_to_be_read) {
+    ASSERT_EQ(fimctl({"freeze", "--no-quiesce", one_}).status, 0);
+    {
+        Terminal terminal(command({"release", "1"}));
+        EXPECT_EQ(terminal.finish(), 0);
+        EXPECT_EQ(terminal.screen(), "fimctl: snapshot 1: released\n");
+    }
+    ASSERT_EQ(fimctl({"freeze", "--no-quiesce", one_}).status, 0);
+    Terminal quiet(command({"-q", "release", "2"}));
+    EXPECT_EQ(quiet.finish(), 0);
+    EXPECT_EQ(quiet.output(), "");
 }
 
 TEST_F(Progress, gives_way_to_a_failure) {
