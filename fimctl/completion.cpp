@@ -9,13 +9,13 @@ namespace {
 // What the value of an option or positional is, for the shell.
 std::string kind_of(const CLI::Option &option) {
     const std::string type = option.get_type_name();
-    for (const char *number : {"SECONDS", "FLOAT", "INT", "UINT", "STRING", "CODE", "NAME"}) {
-        if (type.starts_with(number) && option.nonpositional()) return "other";
+    if (!option.nonpositional()) {
+        const std::string name = option.get_name();
+        if (name == "ID") return option.get_items_expected_max() > 1 ? "snapshots" : "snapshot";
+        return name == "SHELL" ? "shell" : "file";
     }
     if (type.starts_with("DIR")) return "folder";
-    if (option.get_positional() && option.get_name() == "ID") return "snapshot";
-    if (option.get_positional() && option.get_name() == "SHELL") return "shell";
-    return "file";
+    return type.starts_with("FILE") || type.starts_with("PATH") ? "file" : "other";
 }
 
 struct Words {
@@ -76,7 +76,7 @@ _fimctl_offer() { # KIND: fills COMPREPLY, or leaves it to bash to look for file
     case $1 in
         file) return ;;
         folder) compopt -o dirnames 2>/dev/null && return ;;
-        snapshot)
+        snapshot | snapshots)
             local which=()
             [[ $command == show ]] && which=(--all)
             mapfile -t COMPREPLY < <(compgen -W "$("$program" -q "${asked[@]}" list --ids \
@@ -121,7 +121,7 @@ _fimctl() {
         mapfile -t COMPREPLY < <(compgen -W "$common $options" -- "$current")
     elif [[ -z $command ]]; then
         mapfile -t COMPREPLY < <(compgen -W "$commands" -- "$current")
-    elif [[ $positional == file || $given == 0 ]]; then
+    elif [[ $positional == file || $positional == snapshots || $given == 0 ]]; then
         _fimctl_offer "$positional"
     else
         _fimctl_offer none

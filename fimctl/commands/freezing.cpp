@@ -13,8 +13,10 @@ struct Options {
 
 void add_options(CLI::App *command, Commands &commands, Options &options) {
     command->add_option("PATH", options.paths, "file systems or devices to freeze")->required();
-    command->add_option("--mount-at", commands.common().settings.mount_at,
-                        "where the copy is mounted (several paths: DIR/1, DIR/2, ...)");
+    command
+        ->add_option("--mount-at", commands.common().settings.mount_at,
+                     "where the copy is mounted (several paths: DIR/1, DIR/2, ...)")
+        ->type_name("DIR");
     commands.configuration().add_options(command, Scope::freezing);
 }
 

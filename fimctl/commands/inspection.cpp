@@ -40,7 +40,8 @@ void add_plan(Commands &commands, const std::shared_ptr<Options> &options) {
         commands.add("plan", "what a freeze of these paths would do; changes nothing",
                      Access::working, [&common, options] { plan(common, *options); });
     planned->add_option("PATH", options->paths, "file systems or devices")->required();
-    planned->add_option("--mount-at", common.settings.mount_at, "where the copy would be mounted");
+    planned->add_option("--mount-at", common.settings.mount_at, "where the copy would be mounted")
+        ->type_name("DIR");
     commands.configuration().add_options(planned, Scope::freezing);
     planned->add_flag("--json", options->json, "one JSON document");
 }
@@ -55,8 +56,10 @@ void add_inspection_commands(Commands &commands) {
     CLI::App *examined =
         commands.add("doctor", "what this host has and lacks for snapshots", Access::reading,
                      [&common, options] { doctor(common, *options); });
-    examined->add_option("--client", options->client,
-                         "also look up this alternate backup host's configuration entries");
+    examined
+        ->add_option("--client", options->client,
+                     "also look up this alternate backup host's configuration entries")
+        ->type_name("HOST");
     add_plan(commands, options);
     for (CLI::App *command : {locked, examined}) {
         command->add_flag("--json", options->json, "one JSON document");

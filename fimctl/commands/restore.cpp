@@ -39,8 +39,11 @@ void add_restore_commands(Commands &commands) {
     CLI::Option *plan_only =
         command->add_flag("--plan-only", chosen->plan_only, "print what would be done, and end");
     CLI::Option *yes = command->add_flag("--yes", options.yes, "ask nothing");
-    CLI::Option *confirm = command->add_option(
-        "--confirm", options.confirm, "the code of the plan that was seen, instead of a question");
+    CLI::Option *confirm =
+        command
+            ->add_option("--confirm", options.confirm,
+                         "the code of the plan that was seen, instead of a question")
+            ->type_name("CODE");
     command->add_flag("--measure", options.plan.measure,
                       "compare mirrors and originals to tell how much changes");
     command->add_flag("--abandoned", options.plan.abandoned,

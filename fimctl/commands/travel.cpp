@@ -163,7 +163,8 @@ void add_travel_commands(Commands &commands) {
         commands.add("export", "hand a snapshot to the backup host, or back to the primary host",
                      Access::working, [&common, options] { export_one(common, *options); });
     add_id(out, options->id);
-    out->add_option("--output", options->output, "write it there (0600), not to standard output");
+    out->add_option("--output", options->output, "write it there (0600), not to standard output")
+        ->type_name("FILE");
     out->add_flag("--force", options->force,
                   "overwrite that file; hand out again what has not come back");
     CLI::App *in =

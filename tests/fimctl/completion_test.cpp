@@ -102,6 +102,8 @@ TEST_F(Completion, offers_the_numbers_of_the_snapshots) {
     EXPECT_EQ(offered({"mount", ""}), "2\n");
     EXPECT_EQ(offered({"show", ""}), "1\n2\n") << "one that is over can be shown";
     EXPECT_EQ(offered({"release", "2", ""}), "") << "there is only one";
+    EXPECT_EQ(offered({"cleanup", "1", ""}), "2\n") << "there may be several";
+    EXPECT_EQ(offered({"restore", "--confirm", ""}), "") << "a code is nothing to choose";
 }
 
 TEST_F(Completion, asks_the_catalogue_that_the_line_names) {
