@@ -3,6 +3,7 @@
 #include <sys/mount.h>
 #include <unistd.h>
 
+#include "fimctl/paths.h"
 #include "tests/fimctl/fake_method/script.h"
 #include "tests/fimctl/restore_world.h"
 #include "tests/support/private_root.h"
