@@ -35,12 +35,6 @@ class Commands {
             mount(object, i);
             release(object, i);
         }
-        // The copy's information is written once a group, when all objects are frozen; an imported
-        // group is given back when the last of its objects has been unmounted.
-        for (const PlannedObject &object : plan_.objects) {
-            if (object.is_volume() && plan_.import) deport(object);
-            if (object.is_volume() && !plan_.import) checkpoint(object);
-        }
     }
 
   private:
@@ -59,10 +53,8 @@ class Commands {
             add(plan_.freeze_commands,
                 {path::device_information_tool, "-f", "-p", pair.raw, "-o", "-"});
         }
-    }
-
-    void checkpoint(const PlannedObject &object) {
-        if (object.pairs.empty() || !checkpointed_.insert(object.group).second) return;
+        if (!object.is_volume() || plan_.import || !checkpointed_.insert(object.group).second)
+            return;
         add(plan_.freeze_commands,
             {path::clone_tool, "-g", object.group, "-n", volumes_of(object.group), "-d",
              devices_of(object.group), "-i", later_file, "-p", plan_.config.plex});
@@ -82,8 +74,8 @@ class Commands {
         for (auto object = plan_.objects.rbegin(); object != plan_.objects.rend(); ++object) {
             if (object->group != group) continue;
             for (const PlannedPair &pair : object->pairs) {
-                if (text.find(pair.addressed) != std::string::npos) continue;
-                text += (text.empty() ? "" : ":") + pair.addressed + "," + seen(pair);
+                if (text.find(pair.raw) != std::string::npos) continue;
+                text += (text.empty() ? "" : ":") + pair.raw + "," + seen(pair);
             }
         }
         return text;
@@ -129,17 +121,15 @@ class Commands {
 
     void release(const PlannedObject &object, size_t number) {
         if (object.is_file_system()) add(plan_.release_commands, {"umount", directory(number)});
-        if (!object.is_volume() || plan_.import) return;
-        add(plan_.release_commands,
-            {path::clone_tool, "-g", object.group, "-n", object.volume, "-c", clone(object)});
-    }
-
-    void deport(const PlannedObject &object) {
-        const bool is_known = !object.pairs.empty() || object.covered_by != covered_by_none;
-        if (!is_known || !taken_down_.insert(object.group).second) return;
-        add(plan_.release_commands, {path::disk_group_tool, "list", clone(object)});
-        add(plan_.release_commands,
-            {path::disk_group_tool, "-n", object.group, "deport", clone(object)});
+        if (!object.is_volume()) return;
+        if (!plan_.import) {
+            add(plan_.release_commands,
+                {path::clone_tool, "-g", object.group, "-n", object.volume, "-c", clone(object)});
+        } else if (taken_down_.insert(object.group).second) {
+            add(plan_.release_commands, {path::disk_group_tool, "list", clone(object)});
+            add(plan_.release_commands,
+                {path::disk_group_tool, "-n", object.group, "deport", clone(object)});
+        }
     }
 
     std::string clone(const PlannedObject &object) const { return clone_name(host_, object.group); }

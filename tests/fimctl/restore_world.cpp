@@ -236,16 +236,4 @@ void RestoreWorld::expect_all_is_there() const {
     }
 }
 
-void RestoreWorld::expect_frozen_and_untouched() const {
-    EXPECT_EQ(snapshot(1).state, fimctl::State::frozen);
-    for (const auto &pair : fake::read_array()) EXPECT_EQ(pair.state, 5) << pair.device;
-    expect_all_is_there();
-}
-
-void RestoreWorld::expect_restored() const {
-    EXPECT_EQ(snapshot(1).state, fimctl::State::restored);
-    for (const auto &pair : fake::read_array()) EXPECT_EQ(pair.state, 8) << pair.device;
-    expect_all_is_there();
-}
-
 }  // namespace test

@@ -55,12 +55,6 @@ class RestoreWorld : public FimctlWorld {
     bool is_imported(const std::string &group) const;
     // Whether every group is imported and every volume mounted.
     void expect_all_is_there() const;
-    // The snapshot and its pairs as before a restore, or as after it, and all of the above.
-    void expect_frozen_and_untouched() const;
-    void expect_restored() const;
-    static bool told(const Ended &ended, const std::string &part) {
-        return ended.err.find(part) != std::string::npos;
-    }
 
     std::vector<std::unique_ptr<Volume>> restorable_;
 };
