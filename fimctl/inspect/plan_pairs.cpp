@@ -54,7 +54,7 @@ void choose_native_path(PlannedPair &pair, Plan &plan) {
 // The host path of the BCV as the method finds it: the first native port that is up, else its name.
 std::string path_of(const BcvView &bcv) {
     const std::string port = first_open_native(bcv.ports);
-    const std::string path = port.empty() ? bcv.path : port;
+    std::string path = port.empty() ? bcv.path : port;
     const size_t disk = path.find('s');
     if (!holds(path, raw_multipath) || disk == std::string::npos) return path;
     return "/dev/" + path.substr(disk);
