@@ -152,7 +152,7 @@ std::string readable_disk(const std::string &raw) {
     for (const auto &[raw_folder, block_folder] : twins) {
         const std::string folder = raw_folder;
         if (raw.compare(0, folder.size(), folder) != 0) continue;
-        const std::string block = block_folder + raw.substr(folder.size());
+        std::string block = block_folder + raw.substr(folder.size());
         if (block_number(block)) return block;
     }
     return "";

@@ -37,10 +37,11 @@ std::string age(const std::string &created) {
     tm when = {};
     if (strptime(created.c_str(), "%Y-%m-%dT%H:%M:%SZ", &when) == nullptr) return "";
     const long seconds = std::max(0L, static_cast<long>(time(nullptr) - timegm(&when)));
-    if (seconds < 120) return std::to_string(seconds) + " s";
-    if (seconds < 2 * 3600) return std::to_string(seconds / 60) + " min";
-    if (seconds < 2 * 86400) return std::to_string(seconds / 3600) + " h";
-    return std::to_string(seconds / 86400) + " days";
+    constexpr long minute = 60, hour = 60 * minute, day = 24 * hour;
+    if (seconds < 2 * minute) return std::to_string(seconds) + " s";
+    if (seconds < 2 * hour) return std::to_string(seconds / minute) + " min";
+    if (seconds < 2 * day) return std::to_string(seconds / hour) + " h";
+    return std::to_string(seconds / day) + " days";
 }
 
 std::string quality(const RestorePlan &plan) {
