@@ -10,6 +10,7 @@
 
 #include "fimctl/catalogue.h"
 #include "fimctl/failure.h"
+#include "fimctl/held_devices.h"
 #include "fimctl/phase.h"
 #include "fimctl/progress.h"
 #include "fimctl/snapshot_lock.h"
@@ -76,6 +77,8 @@ class Cycle {
     // Preparation (cycle_prepare.cpp).
     std::vector<Source> check(const std::vector<std::string> &paths);
     int64_t enter(const std::vector<Source> &sources);
+    std::vector<SourceDevice> devices_below_if_any_is_held(const std::vector<Source> &sources);
+    void check_before_undo(const SnapshotRecord &snapshot);
     void check_mount_at(const std::vector<Source> &sources);
     std::vector<ObjectRecord> plan_objects(int64_t id, const std::vector<Source> &sources);
     void remove_folders(const SnapshotRecord &snapshot);

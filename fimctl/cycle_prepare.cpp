@@ -2,6 +2,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -11,6 +12,7 @@
 #include "fimctl/copy_folder.h"
 #include "fimctl/cycle.h"
 #include "fimctl/disk_group.h"
+#include "fimctl/held_devices.h"
 #include "fimctl/host.h"
 #include "fimctl/paths.h"
 
@@ -120,12 +122,25 @@ void Cycle::check_mount_at(const std::vector<Source> &sources) {
     }
 }
 
+// The array is only asked where it can matter.
+std::vector<SourceDevice> Cycle::devices_below_if_any_is_held(const std::vector<Source> &sources) {
+    const auto snapshots = catalogue_.all();
+    const bool any =
+        std::any_of(snapshots.begin(), snapshots.end(), [](const SnapshotRecord &snapshot) {
+            return !is_over(snapshot.state) && !snapshot.is_target;
+        });
+    return any ? devices_below(settings_, sources) : std::vector<SourceDevice>();
+}
+
 // One transaction from the look at what other snapshots hold to the entry: two commands that start
 // together cannot both find an object free.
 int64_t Cycle::enter(const std::vector<Source> &sources) {
+    // Asked before it: nobody else should wait for the array's answer.
+    const auto devices = devices_below_if_any_is_held(sources);
     Catalogue::Transaction whole(catalogue_);
     const auto others = catalogue_.all();
     refuse_held(sources, others);
+    refuse_held_devices(sources, devices, others);
     refuse_equal_clone_names(sources, others);
     if (!settings_.mount_at.empty()) {
         for (size_t i = 0; i < sources.size(); ++i) {
@@ -172,6 +187,20 @@ std::vector<ObjectRecord> Cycle::plan_objects(int64_t id, const std::vector<Sour
         objects.push_back(object);
     }
     return objects;
+}
+
+// To undo a cut is to freeze the same paths again. What they lead to by now may be something else,
+// and its mirror the copy of another snapshot.
+void Cycle::check_before_undo(const SnapshotRecord &snapshot) {
+    std::vector<std::string> paths;
+    for (const ObjectRecord &object : snapshot.objects) paths.push_back(object.source);
+    const auto sources = look_at_sources(paths);
+    const auto devices = devices_below(settings_, sources);
+    auto others = catalogue_.all();
+    std::erase_if(others, [&](const SnapshotRecord &other) { return other.id == snapshot.id; });
+    refuse_moved(snapshot, devices);
+    refuse_held(sources, others);
+    refuse_held_devices(sources, devices, others);
 }
 
 // Only what was made for this snapshot, and only when it is empty: rmdir sees to that.

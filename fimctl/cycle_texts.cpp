@@ -239,6 +239,14 @@ void Cycle::release_by_text(const SnapshotRecord &snapshot) {
 }
 
 void Cycle::undo(const SnapshotRecord &snapshot) {
+    try {
+        check_before_undo(snapshot);
+    } catch (Failure &failure) {
+        failure.code = ExitCode::left;
+        failure.id = static_cast<long>(snapshot.id);
+        note(snapshot.id, failure.what());
+        throw;
+    }
     FreezeJob job;
     job.method = settings_.method;
     job.config = resync_config(snapshot.config);
