@@ -188,7 +188,7 @@ std::string why_refused(const std::string &file) {
     struct stat status = {};
     if (lstat(file.c_str(), &status) != 0) return strerror(errno);
     if (!S_ISREG(status.st_mode)) return "it is no regular file";
-    const std::string why = why_owned_badly(status);
+    std::string why = why_owned_badly(status);
     if (!why.empty()) return why;
     return (status.st_mode & 0100) == 0 ? "it is not executable" : "";
 }

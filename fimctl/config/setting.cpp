@@ -25,7 +25,8 @@ const Setting settings[] = {
     {"log", "--log", "FILE", Scope::every_command, "append everything that is told to this file",
      Text{[](Common &c) -> std::string & { return c.log.file; }, "", true, true}},
     {"lock_wait", "--lock-wait", "SECONDS", Scope::every_command,
-     "seconds to wait, at mount and release, for another process that owns the array's mirrors",
+     "seconds to wait, at mount, release and restore, for another process that owns the array's "
+     "mirrors",
      Seconds{[](Common &c) -> double & { return c.settings.lock_wait; }, 60, 0, one_day}},
     {"quiet", "-q,--quiet,!--no-quiet", "", Scope::every_command, "no progress lines",
      Flag{[](Common &c) -> bool & { return c.log.quiet; }, false}},
