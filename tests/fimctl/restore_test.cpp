@@ -9,31 +9,15 @@
 
 #include "fimctl/paths.h"
 #include "fimctl/restore/host_view.h"
-#include "tests/fimctl/fake_method/script.h"
-#include "tests/fimctl/restore_world.h"
+#include "tests/fimctl/restore_fixture.h"
 #include "tests/support/private_root.h"
 
 namespace {
 
 using fimctl::State;
 using test::Ended;
+using test::Restore;
 using Calls = std::vector<std::string>;
-
-struct Restore : test::RestoreWorld {
-    bool told(const Ended &ended, const std::string &part) const {
-        return ended.err.find(part) != std::string::npos;
-    }
-    void expect_frozen_and_untouched() const {
-        EXPECT_EQ(snapshot(1).state, State::frozen);
-        for (const auto &pair : fake::read_array()) EXPECT_EQ(pair.state, 5) << pair.device;
-        expect_all_is_there();
-    }
-    void expect_restored() const {
-        EXPECT_EQ(snapshot(1).state, State::restored);
-        for (const auto &pair : fake::read_array()) EXPECT_EQ(pair.state, 8) << pair.device;
-        expect_all_is_there();
-    }
-};
 
 TEST_F(Restore, unmounts_deports_restores_and_brings_everything_back) {
     NEEDS_VOLUME("datadg", "one", "00A1");
@@ -100,112 +84,6 @@ TEST_F(Restore, mounts_get_the_options_back_that_they_had) {
         EXPECT_NE(mount.options.find("nosuid,nodev"), std::string::npos) << mount.options;
     }
     EXPECT_EQ(found, 2);
-}
-
-// Confirmation.
-
-TEST_F(Restore, is_refused_where_nobody_can_be_asked) {
-    NEEDS_VOLUME("datadg", "one", "00A1");
-    enter();
-    const int nothing = open("/dev/null", O_RDONLY);
-    dup2(nothing, STDIN_FILENO);
-    close(nothing);
-    const Ended ended = restore({});
-    EXPECT_EQ(ended.status, 2);
-    EXPECT_TRUE(told(ended, "there is nobody to ask; nothing was done")) << ended.err;
-    EXPECT_TRUE(told(ended, "--confirm CODE"));
-    expect_frozen_and_untouched();
-    EXPECT_TRUE(calls_of("rebuild").empty());
-}
-
-TEST_F(Restore, a_code_binds_a_script_to_the_plan_that_it_has_seen) {
-    NEEDS_VOLUME("datadg", "one", "00A1");
-    enter();
-    const std::string code = code_of_plan();
-    ASSERT_EQ(code.size(), 9U);
-    EXPECT_EQ(restore({"--confirm", "0000-0000"}).status, 2);
-    expect_frozen_and_untouched();
-    EXPECT_EQ(code_of_plan(), code);
-    EXPECT_EQ(restore({"--confirm", code}).status, 0);
-    expect_restored();
-}
-
-TEST_F(Restore, the_code_is_of_what_is_done_not_of_when_the_plan_was_made) {
-    NEEDS_VOLUME("datadg", "one", "00A1");
-    enter();
-    const std::string code = code_of_plan();
-    sleep(1);
-    EXPECT_EQ(code_of_plan(), code);
-    unmount("/data-one");
-    EXPECT_NE(code_of_plan(), code);
-    EXPECT_EQ(restore({"--confirm", code}).status, 2);
-    EXPECT_EQ(snapshot(1).state, State::frozen);
-}
-
-TEST_F(Restore, the_code_fits_no_other_snapshot_of_the_same_number) {
-    NEEDS_VOLUME("datadg", "one", "00A1");
-    enter();
-    const std::string code = code_of_plan();
-    // The catalogue was lost, and the same was frozen once more.
-    unlink((state_ + "/" + fimctl::path::catalogue_file).c_str());
-    ASSERT_EQ(enter(), 1);
-    EXPECT_NE(code_of_plan(), code);
-    EXPECT_EQ(restore({"--confirm", code}).status, 2);
-    expect_frozen_and_untouched();
-}
-
-class OnATerminal : public Restore {
-  protected:
-    // The user types this line when asked, and meanwhile the world may change.
-    Ended answer(const std::string &line, const std::string &directory_to_unmount = "") {
-        test::make_folders("/dev/pts");
-        EXPECT_EQ(mount("devpts", "/dev/pts", "devpts", 0, "newinstance,ptmxmode=0666"), 0);
-        mounted_.push_back("/dev/pts");
-        const int terminal = open("/dev/pts/ptmx", O_RDWR | O_NOCTTY | O_CLOEXEC);
-        EXPECT_EQ(unlockpt(terminal), 0);
-        const int other = open(ptsname(terminal), O_RDWR | O_NOCTTY | O_CLOEXEC);
-        EXPECT_GE(other, 0);
-        dup2(other, STDIN_FILENO);
-        const pid_t pid = start({"--method", FAKE_RESTORING, "restore", "1"});
-        usleep(700000);
-        if (!directory_to_unmount.empty()) unmount(directory_to_unmount);
-        EXPECT_EQ(write(terminal, line.data(), line.size()), static_cast<ssize_t>(line.size()));
-        const Ended ended = finish(pid);
-        close(other);
-        close(terminal);
-        close(STDIN_FILENO);
-        return ended;
-    }
-};
-
-TEST_F(OnATerminal, the_code_is_typed) {
-    NEEDS_VOLUME("datadg", "one", "00A1");
-    enter();
-    std::string code = code_of_plan();
-    code.erase(4, 1);
-    const Ended ended = answer(" " + code + "\n");
-    EXPECT_EQ(ended.status, 0) << ended.err;
-    expect_restored();
-}
-
-TEST_F(OnATerminal, anything_else_leaves_everything_as_it_is) {
-    NEEDS_VOLUME("datadg", "one", "00A1");
-    enter();
-    const Ended ended = answer("yes\n");
-    EXPECT_EQ(ended.status, 2);
-    EXPECT_TRUE(told(ended, "that is not the code; nothing was done")) << ended.err;
-    expect_frozen_and_untouched();
-}
-
-TEST_F(OnATerminal, a_plan_that_has_gone_stale_is_refused_and_the_new_one_is_shown) {
-    NEEDS_VOLUME("datadg", "one", "00A1");
-    enter();
-    const Ended ended = answer(code_of_plan() + "\n", "/data-one");
-    EXPECT_EQ(ended.status, 2);
-    EXPECT_TRUE(told(ended, "the plan has changed since it was confirmed")) << ended.err;
-    EXPECT_TRUE(told(ended, "not mounted now; will be mounted")) << ended.err;
-    EXPECT_EQ(snapshot(1).state, State::frozen);
-    EXPECT_TRUE(calls_of("rebuild").empty());
 }
 
 // The array's word.
@@ -419,118 +297,5 @@ TEST_F(Restore, a_snapshot_that_was_restored_is_over) {
     EXPECT_EQ(fimctl({"release", "1"}).status, 2);
     EXPECT_EQ(fimctl({"list"}).out, "no snapshots\n");
 }
-
-// The release of a restore that was not ended.
-
-struct Released : Restore {
-    Ended release(const std::vector<std::string> &more = {}) {
-        std::vector<std::string> words = {"--method", FAKE_RESTORING, "release", "1"};
-        words.insert(words.end(), more.begin(), more.end());
-        return fimctl(words);
-    }
-    void kill_at(const std::string &point) {
-        script(point + " 1 kill-command");
-        EXPECT_EQ(restore().status, -1);
-        EXPECT_EQ(snapshot(1).state, State::restoring);
-        usleep(50000);
-        test::write_file("/var/fake/script", "");
-    }
-};
-
-TEST_F(Released, before_anything_was_overwritten_everything_is_put_back_first) {
-    NEEDS_VOLUME("datadg", "one", "00A1");
-    NEEDS_VOLUME("datadg", "two", "00A2");
-    enter();
-    kill_at("deported");
-    EXPECT_FALSE(is_mounted("/data-one"));
-    const Ended ended = release();
-    EXPECT_EQ(ended.status, 0) << ended.err;
-    EXPECT_EQ(snapshot(1).state, State::released);
-    expect_all_is_there();
-    EXPECT_EQ(array_state("00A1"), 2);
-}
-
-TEST_F(Released, never_copies_restored_primaries_over_the_mirrors_without_saying_so) {
-    NEEDS_VOLUME("onedg", "one", "00A1", "000184500123");
-    NEEDS_VOLUME("twodg", "two", "00A2", "000184500999");
-    enter();
-    script("control 1 state 00A1 8");
-    script("control 1 refuse 000184500999");
-    EXPECT_EQ(restore().status, 3);
-    test::write_file("/var/fake/script", "");
-    const Ended ended = release();
-    EXPECT_EQ(ended.status, 2);
-    EXPECT_TRUE(told(ended, "pair 00A1/0BA1 of array 000184500123 is restored")) << ended.err;
-    EXPECT_TRUE(told(ended,
-                     "next: go on with the restore: fimctl restore 1; or give the copy up: "
-                     "fimctl release 1 --abandoned"));
-    EXPECT_EQ(snapshot(1).state, State::restoring);
-    EXPECT_EQ(array_state("00A1"), 8);
-    EXPECT_EQ(array_state("00A2"), 5);
-    const Ended second = release({"--abandoned"});
-    EXPECT_EQ(second.status, 0) << second.err;
-    EXPECT_EQ(snapshot(1).state, State::released);
-    EXPECT_EQ(array_state("00A2"), 2);
-    expect_all_is_there();
-}
-
-TEST_F(Released, a_copy_that_its_broken_off_restore_has_lost_can_be_given_up) {
-    NEEDS_VOLUME("onedg", "one", "00A1", "000184500123");
-    NEEDS_VOLUME("twodg", "two", "00A2", "000184500999");
-    enter();
-    script("control 1 state 00A1 8");
-    script("control 1 state 00A2 2");
-    script("control 1 refuse 000184500999");
-    EXPECT_EQ(restore().status, 3);
-    ASSERT_NE(snapshot(1).void_reason, "");
-    test::write_file("/var/fake/script", "");
-    const Ended ended = release();
-    EXPECT_EQ(ended.status, 2);
-    EXPECT_TRUE(told(ended, "next: give the copy up: fimctl release 1 --abandoned")) << ended.err;
-    EXPECT_EQ(array_state("00A1"), 8);
-    const Ended second = release({"--abandoned"});
-    EXPECT_EQ(second.status, 0) << second.err;
-    EXPECT_EQ(snapshot(1).state, State::released);
-    expect_all_is_there();
-}
-
-TEST_F(Released, what_cannot_be_put_back_keeps_the_snapshot) {
-    NEEDS_VOLUME("datadg", "one", "00A1");
-    enter();
-    kill_at("deported");
-    test::write_file("/var/fake/no-import", "");
-    const Ended ended = release();
-    EXPECT_EQ(ended.status, 3);
-    EXPECT_TRUE(told(ended, "import of disk group datadg")) << ended.err;
-    EXPECT_EQ(snapshot(1).state, State::restoring);
-    EXPECT_EQ(array_state("00A1"), 5);
-}
-
-// Killed with everything that belongs to it.
-
-struct Killed : Restore, testing::WithParamInterface<const char *> {};
-
-TEST_P(Killed, at_any_point_it_is_gone_on_with) {
-    NEEDS_VOLUME("datadg", "one", "00A1");
-    NEEDS_VOLUME("datadg", "two", "00A2");
-    NEEDS_VOLUME("twodg", "three", "00A3");
-    enter();
-    script(std::string(GetParam()) + " 1 kill-command");
-    EXPECT_EQ(restore().status, -1);
-    const bool begun = std::string(GetParam()) != "rebuild";
-    EXPECT_EQ(snapshot(1).state, begun ? State::restoring : State::frozen);
-    usleep(50000);
-    test::write_file("/var/fake/script", "");
-    const Ended plan = restore({"--plan-only"});
-    EXPECT_EQ(plan.status, 0) << plan.err;
-    const Ended ended = restore();
-    EXPECT_EQ(ended.status, 0) << ended.err;
-    expect_restored();
-}
-
-INSTANTIATE_TEST_SUITE_P(Points, Killed,
-                         testing::Values("rebuild", "thaw", "thaw_commit", "unmounted", "deported",
-                                         "control", "controlled", "imported", "mounted"),
-                         [](const auto &one) { return std::string(one.param); });
 
 }  // namespace

@@ -1,0 +1,132 @@
+// A restore that was not ended: its release, and what goes on after it was killed.
+#include <fcntl.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+
+#include "fimctl/paths.h"
+#include "fimctl/restore/host_view.h"
+#include "tests/fimctl/restore_fixture.h"
+#include "tests/support/private_root.h"
+
+namespace {
+
+using fimctl::State;
+using test::Ended;
+using test::Restore;
+using Calls = std::vector<std::string>;
+
+struct Released : Restore {
+    Ended release(const std::vector<std::string> &more = {}) {
+        std::vector<std::string> words = {"--method", FAKE_RESTORING, "release", "1"};
+        words.insert(words.end(), more.begin(), more.end());
+        return fimctl(words);
+    }
+    void kill_at(const std::string &point) {
+        script(point + " 1 kill-command");
+        EXPECT_EQ(restore().status, -1);
+        EXPECT_EQ(snapshot(1).state, State::restoring);
+        usleep(50000);
+        test::write_file("/var/fake/script", "");
+    }
+};
+
+TEST_F(Released, before_anything_was_overwritten_everything_is_put_back_first) {
+    NEEDS_VOLUME("datadg", "one", "00A1");
+    NEEDS_VOLUME("datadg", "two", "00A2");
+    enter();
+    kill_at("deported");
+    EXPECT_FALSE(is_mounted("/data-one"));
+    const Ended ended = release();
+    EXPECT_EQ(ended.status, 0) << ended.err;
+    EXPECT_EQ(snapshot(1).state, State::released);
+    expect_all_is_there();
+    EXPECT_EQ(array_state("00A1"), 2);
+}
+
+TEST_F(Released, never_copies_restored_primaries_over_the_mirrors_without_saying_so) {
+    NEEDS_VOLUME("onedg", "one", "00A1", "000184500123");
+    NEEDS_VOLUME("twodg", "two", "00A2", "000184500999");
+    enter();
+    script("control 1 state 00A1 8");
+    script("control 1 refuse 000184500999");
+    EXPECT_EQ(restore().status, 3);
+    test::write_file("/var/fake/script", "");
+    const Ended ended = release();
+    EXPECT_EQ(ended.status, 2);
+    EXPECT_TRUE(told(ended, "pair 00A1/0BA1 of array 000184500123 is restored")) << ended.err;
+    EXPECT_TRUE(told(ended,
+                     "next: go on with the restore: fimctl restore 1; or give the copy up: "
+                     "fimctl release 1 --abandoned"));
+    EXPECT_EQ(snapshot(1).state, State::restoring);
+    EXPECT_EQ(array_state("00A1"), 8);
+    EXPECT_EQ(array_state("00A2"), 5);
+    const Ended second = release({"--abandoned"});
+    EXPECT_EQ(second.status, 0) << second.err;
+    EXPECT_EQ(snapshot(1).state, State::released);
+    EXPECT_EQ(array_state("00A2"), 2);
+    expect_all_is_there();
+}
+
+TEST_F(Released, a_copy_that_its_broken_off_restore_has_lost_can_be_given_up) {
+    NEEDS_VOLUME("onedg", "one", "00A1", "000184500123");
+    NEEDS_VOLUME("twodg", "two", "00A2", "000184500999");
+    enter();
+    script("control 1 state 00A1 8");
+    script("control 1 state 00A2 2");
+    script("control 1 refuse 000184500999");
+    EXPECT_EQ(restore().status, 3);
+    ASSERT_NE(snapshot(1).void_reason, "");
+    test::write_file("/var/fake/script", "");
+    const Ended ended = release();
+    EXPECT_EQ(ended.status, 2);
+    EXPECT_TRUE(told(ended, "next: give the copy up: fimctl release 1 --abandoned")) << ended.err;
+    EXPECT_EQ(array_state("00A1"), 8);
+    const Ended second = release({"--abandoned"});
+    EXPECT_EQ(second.status, 0) << second.err;
+    EXPECT_EQ(snapshot(1).state, State::released);
+    expect_all_is_there();
+}
+
+TEST_F(Released, what_cannot_be_put_back_keeps_the_snapshot) {
+    NEEDS_VOLUME("datadg", "one", "00A1");
+    enter();
+    kill_at("deported");
+    test::write_file("/var/fake/no-import", "");
+    const Ended ended = release();
+    EXPECT_EQ(ended.status, 3);
+    EXPECT_TRUE(told(ended, "import of disk group datadg")) << ended.err;
+    EXPECT_EQ(snapshot(1).state, State::restoring);
+    EXPECT_EQ(array_state("00A1"), 5);
+}
+
+// Killed with everything that belongs to it.
+
+struct Killed : Restore, testing::WithParamInterface<const char *> {};
+
+TEST_P(Killed, at_any_point_it_is_gone_on_with) {
+    NEEDS_VOLUME("datadg", "one", "00A1");
+    NEEDS_VOLUME("datadg", "two", "00A2");
+    NEEDS_VOLUME("twodg", "three", "00A3");
+    enter();
+    script(std::string(GetParam()) + " 1 kill-command");
+    EXPECT_EQ(restore().status, -1);
+    const bool begun = std::string(GetParam()) != "rebuild";
+    EXPECT_EQ(snapshot(1).state, begun ? State::restoring : State::frozen);
+    usleep(50000);
+    test::write_file("/var/fake/script", "");
+    const Ended plan = restore({"--plan-only"});
+    EXPECT_EQ(plan.status, 0) << plan.err;
+    const Ended ended = restore();
+    EXPECT_EQ(ended.status, 0) << ended.err;
+    expect_restored();
+}
+
+INSTANTIATE_TEST_SUITE_P(Points, Killed,
+                         testing::Values("rebuild", "thaw", "thaw_commit", "unmounted", "deported",
+                                         "control", "controlled", "imported", "mounted"),
+                         [](const auto &one) { return std::string(one.param); });
+
+}  // namespace
