@@ -81,7 +81,7 @@ class OnATerminal : public Restore {
         EXPECT_GE(other, 0);
         dup2(other, STDIN_FILENO);
         const pid_t pid = start({"--method", FAKE_RESTORING, "restore", "1"});
-        usleep(700000);
+        EXPECT_TRUE(wait_until_told(pid, "Type the code to restore"));
         if (!directory_to_unmount.empty()) unmount(directory_to_unmount);
         EXPECT_EQ(write(terminal, line.data(), line.size()), static_cast<ssize_t>(line.size()));
         const Ended ended = finish(pid);

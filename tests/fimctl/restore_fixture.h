@@ -20,6 +20,12 @@ struct Restore : RestoreWorld {
         for (const auto &pair : fake::read_array()) EXPECT_EQ(pair.state, 8) << pair.device;
         expect_all_is_there();
     }
+    // Its command was killed, and it follows.
+    void expect_the_phase_is_gone() const {
+        for (const pid_t phase : processes_of("rebuild")) {
+            EXPECT_TRUE(wait_until_gone(phase)) << phase;
+        }
+    }
 };
 
 }  // namespace test

@@ -28,7 +28,7 @@ struct Released : Restore {
         script(point + " 1 kill-command");
         EXPECT_EQ(restore().status, -1);
         EXPECT_EQ(snapshot(1).state, State::restoring);
-        usleep(50000);
+        expect_the_phase_is_gone();
         test::write_file("/var/fake/script", "");
     }
 };
@@ -115,7 +115,7 @@ TEST_P(Killed, at_any_point_it_is_gone_on_with) {
     EXPECT_EQ(restore().status, -1);
     const bool begun = std::string(GetParam()) != "rebuild";
     EXPECT_EQ(snapshot(1).state, begun ? State::restoring : State::frozen);
-    usleep(50000);
+    expect_the_phase_is_gone();
     test::write_file("/var/fake/script", "");
     const Ended plan = restore({"--plan-only"});
     EXPECT_EQ(plan.status, 0) << plan.err;

@@ -139,6 +139,14 @@ Ended FimctlWorld::finish(pid_t pid) {
     return ended;
 }
 
+bool FimctlWorld::wait_until_told(pid_t pid, const std::string &part) {
+    for (int i = 0; i < patience; ++i) {
+        if (read_file(output_of(pid, "err")).find(part) != std::string::npos) return true;
+        usleep(10000);
+    }
+    return false;
+}
+
 Ended FimctlWorld::fimctl(const std::vector<std::string> &arguments) {
     return finish(start(arguments));
 }

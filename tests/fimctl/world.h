@@ -39,6 +39,8 @@ class FimctlWorld : public testing::Test {
     Ended fimctl(const std::vector<std::string> &arguments);
     pid_t start(const std::vector<std::string> &arguments);
     Ended finish(pid_t pid);
+    // Waits until a command has said this on its standard error.
+    static bool wait_until_told(pid_t pid, const std::string &part);
 
     // The calls so far: "CALL DETAIL", in order, without their process numbers.
     std::vector<std::string> calls() const;
