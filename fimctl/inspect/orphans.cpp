@@ -44,7 +44,10 @@ void describe_interrupted(const SnapshotRecord &snapshot, LockState lock, Orphan
     orphan.what += lock == LockState::left ? ", its fimctl was killed" : ", its fimctl ended in it";
     orphan.command = "fimctl cleanup " + std::to_string(snapshot.id);
     if (snapshot.state == State::restoring) {
-        orphan.command = "fimctl restore " + std::to_string(snapshot.id);
+        // A copy of which a part is gone is no more to be restored from.
+        orphan.command = snapshot.void_reason.empty()
+                             ? "fimctl restore " + std::to_string(snapshot.id)
+                             : "fimctl release " + std::to_string(snapshot.id) + " --abandoned";
         orphan.is_kept = true;
     } else if (snapshot.is_away()) {
         describe_waiting(snapshot, orphan);

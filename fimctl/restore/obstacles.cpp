@@ -154,7 +154,9 @@ class Search {
     void look_at_mounted_copy(const ObjectRecord &object) {
         const std::string again = "fimctl restore " + std::to_string(plan_.id);
         const bool mounted = is_mount_point(object.fifs);
-        const CheckpointText text(object.latest_text());
+        // A mount that was killed may have brought it up without leaving a text.
+        const CheckpointText text(object.mounted_text.empty() ? as_if_mounted(object.text)
+                                                              : object.mounted_text);
         const std::string clone = text.value("HDEF-clone_group");
         const bool imported = !clone.empty() && is_imported(clone);
         if (!mounted && !imported) return;

@@ -194,7 +194,13 @@ void Restore::wait_for_running(RestorePlan &plan) {
         }
         if (!running) return;
         log::waiting("waiting: the array is still restoring");
-        stop_when_interrupted(Step::restore);
+        if (signals::raised() != 0) {
+            // Nothing was cleaned up: what the killed restore has taken away is away still.
+            Failure failure(Step::restore, ExitCode::left,
+                            "interrupted while the array was still restoring");
+            failure.next = "go on with it: " + again(plan.id);
+            give_up(failure, plan.id);
+        }
         wait_a_second();
     }
 }

@@ -84,10 +84,34 @@ TEST_F(Released, a_copy_that_its_broken_off_restore_has_lost_can_be_given_up) {
     EXPECT_EQ(ended.status, 2);
     EXPECT_TRUE(told(ended, "next: give the copy up: fimctl release 1 --abandoned")) << ended.err;
     EXPECT_EQ(array_state("00A1"), 8);
+    const Ended orphans = fimctl({"orphans"});
+    EXPECT_NE(orphans.out.find("-> fimctl release 1 --abandoned"), std::string::npos)
+        << orphans.out;
     const Ended second = release({"--abandoned"});
     EXPECT_EQ(second.status, 0) << second.err;
     EXPECT_EQ(snapshot(1).state, State::released);
     expect_all_is_there();
+}
+
+TEST_F(Released, interrupted_while_the_array_still_restores_it_says_that_something_is_left) {
+    NEEDS_VOLUME("datadg", "one", "00A1");
+    enter();
+    kill_at("control");
+    auto pairs = fake::read_array();
+    for (auto &pair : pairs) pair.state = 7;
+    fake::write_array(pairs);
+    const pid_t pid = start({"--method", FAKE_RESTORING, "restore", "1", "--yes"});
+    usleep(700000);
+    kill(pid, SIGINT);
+    const Ended ended = finish(pid);
+    EXPECT_EQ(ended.status, 3) << ended.err;
+    EXPECT_TRUE(told(ended, "interrupted while the array was still restoring")) << ended.err;
+    EXPECT_TRUE(told(ended, "next: go on with it: fimctl restore 1")) << ended.err;
+    EXPECT_EQ(snapshot(1).state, State::restoring);
+    for (auto &pair : pairs) pair.state = 8;
+    fake::write_array(pairs);
+    EXPECT_EQ(restore().status, 0);
+    expect_restored();
 }
 
 TEST_F(Released, what_cannot_be_put_back_keeps_the_snapshot) {

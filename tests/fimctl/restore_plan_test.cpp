@@ -164,6 +164,15 @@ TEST_F(RestorePlan, an_exported_copy_is_refused_until_it_is_back_or_given_up) {
     EXPECT_EQ(snapshot(1).state, State::restored);
 }
 
+TEST_F(RestorePlan, a_copy_whose_mount_was_killed_may_be_imported_without_a_text_that_says_so) {
+    NEEDS_VOLUME("datadg", "one", "00A1");
+    enter();
+    fimctl::Catalogue(state_, false).set_state(1, State::mounting);
+    std::ofstream(fake::folder + "/imported", std::ios::app) << "client1_datadg_clone\n";
+    expect_refused("its copy's disk group client1_datadg_clone is imported here",
+                   "/usr/sbin/qzdg -n datadg deport client1_datadg_clone");
+}
+
 TEST_F(RestorePlan, a_copy_that_is_mounted_or_imported_here_is_refused) {
     NEEDS_VOLUME("datadg", "one", "00A1");
     enter();
