@@ -99,7 +99,7 @@ std::vector<std::string> SnapshotRecord::arrays() const {
 bool Catalogue::exists(const std::string &directory) {
     const std::string file = directory + "/" + path::catalogue_file;
     if (access(file.c_str(), F_OK) == 0) return true;
-    if (errno != ENOENT && errno != ENOTDIR) give_up_on(file, errno);
+    if (errno != ENOENT) give_up_on(file, errno);
     return false;
 }
 

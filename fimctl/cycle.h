@@ -93,7 +93,7 @@ class Cycle {
     void end_freeze(int64_t id, const Outcome &outcome, const Cut &cut);
     bool end_as_failed(int64_t id);
     void judge_copy(int64_t id, const Cut &cut);
-    void release_void(int64_t id, const std::string &reason, ExitCode code);
+    void release_void(int64_t id, const std::string &reason, ExitCode code, bool late = false);
     void undo(const SnapshotRecord &snapshot);
     void release_by_text(const SnapshotRecord &snapshot);
     void end_release(const SnapshotRecord &snapshot, const Outcome &outcome);

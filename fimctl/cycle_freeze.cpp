@@ -189,12 +189,13 @@ void Cycle::judge_copy(int64_t id, const Cut &cut) {
     if (cut.disturbed) {
         reasons.insert(reasons.begin(), "a file system did not stay frozen during the cut");
     }
-    if (!reasons.empty()) release_void(id, joined(reasons), ExitCode::failed);
+    if (!reasons.empty()) release_void(id, joined(reasons), ExitCode::failed, cut.late);
 }
 
-void Cycle::release_void(int64_t id, const std::string &reason, ExitCode code) {
+void Cycle::release_void(int64_t id, const std::string &reason, ExitCode code, bool late) {
     catalogue_.set_void(id, reason);
     Failure failure(Step::judge, code, "the copy is void: " + reason);
+    if (late) failure.next = "allow the cut more time: --freeze-deadline SECONDS, then try again";
     log::problem("snapshot " + std::to_string(id) + ": " + failure.what());
     try {
         release(id);

@@ -57,6 +57,17 @@ void refuse_held(const std::vector<Source> &sources, const std::vector<SnapshotR
     }
 }
 
+// What lies in memory, on a network or on top of other file systems has no mirror on any array, and
+// the method's answer would speak of a volume. A plan tells the same as one of its problems.
+void refuse_without_device(const std::vector<Source> &sources) {
+    for (const Source &source : sources) {
+        if (source.kind != SourceKind::file_system || source.mounted.front() == '/') continue;
+        Failure failure = unusable(source.path + " lies on no device (" + source.mounted + ")");
+        failure.next = "name a path on a disk of the array";
+        throw failure;
+    }
+}
+
 // The name under which the mount table will show the copy: the method compares it to the letter.
 std::string real_name(const std::string &folder) {
     char real[PATH_MAX] = "";
@@ -89,6 +100,7 @@ std::vector<Source> Cycle::check(const std::vector<std::string> &paths) {
     if (settings_.state.find('\n') != std::string::npos) {
         throw unusable("--state: a newline in the path");
     }
+    refuse_without_device(sources);
     check_mount_at(sources);
     if (settings_.quiesce) refuse_writing_to_frozen(sources, written_places(settings_));
     if (access(settings_.method.c_str(), R_OK) != 0) {

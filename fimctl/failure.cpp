@@ -91,16 +91,20 @@ std::string remedy_of(Step step, ExitCode code, long id) {
     case Step::load:
         return "install the method, or name it with --method";
     case Step::freeze:
-        return "see that the configuration string is right and that every device below the path "
-               "has a BCV, then try again";
+        return "fimctl plan, with the same paths and options, and fimctl doctor tell what speaks "
+               "against a freeze; set it right, then try again";
     case Step::control:
     case Step::commit:
+        return "see with fimctl plan what speaks against it, and that no host uses a BCV that is "
+               "to be established; then try again";
     case Step::judge:
         return "look at the pairs on the array, then try again";
     case Step::quiesce:
         return "take the path out, or accept a copy of a busy file system with --no-quiesce";
     case Step::volumes:
-        return "check the copy by hand (run again with -v for the commands' output)";
+        return "see that this host sees the mirrors' devices and can read them, of an imported "
+               "disk "
+               "group also its volume manager (qzdisk list); -v shows what the commands said";
     case Step::catalogue:
         return "see that the state folder can be written and has room, then try again";
     case Step::carry:

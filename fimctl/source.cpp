@@ -255,6 +255,13 @@ std::vector<std::string> mount_points_below(const std::string &directory) {
     return found;
 }
 
+std::string mount_point_of(dev_t device) {
+    for (const Mount &mount : mount_table()) {
+        if (mount.device == device) return mount.directory;
+    }
+    return "";
+}
+
 bool is_mount_point(const std::string &directory) {
     for (const Mount &mount : mount_table()) {
         if (mount.directory == directory) return true;

@@ -46,6 +46,8 @@ void refuse_writing_to_frozen(const std::vector<Source> &sources,
 
 // The mount points at or below a directory, in the order in which they were mounted.
 std::vector<std::string> mount_points_below(const std::string &directory);
+// Where the file system of a block device is mounted on this host, or "".
+std::string mount_point_of(dev_t device);
 // Whether a directory is a mount point of this host.
 bool is_mount_point(const std::string &directory);
 

@@ -94,6 +94,12 @@ void Worker::hand_on() {
     const int now = signals::count();
     if (now == seen_ || pid_ <= 0) return;
     kill(pid_, told_ ? SIGKILL : SIGINT);
+    // A step may take minutes to its next clean point, and who hears nothing signals again.
+    if (!told_) {
+        log::problem(
+            "interrupted: ends where it can end cleanly, a release with its end; another "
+            "signal kills this step");
+    }
     told_ = true;
     seen_ = now;
 }

@@ -58,8 +58,13 @@ void Commands::perform() {
     entry.perform();
 }
 
+std::string trouble_of_id(const std::string &text) {
+    if (!text.empty() && text.find_first_not_of("0123456789") == std::string::npos) return "";
+    return "\"" + text + "\" is no snapshot's number; fimctl list shows them";
+}
+
 void add_id(CLI::App *command, int64_t &id) {
-    command->add_option("ID", id, "the snapshot's number")->required();
+    command->add_option("ID", id, "the snapshot's number")->required()->check(trouble_of_id);
 }
 
 Failure no_such_snapshot(int64_t id) {

@@ -32,7 +32,8 @@ void add_left_over_commands(Commands &commands) {
     const auto wish = std::make_shared<CleanupWish>();
     CLI::App *ended = commands.add("cleanup", "end what orphans names", Access::working,
                                    [&common, wish] { cleanup(common, *wish); });
-    CLI::Option *ids = ended->add_option("ID", wish->ids, "these snapshots, and nothing else");
+    CLI::Option *ids = ended->add_option("ID", wish->ids, "these snapshots, and nothing else")
+                           ->check(trouble_of_id);
     ended->add_flag("--all", wish->all, "also the snapshots that wait to be mounted or released")
         ->excludes(ids);
 }

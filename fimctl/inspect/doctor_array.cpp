@@ -93,6 +93,9 @@ void judge_version(const Message &facts, Findings &findings) {
                              "), patch level " + facts.at("patch").get<std::string>();
     if (is_accepted(version)) {
         findings.ok("array release", text);
+    } else if (version == 0) {
+        findings.fail("array release", text + ": the array's library gave none",
+                      "see that the array's daemon runs and that this host reaches the array");
     } else {
         findings.fail("array release",
                       text + ": the method refuses all up to 4.2 with sub-level 153",

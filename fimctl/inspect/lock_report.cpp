@@ -70,6 +70,12 @@ std::string owner_of(const CounterFile &counter) {
     return std::to_string(counter.pid) + " (" + name_of(counter.owner) + ")";
 }
 
+// Of a file that cannot be read nothing is known.
+std::string since_of(const CounterFile &counter) {
+    if (!counter.trouble.empty()) return "?";
+    return utc(counter.since()) + " (" + age_of(counter.since()) + ")";
+}
+
 std::string program_of(const CounterFile &counter) {
     return counter.owner == Owner::alive ? counter.process.command : "";
 }
@@ -82,8 +88,7 @@ std::string lock_report(const HostLock &host, const std::vector<CounterFile> &co
     if (counters.empty()) return text + "no counter file: no array is owned by anybody\n";
     Table table({"GROUP", "OWNER", "SINCE", "COUNT", "SPLIT", "PROGRAM"});
     for (const CounterFile &counter : counters) {
-        table.row({counter.group, owner_of(counter),
-                   utc(counter.since()) + " (" + age_of(counter.since()) + ")",
+        table.row({counter.group, owner_of(counter), since_of(counter),
                    counter.has_count ? std::to_string(counter.count) : "-",
                    counter.has_count ? (counter.is_split ? "yes" : "no") : "-",
                    program_of(counter)});

@@ -41,7 +41,10 @@ std::string take(const std::string &pair, MethodConfig &config) {
     if (sign == 0) return pair + ": no keyword";
     const std::string value = pair.substr(sign + 1);
     const Keyword *keyword = find(pair.substr(0, sign));
-    if (keyword == nullptr) return "";
+    if (keyword == nullptr) {
+        config.unknown = pair.substr(0, sign);
+        return "";
+    }
     const std::string name = keyword->name;
     if (keyword->is_number) {
         char *end = nullptr;

@@ -10,6 +10,7 @@ struct MethodConfig {
     int64_t sync_at_start = 0;
     std::string client;            // the alternate backup host, "" for none
     std::string plex = "DEFAULT";  // as the clone tool gets it
+    std::string unknown;           // a keyword that the method passes over, "" for none
     std::string trouble;           // why the method would refuse the string; "" when it takes it
 };
 

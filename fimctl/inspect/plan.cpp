@@ -74,6 +74,11 @@ Plan make_plan(const Settings &settings, const std::vector<std::string> &paths) 
     if (!plan.config.trouble.empty()) {
         plan.problem("the configuration string: " + plan.config.trouble, "correct --config");
     }
+    if (!plan.config.unknown.empty()) {
+        plan.note("the configuration string: the method knows no keyword " + plan.config.unknown +
+                      ", and passes it over",
+                  "correct --config, unless it is meant for a later release");
+    }
     if (settings.quiesce) {
         plan.quiesced = file_systems_of(sources);
         as_problem(plan, [&] { refuse_writing_to_frozen(sources, written_places(settings)); });

@@ -1,5 +1,6 @@
 // What the array and the lock files say of a plan's devices, and what a freeze would make of it.
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -9,6 +10,7 @@
 #include "fimctl/inspect/plan.h"
 #include "fimctl/inspect/tool.h"
 #include "fimctl/paths.h"
+#include "fimctl/source.h"
 
 namespace fimctl {
 namespace {
@@ -82,6 +84,21 @@ void judge_state(PlannedPair &pair, const BcvView &bcv, Plan &plan) {
     }
 }
 
+// Where the device is mounted on this host, or "".
+std::string mounted_at(const std::string &device) {
+    struct stat status = {};
+    if (device.empty() || stat(device.c_str(), &status) != 0 || !S_ISBLK(status.st_mode)) return "";
+    return mount_point_of(status.st_rdev);
+}
+
+// The array establishes no mirror that a host uses; other hosts cannot be looked at from here.
+void judge_use(const PlannedPair &pair, const BcvView &bcv, Plan &plan) {
+    const std::string directory = mounted_at(pair.bcv_path);
+    if (directory.empty()) return;
+    plan.problem("BCV " + bcv.name + " of " + named(pair) + " is mounted on " + directory,
+                 "umount " + directory + "; the copy of a snapshot ends with its release");
+}
+
 void judge_bcv(PlannedPair &pair, Plan &plan) {
     const BcvView &bcv = *pair.bcv();
     if (bcv.primary.substr(0, compared_length) != pair.device.name.substr(0, compared_length)) {
@@ -91,6 +108,7 @@ void judge_bcv(PlannedPair &pair, Plan &plan) {
     }
     pair.bcv_path = path_of(bcv);
     judge_state(pair, bcv, plan);
+    judge_use(pair, bcv, plan);
     if (!bcv.is_labelled()) {
         plan.note("BCV " + bcv.name + " of " + named(pair) + " does not carry the label TSR-BCV",
                   "label it on the array");

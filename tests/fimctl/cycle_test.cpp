@@ -131,9 +131,10 @@ TEST_F(Cycle, a_failed_freeze_that_returns_a_handle_is_rolled_back_on_that_handl
               std::string::npos)
         << ended.err;
     EXPECT_NE(ended.err.find("then: rolled back"), std::string::npos);
-    EXPECT_NE(ended.err.find("next: see that the configuration string is right and that every "
-                             "device below the path has a BCV"),
-              std::string::npos);
+    EXPECT_NE(
+        ended.err.find("next: fimctl plan, with the same paths and options, and fimctl doctor "
+                       "tell what speaks against a freeze"),
+        std::string::npos);
     EXPECT_EQ(snapshot(1).state, State::failed);
     EXPECT_FALSE(test::exists(copy_folder(1, 1)));
 }

@@ -133,6 +133,8 @@ TEST_F(Doctor, the_release_is_measured_at_the_method_s_gate) {
     finding("array release", "ok");
     array_fails("SymApiVersion", 3);
     EXPECT_TRUE(says(finding("array release", "fail"), "unknown (0x00000000)"));
+    EXPECT_TRUE(says(finding("array release", "fail"), "-> see that the array's daemon runs"))
+        << "no other release would help";
 }
 
 TEST_F(Doctor, an_array_that_does_not_answer_fails_with_its_own_words) {

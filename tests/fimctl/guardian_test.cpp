@@ -255,6 +255,9 @@ TEST_F(QuiescedCycleWithLoop, a_copy_that_is_cut_after_the_deadline_is_void) {
     EXPECT_EQ(ended.status, 1);
     EXPECT_EQ(snapshot(1).void_reason,
               "the file systems were thawed at the deadline, before the cut had ended");
+    EXPECT_NE(ended.err.find("next: allow the cut more time: --freeze-deadline SECONDS"),
+              std::string::npos)
+        << ended.err;
     EXPECT_EQ(snapshot(1).state, fimctl::State::released);
     EXPECT_EQ(array_state("00A1"), 2);
 }

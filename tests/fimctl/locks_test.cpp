@@ -197,6 +197,14 @@ TEST_F(Locks, a_link_or_a_folder_in_a_counter_file_s_place_is_not_followed) {
     EXPECT_NE(one["advice"].get<std::string>().find("ls -l"), std::string::npos);
 }
 
+TEST_F(Locks, of_a_counter_file_that_cannot_be_read_no_instant_is_told) {
+    ASSERT_EQ(mkfifo(counter_path.c_str(), 0600), 0);
+    const Ended ended = fimctl({"locks"});
+    EXPECT_EQ(ended.status, 0);
+    EXPECT_EQ(ended.out.find("1970"), std::string::npos) << ended.out;
+    EXPECT_NE(ended.out.find("not a regular file"), std::string::npos) << ended.out;
+}
+
 TEST_F(Locks, who_holds_the_host_wide_lock_is_named_and_not_disturbed) {
     test::write_file(fimctl::path::host_lock_file, "", 0600);
     LockHolder holder;

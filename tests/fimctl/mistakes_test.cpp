@@ -1,4 +1,5 @@
 // The mistakes that an operator makes: each answer says what to do.
+#include <sys/mount.h>
 #include <unistd.h>
 
 #include "fimctl/paths.h"
@@ -31,6 +32,18 @@ class Mistakes : public test::FimctlWorld {
 TEST_F(Mistakes, a_wrong_path) {
     expect_told({"freeze", "/data-on"}, 2, "/data-on: No such file or directory",
                 "correct the path or the option, then try again");
+}
+
+TEST_F(Mistakes, a_path_on_no_device) {
+    expect_told({"freeze", "/proc/sys"}, 2, "/proc/sys lies on no device (proc)",
+                "name a path on a disk of the array");
+    test::make_folders("/memory");
+    ASSERT_EQ(mount("tmpfs", "/memory", "tmpfs", 0, nullptr), 0);
+    expect_told({"run", one_, "/memory", "--", "true"}, 2, "/memory lies on no device (tmpfs)",
+                "name a path on a disk of the array");
+    umount("/memory");
+    EXPECT_TRUE(story().empty());
+    EXPECT_EQ(fimctl({"list", "--all"}).out, "no snapshots\n");
 }
 
 TEST_F(Mistakes, a_path_twice) {
@@ -72,6 +85,25 @@ TEST_F(Mistakes, a_number_that_is_none) {
                 "fimctl list --all shows the snapshots");
     expect_told({"export", "7"}, 10, "there is no snapshot 7",
                 "fimctl list --all shows the snapshots");
+}
+
+TEST_F(Mistakes, a_word_for_a_number) {
+    for (const std::string word : {"abc", "-1", "1x", "0x1", "/data"}) {
+        for (const std::string command :
+             {"show", "mount", "release", "restore", "export", "cleanup"}) {
+            const Ended ended = fimctl({command, "--", word});
+            EXPECT_EQ(ended.status, 2) << command << " " << word;
+            EXPECT_NE(ended.err.find("\"" + word + "\" is no snapshot's number; fimctl list shows"),
+                      std::string::npos)
+                << command << " " << ended.err;
+        }
+    }
+}
+
+TEST_F(Mistakes, a_file_for_the_state_folder) {
+    test::write_file("/notes", "text");
+    expect_told({"--state", "/notes", "list"}, 1, "/notes/catalogue.db: Not a directory",
+                "see that the state folder can be written");
 }
 
 TEST_F(Mistakes, an_unplugged_array) {

@@ -204,6 +204,23 @@ TEST_F(Plan, a_bcv_that_is_not_visible_here_is_a_note) {
     EXPECT_TRUE(tells(made, false, "is not visible on this host"));
 }
 
+TEST_F(Plan, a_bcv_that_is_mounted_here_stops_the_freeze) {
+    test::make_folders("/elsewhere");
+    ASSERT_EQ(mount("tmpfs", "/elsewhere", "tmpfs", 0, nullptr), 0);
+    struct stat status = {};
+    ASSERT_EQ(stat("/elsewhere", &status), 0);
+    ASSERT_EQ(mknod("/dev/sdp0", S_IFBLK | 0600, status.st_dev), 0);
+    const Json made = plan({p0_}, {}, 1);
+    EXPECT_TRUE(tells(made, true, "is mounted on /elsewhere -> umount /elsewhere"));
+    ASSERT_EQ(umount("/elsewhere"), 0);
+    EXPECT_EQ(plan({p0_}, {}, 0)["problems"].size(), 0U);
+}
+
+TEST_F(Plan, a_keyword_that_the_method_does_not_know_is_a_note) {
+    const Json made = plan({p0_}, {"--config", "sync_at_strat=1"}, 0);
+    EXPECT_TRUE(tells(made, false, "the method knows no keyword sync_at_strat"));
+}
+
 TEST_F(Plan, a_wrongly_associated_synchronised_bcv_would_be_split_first_and_that_is_said) {
     test::write_file("/var/fake/array", symid + " 00A1 01A1 5\n" + symid + " 00A1 01B1 2\n");
     append("/var/fake/devices", symid + " 01B1 /dev/sdr strangers TSR-BCV");

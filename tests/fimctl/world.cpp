@@ -74,7 +74,9 @@ std::string FimctlWorld::add_file_system(const std::string &name, const std::str
                                          long state) {
     const std::string directory = "/data-" + name;
     make_folders(directory);
-    EXPECT_EQ(mount("tmpfs", directory.c_str(), "tmpfs", 0, nullptr), 0);
+    // What lies on no device is refused.
+    const std::string device_name = "/dev/qz/dmp/" + name;
+    EXPECT_EQ(mount(device_name.c_str(), directory.c_str(), "tmpfs", 0, nullptr), 0);
     mounted_.push_back(directory);
     add_object(directory, 3, symid, device, bcv, state);
     return directory;
