@@ -8,6 +8,7 @@
 #include <sstream>
 
 #include "fimctl/away.h"
+#include "fimctl/copy_folder.h"
 #include "fimctl/cycle.h"
 #include "fimctl/frozen_mark.h"
 #include "fimctl/hooks.h"
@@ -94,6 +95,8 @@ Failure not_to_be_mounted(const SnapshotRecord &snapshot) {
         failure.next = "send it back to " + snapshot.origin + ": fimctl export " + id;
     } else if (is_over(snapshot.state)) {
         failure.next = "take another snapshot: fimctl freeze PATH...";
+    } else if (snapshot.state == State::restoring) {
+        failure.next = "fimctl restore " + id;
     } else {
         failure.next = "fimctl release " + id;
     }
@@ -135,6 +138,8 @@ std::vector<std::string> Cycle::mount(int64_t id) {
         throw not_to_be_mounted(snapshot);
     }
     refuse_away(snapshot, "mount", false);
+    // An empty folder is soon tidied away, and one in memory does not outlive its host.
+    for (const ObjectRecord &object : snapshot.objects) make_folder(object.fifs);
     HookedStep step(settings_, HookPhase::pre_mount, snapshot);
     catalogue_.set_state(id, State::mounting);
     const Outcome outcome = text_phase(id, TextWork::mount, texts_of(snapshot));

@@ -59,6 +59,10 @@ std::string remedy_of_rest(Step step, long id) {
     switch (step) {
     case Step::thaw:
         return "end whatever uses the copy (fuser -vm), then: " + release;
+    case Step::thaw_commit:
+        return "see that no host uses the mirrors, such as a backup host on which the copy is "
+               "mounted, then: " +
+               release;
     case Step::rebuild:
         return "see that the array answers and that no other process owns its mirrors, then: " +
                release;
@@ -100,11 +104,13 @@ std::string remedy_of(Step step, ExitCode code, long id) {
     case Step::judge:
         return "look at the pairs on the array, then try again";
     case Step::quiesce:
-        return "take the path out, or accept a copy of a busy file system with --no-quiesce";
+        return "thaw it (fsfreeze --unfreeze) if nobody else wants it frozen, take the path out, "
+               "or "
+               "accept a copy of a busy file system with --no-quiesce";
     case Step::volumes:
-        return "see that this host sees the mirrors' devices and can read them, of an imported "
-               "disk "
-               "group also its volume manager (qzdisk list); -v shows what the commands said";
+        return "see with fimctl show " + std::to_string(id) +
+               " that the pairs are still split, and that this host can read the mirrors' devices "
+               "(of an imported disk group also qzdisk list); -v shows what the commands said";
     case Step::catalogue:
         return "see that the state folder can be written and has room, then try again";
     case Step::carry:

@@ -18,8 +18,10 @@ void as_problem(Plan &plan, Check check) {
     }
 }
 
-void find_holders(const std::vector<Source> &sources, const std::vector<SnapshotRecord> &snapshots,
+// Whether any of the objects is held.
+bool find_holders(const std::vector<Source> &sources, const std::vector<SnapshotRecord> &snapshots,
                   Plan &plan) {
+    bool found = false;
     for (const SnapshotRecord &snapshot : snapshots) {
         if (is_over(snapshot.state)) continue;
         for (const ObjectRecord &object : snapshot.objects) {
@@ -28,16 +30,59 @@ void find_holders(const std::vector<Source> &sources, const std::vector<Snapshot
                 plan.problem(source.path + " is held by snapshot " + std::to_string(snapshot.id) +
                                  " (" + name_of(snapshot.state) + ")",
                              "fimctl release " + std::to_string(snapshot.id));
+                found = true;
             }
         }
     }
+    return found;
 }
 
-void check_catalogue(const Settings &settings, const std::vector<Source> &sources, Plan &plan) {
-    std::vector<SnapshotRecord> snapshots;
-    if (Catalogue::exists(settings.state)) snapshots = Catalogue(settings.state, false).all();
-    find_holders(sources, snapshots, plan);
-    as_problem(plan, [&] { refuse_equal_clone_names(sources, snapshots); });
+// The devices of the array whose mirrors hold copies of snapshots that are not over.
+std::map<std::string, int64_t> held_devices(const std::vector<SnapshotRecord> &snapshots) {
+    std::map<std::string, int64_t> held;
+    for (const SnapshotRecord &snapshot : snapshots) {
+        if (is_over(snapshot.state) || snapshot.is_target) continue;
+        for (const ObjectRecord &object : snapshot.objects) {
+            for (const PairRecord &record : object.pairs) {
+                held[record.pair.symid + "/" + record.pair.device] = snapshot.id;
+            }
+        }
+    }
+    return held;
+}
+
+// A disk and a volume on it are two objects of this host and one device of the array: a freeze of
+// one of them would establish the mirror under the copy of the other one.
+std::vector<Problem> find_held_devices(const std::map<std::string, int64_t> &held,
+                                       const Plan &plan) {
+    std::vector<Problem> found;
+    for (const PlannedObject &object : plan.objects) {
+        for (const PlannedPair &pair : object.pairs) {
+            if (!pair.device.trouble.empty()) continue;
+            const auto holder = held.find(pair.device.array_name());
+            if (holder == held.end()) continue;
+            const std::string id = std::to_string(holder->second);
+            found.push_back({true,
+                             object.source.path + " lies on device " + pair.device.name +
+                                 " of array " + pair.device.symid + ", which is held by snapshot " +
+                                 id,
+                             "fimctl release " + id});
+        }
+    }
+    return found;
+}
+
+void add_objects(const std::vector<Source> &sources, Plan &plan) {
+    for (const Source &source : sources) {
+        PlannedObject object;
+        object.source = source;
+        plan.objects.push_back(std::move(object));
+    }
+}
+
+std::vector<SnapshotRecord> snapshots_of(const Settings &settings) {
+    if (!Catalogue::exists(settings.state)) return {};
+    return Catalogue(settings.state, false).all();
 }
 
 // The method tells the devices of a batch apart by their names on the array, without the array.
@@ -83,14 +128,17 @@ Plan make_plan(const Settings &settings, const std::vector<std::string> &paths) 
         plan.quiesced = file_systems_of(sources);
         as_problem(plan, [&] { refuse_writing_to_frozen(sources, written_places(settings)); });
     }
-    check_catalogue(settings, sources, plan);
-    for (const Source &source : sources) {
-        PlannedObject object;
-        object.source = source;
-        plan.objects.push_back(std::move(object));
-    }
+    const auto snapshots = snapshots_of(settings);
+    const bool held = find_holders(sources, snapshots, plan);
+    as_problem(plan, [&] { refuse_equal_clone_names(sources, snapshots); });
+    add_objects(sources, plan);
     find_devices(settings, plan);
     find_pairs(plan);
+    if (!held) {
+        for (const Problem &problem : find_held_devices(held_devices(snapshots), plan)) {
+            plan.problems.push_back(problem);
+        }
+    }
     find_doubles(plan);
     find_locks(plan);
     find_commands(settings, plan);

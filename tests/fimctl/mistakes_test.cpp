@@ -62,6 +62,15 @@ TEST_F(Mistakes, a_second_mount) {
     EXPECT_EQ(snapshot(1).state, fimctl::State::mounted);
 }
 
+TEST_F(Mistakes, a_mount_after_its_folder_was_tidied_away) {
+    freeze();
+    ASSERT_EQ(rmdir(copy_folder(1, 1).c_str()), 0);
+    EXPECT_EQ(fimctl({"mount", "1"}).status, 0);
+    EXPECT_TRUE(test::exists(copy_folder(1, 1)));
+    ASSERT_EQ(fimctl({"release", "1"}).status, 0);
+    EXPECT_FALSE(test::exists(copy_folder(1, 1)));
+}
+
 TEST_F(Mistakes, a_release_before_the_mount_is_none) {
     freeze();
     EXPECT_EQ(fimctl({"release", "1"}).status, 0);
@@ -85,6 +94,17 @@ TEST_F(Mistakes, a_number_that_is_none) {
                 "fimctl list --all shows the snapshots");
     expect_told({"export", "7"}, 10, "there is no snapshot 7",
                 "fimctl list --all shows the snapshots");
+}
+
+TEST_F(Mistakes, a_release_while_the_backup_host_has_the_copy_mounted) {
+    freeze();
+    ASSERT_EQ(fimctl({"export", "1", "--output", "/away"}).status, 0);
+    script("thaw_commit 1 fail 7 emc_tf_bcv_control_all: code: 401 (A host has mounted the BCV)");
+    expect_told({"release", "1", "--abandoned"}, 3, "code: 401",
+                "see that no host uses the mirrors, such as a backup host on which the copy is "
+                "mounted, then: fimctl release 1");
+    test::write_file("/var/fake/script", "");
+    EXPECT_EQ(fimctl({"release", "1"}).status, 0) << "it need not be said twice";
 }
 
 TEST_F(Mistakes, a_word_for_a_number) {

@@ -140,6 +140,7 @@ TEST_F(Restore, what_one_of_two_arrays_refused_is_restored_by_the_next_try) {
     EXPECT_EQ(ended.status, 3);
     EXPECT_TRUE(told(ended, "then: not everything is restored: pair 00A2")) << ended.err;
     EXPECT_EQ(snapshot(1).state, State::restoring);
+    EXPECT_NE(fimctl({"mount", "1"}).err.find("next: fimctl restore 1"), std::string::npos);
     test::write_file("/var/fake/script", "");
     test::write_file("/var/fake/calls", "");
     const Ended second = restore();
