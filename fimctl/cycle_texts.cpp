@@ -234,6 +234,11 @@ void Cycle::end_release(const SnapshotRecord &snapshot, const Outcome &outcome) 
     if (!unchanged || !told) failure.code = ExitCode::left;
     if (failure.step == Step::thaw) failure.next = remedy_of_thaw(snapshot);
     failure.id = static_cast<long>(snapshot.id);
+    if (failure.code == ExitCode::left && snapshot.is_away()) {
+        // What it ends with is a release, and without the word that one would be refused.
+        if (failure.next.empty()) failure.next = remedy_of(failure.step, failure.code, failure.id);
+        failure.next += " --abandoned";
+    }
     note(snapshot.id, std::string(name_of(failure.step)) + ": " + failure.what());
     throw failure;
 }

@@ -289,7 +289,7 @@ TEST_F(Cycle, a_failed_thaw_commit_of_a_run_leaves_something_to_clean) {
     script("thaw_commit 1 fail 3 establish failed");
     const Ended ended = run({"true"});
     EXPECT_EQ(ended.status, 3);
-    EXPECT_NE(ended.err.find("next: fimctl release 1"), std::string::npos) << ended.err;
+    EXPECT_NE(ended.err.find("mounted, then: fimctl release 1\n"), std::string::npos) << ended.err;
     EXPECT_EQ(snapshot(1).state, State::releasing);
 }
 

@@ -147,6 +147,8 @@ TEST_F(Progress, after_control_c_the_terminal_is_clean_and_the_end_is_told) {
     EXPECT_EQ(terminal.finish(), 130);
     const std::string screen = terminal.screen();
     EXPECT_EQ(screen,
+              "fimctl: interrupted: ends where it can end cleanly, a release with its end; another "
+              "signal kills this step\n"
               "fimctl: snapshot 1: step \"control code 4\" failed: interrupted\n"
               "fimctl: then: rolled back\n"
               "fimctl: next: nothing is left to clean; start it again when you like\n");

@@ -135,7 +135,7 @@ TEST_F(Sources, none_of_several_copies_is_mounted_where_something_is_mounted) {
     const auto one = add_file_system("one", "000184500123", "00A1", "00B1");
     test::make_folders("/copies/1");
     test::make_folders("/copies/2");
-    ASSERT_EQ(mount("tmpfs", "/copies/1", "tmpfs", 0, nullptr), 0);
+    ASSERT_EQ(mount("/dev/qz/dmp/copies", "/copies/1", "tmpfs", 0, nullptr), 0);
     mounted_.push_back("/copies/1");
     const std::vector<std::string> words = {"freeze",  "--no-quiesce", "--mount-at",
                                             "/copies", "/copies/1",    one};
