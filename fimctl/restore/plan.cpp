@@ -54,10 +54,13 @@ std::string directory_at_freeze(const ObjectRecord &record) {
 
 void place(RestoreObject &object, const ObjectRecord &record,
            const std::vector<MountLine> &mounts) {
-    object.directory = directory_at_freeze(record);
+    const std::string own = directory_at_freeze(record);
+    object.directory = own;
     const auto device = block_number(object.block);
     for (const MountLine &mount : mounts) {
         if (!device || mount.device != *device || mount.root != "/") continue;
+        // Mounted elsewhere as well since then: that is what has to go.
+        if (object.mounted && object.directory == own) break;
         object.directory = mount.directory;
         object.mounted = true;
         const auto &plain = plain_options;
