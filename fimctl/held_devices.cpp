@@ -21,6 +21,17 @@ bool holds(const SnapshotRecord &snapshot, const SourceDevice &device) {
 
 }  // namespace
 
+std::vector<SourceDevice> devices_of(const Plan &plan) {
+    std::vector<SourceDevice> devices;
+    for (size_t i = 0; i < plan.objects.size(); ++i) {
+        for (const PlannedPair &pair : plan.objects[i].pairs) {
+            if (!pair.device.trouble.empty() || pair.device.name.empty()) continue;
+            devices.push_back({i, pair.device.symid, pair.device.name});
+        }
+    }
+    return devices;
+}
+
 std::vector<SourceDevice> devices_below(const Settings &settings,
                                         const std::vector<Source> &sources) {
     Plan plan;
@@ -32,14 +43,7 @@ std::vector<SourceDevice> devices_below(const Settings &settings,
     }
     find_devices(settings, plan);
     find_pairs(plan);
-    std::vector<SourceDevice> devices;
-    for (size_t i = 0; i < plan.objects.size(); ++i) {
-        for (const PlannedPair &pair : plan.objects[i].pairs) {
-            if (!pair.device.trouble.empty() || pair.device.name.empty()) continue;
-            devices.push_back({i, pair.device.symid, pair.device.name});
-        }
-    }
-    return devices;
+    return devices_of(plan);
 }
 
 void refuse_held_devices(const std::vector<Source> &sources,

@@ -15,6 +15,7 @@
 
 namespace fimctl {
 
+struct Plan;
 struct Settings;
 
 struct SourceDevice {
@@ -22,6 +23,8 @@ struct SourceDevice {
     std::string symid, name;
 };
 
+// Those that a plan has found.
+std::vector<SourceDevice> devices_of(const Plan &plan);
 // As far as host and array tell; what they do not is left to the method.
 std::vector<SourceDevice> devices_below(const Settings &settings,
                                         const std::vector<Source> &sources);

@@ -4,6 +4,7 @@
 #include <map>
 
 #include "fimctl/disk_group.h"
+#include "fimctl/held_devices.h"
 
 namespace fimctl {
 namespace {
@@ -32,41 +33,6 @@ bool find_holders(const std::vector<Source> &sources, const std::vector<Snapshot
                              "fimctl release " + std::to_string(snapshot.id));
                 found = true;
             }
-        }
-    }
-    return found;
-}
-
-// The devices of the array whose mirrors hold copies of snapshots that are not over.
-std::map<std::string, int64_t> held_devices(const std::vector<SnapshotRecord> &snapshots) {
-    std::map<std::string, int64_t> held;
-    for (const SnapshotRecord &snapshot : snapshots) {
-        if (is_over(snapshot.state) || snapshot.is_target) continue;
-        for (const ObjectRecord &object : snapshot.objects) {
-            for (const PairRecord &record : object.pairs) {
-                held[record.pair.symid + "/" + record.pair.device] = snapshot.id;
-            }
-        }
-    }
-    return held;
-}
-
-// A disk and a volume on it are two objects of this host and one device of the array: a freeze of
-// one of them would establish the mirror under the copy of the other one.
-std::vector<Problem> find_held_devices(const std::map<std::string, int64_t> &held,
-                                       const Plan &plan) {
-    std::vector<Problem> found;
-    for (const PlannedObject &object : plan.objects) {
-        for (const PlannedPair &pair : object.pairs) {
-            if (!pair.device.trouble.empty()) continue;
-            const auto holder = held.find(pair.device.array_name());
-            if (holder == held.end()) continue;
-            const std::string id = std::to_string(holder->second);
-            found.push_back({true,
-                             object.source.path + " lies on device " + pair.device.name +
-                                 " of array " + pair.device.symid + ", which is held by snapshot " +
-                                 id,
-                             "fimctl release " + id});
         }
     }
     return found;
@@ -134,10 +100,9 @@ Plan make_plan(const Settings &settings, const std::vector<std::string> &paths) 
     add_objects(sources, plan);
     find_devices(settings, plan);
     find_pairs(plan);
+    // Told already, or by the array's names of a device that has several on this host.
     if (!held) {
-        for (const Problem &problem : find_held_devices(held_devices(snapshots), plan)) {
-            plan.problems.push_back(problem);
-        }
+        as_problem(plan, [&] { refuse_held_devices(sources, devices_of(plan), snapshots); });
     }
     find_doubles(plan);
     find_locks(plan);

@@ -261,9 +261,10 @@ TEST_F(Plan, a_disk_below_a_volume_that_is_held_is_held_and_the_other_way_round)
     const std::string volume = add_volume_node("vol1", 60);
     add_object(p0_, 2, symid, "00A1", "01A1", 2);
     ASSERT_EQ(fimctl({"freeze", "--no-quiesce", p0_}).status, 0);
-    EXPECT_TRUE(tells(plan({volume}), true,
-                      volume + " lies on device 00A1 of array " + symid +
-                          ", which is held by snapshot 1 -> fimctl release 1"));
+    EXPECT_TRUE(tells(
+        plan({volume}), true,
+        volume + " lies on device 00A1 of array " + symid +
+            ", which is held by snapshot 1 (frozen) -> end that one first: fimctl release 1"));
     ASSERT_EQ(fimctl({"release", "1"}).status, 0);
     EXPECT_EQ(plan({volume}, {}, 0)["problems"].size(), 0U);
 }
