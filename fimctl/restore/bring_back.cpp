@@ -61,7 +61,7 @@ ToolResult let_mirrors_go(const RestorePlan &plan, const std::string &group) {
 }
 
 // "" when it could be done.
-std::string bring_in(const RestorePlan &plan, const std::string &group) {
+std::string bring_in(const RestorePlan &plan, const std::string &group, const std::string &clone) {
     std::string trouble;
     if (is_imported(group)) {
         if (foreign_disk(plan, group).empty()) return "";
@@ -70,7 +70,7 @@ std::string bring_in(const RestorePlan &plan, const std::string &group) {
         if (!gone.good()) return trouble;
     }
     prefer_primaries(plan, group);
-    const ToolResult result = import_group(group);
+    const ToolResult result = import_group(group, clone);
     add(trouble, "import of disk group " + group, result);
     const std::string foreign = result.good() ? foreign_disk(plan, group) : "";
     if (foreign.empty()) return trouble;
@@ -90,7 +90,7 @@ std::string foreign_disk(const RestorePlan &plan, const std::string &group) {
 std::string import_groups(const RestorePlan &plan) {
     std::string trouble;
     for (const RestoreGroup &group : plan.groups) {
-        const std::string one = bring_in(plan, group.name);
+        const std::string one = bring_in(plan, group.name, group.clone);
         if (!one.empty()) trouble += (trouble.empty() ? "" : "; ") + one;
     }
     return trouble;

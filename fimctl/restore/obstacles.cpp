@@ -47,7 +47,8 @@ class Search {
 
     void look_at_copy(bool abandoned) {
         const std::string id = std::to_string(plan_.id);
-        if (!abandoned && snapshot_.is_away()) {
+        // Asked once: what was begun without its return cannot wait for that any more.
+        if (!abandoned && !plan_.resumed && snapshot_.is_away()) {
             add("it was exported at " + snapshot_.exported +
                     " and is not back: the backup host may be reading the copy",
                 "release it on the backup host, then: fimctl export there, fimctl import here; or, "

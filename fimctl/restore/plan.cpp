@@ -7,6 +7,7 @@
 #include <set>
 
 #include "fimctl/array_reader.h"
+#include "fimctl/disk_group.h"
 #include "fimctl/paths.h"
 #include "fimctl/restore/measure.h"
 #include "fimctl/restore/obstacles.h"
@@ -80,7 +81,7 @@ std::vector<std::string> volumes_of(const std::string &group) {
     return names;
 }
 
-void find_groups(RestorePlan &plan) {
+void find_groups(RestorePlan &plan, const std::string &primary_host) {
     std::map<std::string, std::set<std::string>> objects_of;
     for (const RestoreObject &object : plan.objects) {
         objects_of[object.group].insert(object.volume);
@@ -88,6 +89,7 @@ void find_groups(RestorePlan &plan) {
     for (const auto &[name, objects] : objects_of) {
         RestoreGroup group;
         group.name = name;
+        group.clone = clone_name(primary_host, name);
         group.imported = is_imported(name);
         for (const std::string &volume : volumes_of(name)) {
             if (!objects.contains(volume)) group.bystanders.push_back(volume);
@@ -150,7 +152,7 @@ RestorePlan make_plan(const SnapshotRecord &snapshot, const PlanOptions &options
         plan.objects.push_back(object);
     }
     if (plan.resumed) apply_kept_form(plan, snapshot.restore_form);
-    find_groups(plan);
+    find_groups(plan, primary_host_of(snapshot));
     find_pairs(plan, snapshot);
     order_objects(plan);
     find_obstacles(plan, snapshot, mounts, options.abandoned);

@@ -42,6 +42,7 @@ struct RestorePair {
 
 struct RestoreGroup {
     std::string name;
+    std::string clone;                    // what its copy is called on the backup host
     bool imported = false;                // now
     std::vector<std::string> bystanders;  // volumes of the group that are no objects
 };

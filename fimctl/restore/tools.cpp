@@ -81,7 +81,7 @@ bool is_imported(const std::string &group) {
     return run_tool({path::disk_group_tool, "list", group}).good();
 }
 
-ToolResult import_group(const std::string &group) {
+ToolResult import_group(const std::string &group, const std::string &clone) {
     log::progress("import disk group " + group);
     const std::vector<std::string> import = {path::disk_group_tool, "-C", "import", group};
     ToolResult result = run_tool(import);
@@ -89,7 +89,10 @@ ToolResult import_group(const std::string &group) {
         run_tool({path::daemon_tool, "enable"});
         result = run_tool(import);
     }
-    if (!result.good()) return result;
+    if (!result.good() &&
+        !run_tool({path::disk_group_tool, "-C", "-n", group, "import", clone}).good()) {
+        return result;
+    }
     return run_tool({path::volume_tool, "-g", group, "startall"});
 }
 

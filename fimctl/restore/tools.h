@@ -20,8 +20,10 @@ ToolResult run_tool(const std::vector<std::string> &words);
 
 bool is_imported(const std::string &group);
 // Clears the mark of another host: the group was this host's until the restore deported it. Tries
-// again once the volume manager's daemon has been enabled, then starts the volumes.
-ToolResult import_group(const std::string &group);
+// again once the volume manager's daemon has been enabled, then starts the volumes. A group that
+// is not found is looked for under the name of its copy: that is what the mirrors of a backup host
+// carry that never gave them back, and after a restore the primaries.
+ToolResult import_group(const std::string &group, const std::string &clone);
 ToolResult deport_group(const std::string &group);
 // Makes a disk that is known the one that an import takes, of those with the same identity.
 void put_disk_online(const std::string &raw);

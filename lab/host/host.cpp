@@ -162,6 +162,14 @@ pid_t pid_of(const std::string &name) {
     return pid;
 }
 
+// The first process of a process namespace ends after all others in it, and then may stay a zombie.
+bool has_ended(pid_t pid) {
+    if (kill(pid, 0) != 0) return true;
+    const std::string status = read_text("/proc/" + std::to_string(pid) + "/stat");
+    const size_t name_end = status.rfind(") ");
+    return name_end != std::string::npos && status[name_end + 2] == 'Z';
+}
+
 // All are opened before the first is entered, since from there on the process has another /proc.
 void enter(pid_t pid, const std::vector<const char *> &kinds) {
     std::vector<Fd> spaces;
@@ -205,8 +213,8 @@ void stop_host(const std::string &name) {
     const place::Host host(name);
     const pid_t first = pid_of(name);
     kill(first, SIGKILL);
-    // It is a child of this process or of the world's first one, so its end is looked up.
-    while (kill(first, 0) == 0) {
+    // It may be the child of a process that never waits for it, so its end is looked up.
+    while (!has_ended(first)) {
         if (waitpid(first, nullptr, WNOHANG) == first) break;
         ask_warden_to_thaw();
         usleep(1000);

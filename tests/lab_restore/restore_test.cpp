@@ -352,6 +352,22 @@ TEST_F(Restore, a_copy_in_the_hands_of_the_backup_host_is_waited_for_needs_root)
     expect_restored({vol1});
 }
 
+// Its mirrors carry the name of the copy, and so do the primaries after the restore.
+TEST_F(Restore, after_the_backup_host_has_died_the_group_gets_its_name_back_needs_root) {
+    make({vol1});
+    freeze_all({vol1});
+    host("fimctl -q export 1 >/exchange/there.json");
+    on("backup1");
+    fim("-q import /exchange/there.json");
+    fim("-q mount 1");
+    restart_host("backup1");
+    on("client1");
+    destroy(vol1);
+    expect_said(fim("restore 1 --yes --abandoned", 3), "then go on: fimctl restore 1");
+    fim("restore 1 --yes");
+    expect_restored({vol1});
+}
+
 // Killed with everything that belongs to it, at one point after the other.
 
 struct KilledRestore : Restore {
