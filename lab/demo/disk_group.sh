@@ -38,8 +38,7 @@ make_group() {
         on_primary "mkfs.$type" -q "/dev/qz/dsk/$group/$name" >/dev/null
         on_primary mkdir "/$name"
         on_primary mount "/dev/qz/dsk/$group/$name" "/$name"
-        on_primary cp -r /usr/lib/python3 "/$name/" 2>/dev/null || true
-        on_primary cp -r /etc "/$name/"
+        on_primary cp -r /etc /usr/include "/$name/"
     done
     # The host's configuration says that this backup host imports mirrors as a disk group.
     on_primary sh -c "echo dgimport_$backup_host=yes >>/usr/quill/tessera/tq.conf"

@@ -83,7 +83,7 @@ struct Restore : VolumesOnTwoHosts {
         EXPECT_EQ(foreign_uses(), "");
     }
     std::string foreign_uses() {
-        std::string line;
+        std::string line = "command -v fuser >/dev/null || exit; ";
         for (const char *disk : {"sdq", "sdr", "sds", "sdt"}) {
             line += std::string("fuser -s /dev/") + disk + " 2>/dev/null && echo " + disk + "; ";
         }
