@@ -272,6 +272,12 @@ void Restore::end(const RestorePlan &plan, const Cycle::Outcome &outcome) {
         failure.afterwards = "nothing was done";
         failure.id = static_cast<long>(plan.id);
         if (failure.next.empty() && failure.code == ExitCode::failed) failure.next = again(plan.id);
+        // What an earlier try has begun is still to be ended.
+        if (plan.resumed && failure.code == ExitCode::failed) {
+            failure.code = ExitCode::left;
+            failure.afterwards =
+                "nothing was done this time; the restore that was begun is not ended";
+        }
         throw failure;
     }
     const Judgement judgement = judge(plan);

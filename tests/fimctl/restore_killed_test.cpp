@@ -114,6 +114,18 @@ TEST_F(Released, interrupted_while_the_array_still_restores_it_says_that_somethi
     expect_restored();
 }
 
+TEST_F(Released, a_further_try_that_fails_at_once_says_that_something_is_left) {
+    NEEDS_VOLUME("datadg", "one", "00A1");
+    enter();
+    kill_at("deported");
+    script("rebuild 1 fail 7 no_memory");
+    const Ended ended = restore();
+    EXPECT_EQ(ended.status, 3) << ended.err;
+    EXPECT_TRUE(told(ended, "the restore that was begun is not ended")) << ended.err;
+    EXPECT_TRUE(told(ended, "next: fimctl restore 1")) << ended.err;
+    EXPECT_EQ(snapshot(1).state, State::restoring);
+}
+
 TEST_F(Released, what_cannot_be_put_back_keeps_the_snapshot) {
     NEEDS_VOLUME("datadg", "one", "00A1");
     enter();
