@@ -205,7 +205,9 @@ TEST_F(Doctor, a_site_script_that_cannot_be_executed_fails) {
     test::write_file(path::clone_script, "#!/bin/sh\n");
     EXPECT_TRUE(says(finding("site script", "fail"), "chmod 755"));
     chmod(path::clone_script, 0755);
-    for (const Json &one : examine()["findings"]) EXPECT_NE(one["subject"], "site script");
+    const Json report = examine();
+    ASSERT_FALSE(report["findings"].empty());
+    for (const Json &one : report["findings"]) EXPECT_NE(one["subject"], "site script");
 }
 
 TEST_F(Doctor, a_missing_or_open_lock_folder_is_told) {
