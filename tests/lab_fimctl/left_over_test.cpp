@@ -17,7 +17,8 @@ class FimctlLeftOver : public FimctlOnTwoHosts {
     void kill_at(const std::string &arguments, const std::string &line) {
         host("rm -f /exchange/log; fimctl --log /exchange/log -q " + arguments +
              " >/exchange/output 2>&1 & pid=$!; for i in $(seq 2000); do grep -q '" + line +
-             "$' /exchange/log 2>/dev/null && break; sleep 0.01; done; kill -9 $pid; sleep 0.5");
+             "$' /exchange/log 2>/dev/null && break; sleep 0.01; done; kill -9 $pid; while pidof "
+             "fimctl; do sleep 0.02; done");
     }
 };
 

@@ -19,10 +19,14 @@ class FimctlVolumes : public FimctlOnTwoHosts {
                  arguments,
              &status);
         EXPECT_EQ(status, 128 + 9) << arguments;
-        // The phase dies with it, and what the phase had running is waited for.
-        host("sleep 1");
+        // The phase dies with it; what the phase had running has only its own end left.
+        host("while pidof fimctl; do sleep 0.02; done");
     }
-    static constexpr char kill_it[] = "kill -9 $(cat /exchange/pid); exit 1";
+    // Ends only behind fimctl: a phase that still lives would take the end for a failed command,
+    // and go on as one that has seen a failure.
+    static constexpr char kill_it[] =
+        "victim=$(cat /exchange/pid); kill -9 $victim; while grep -q \"^State:.[^ZX]\" "
+        "/proc/$victim/status 2>/dev/null; do :; done; exit 1";
 };
 
 TEST_F(FimctlVolumes, of_one_group_and_of_another_are_read_on_their_own_host_needs_root) {
@@ -93,7 +97,8 @@ TEST_F(FimctlVolumes, of_an_imported_group_killed_after_the_cut_are_established_
          ">/exchange/pid");
     host(
         "for i in $(seq 300); do fimctl show 1 2>&1 | grep -q 'state: *cutting' && break; sleep "
-        "0.1; done; sleep 1; kill -9 $(cat /exchange/pid); sleep 1");
+        "0.1; done; sleep 1; kill -9 $(cat /exchange/pid); while pidof fimctl; do sleep 0.02; "
+        "done");
     EXPECT_NE(fim("list").find("cutting"), std::string::npos) << host("cat /exchange/told");
     EXPECT_EQ(pair_state("00A1", "01A1"), 5);
     host("touch /data/vol1/not-frozen /data/vol2/either");

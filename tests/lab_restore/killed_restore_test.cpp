@@ -13,7 +13,7 @@ struct KilledRestore : Restore {
         int status = -1;
         host("fimctl restore 1 --yes", &status);
         EXPECT_EQ(status, 137);
-        host("test -d /run/wrapped; sleep 0.5; ! pidof fimctl");
+        host("test -d /run/wrapped; while pidof fimctl; do sleep 0.02; done");
         EXPECT_EQ(state(), "restoring");
     }
     void expect_goes_on() {
@@ -62,8 +62,7 @@ TEST_F(KilledRestore, while_the_array_copies_is_gone_on_with_needs_root) {
     host(
         "fimctl restore 1 --yes >/run/said 2>&1 & "
         "for i in $(seq 500); do tfarray show | grep -q restoring && break; sleep 0.02; done; "
-        "kill -9 $(pidof fimctl); "
-        "sleep 0.3");
+        "kill -9 $(pidof fimctl); while pidof fimctl; do sleep 0.02; done");
     EXPECT_EQ(state(), "restoring");
     expect_said(fim("release 1", 2),
                 "would copy primaries that may be restored in part over their "
