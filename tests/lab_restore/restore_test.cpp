@@ -73,7 +73,9 @@ TEST_F(Restore, is_refused_while_a_file_is_open_and_names_who_has_it_needs_root)
     make({vol1, vol2});
     freeze_all({vol1, vol2});
     for (const Object &object : {vol1, vol2}) destroy(object);
-    host("sleep 60 </data/vol2/instead >/dev/null 2>&1 & echo $! >/run/sleeper");
+    host(
+        "exec 9</data/vol2/instead; sleep 60 <&9 >/dev/null 2>&1 & echo $! >/run/sleeper; exec "
+        "9<&-");
     const std::string said = fim("restore 1 --yes", 2);
     expect_said(said, "/data/vol2 is in use by process ");
     expect_said(said, "(sleep)");
@@ -89,7 +91,9 @@ TEST_F(Restore, an_unmount_that_fails_loses_nothing_and_says_who_was_in_the_way_
     for (const Object &object : {vol1, vol2}) destroy(object);
     // Somebody opens a file after everybody was looked for.
     wrap("/usr/bin/umount", "*/data/vol2*",
-         "sleep 60 </data/vol2/instead >/dev/null 2>&1 & echo $! >/run/sleeper", "");
+         "exec 9</data/vol2/instead; sleep 60 <&9 >/dev/null 2>&1 & echo $! >/run/sleeper; exec "
+         "9<&-",
+         "");
     const std::string said = fim("restore 1 --yes", 1);
     expect_said(said, "; /data/vol2 is in use by process ");
     expect_said(said, "then: nothing was overwritten, and every file system is where it was");

@@ -264,9 +264,10 @@ TEST_F(VolumeOnItsHost, that_is_read_by_somebody_keeps_its_copy_and_is_thawed_la
     freeze({vol1});
     carry_clone_information({vol1});
     bring_up({vol1});
-    const Phase busy =
-        phase({"rebuild", "/exchange/0.up", "run",
-               "sleep 60 </copy/vol1/file1 >/dev/null 2>&1 & echo $! >/exchange/pid", "thaw"});
+    const Phase busy = phase({"rebuild", "/exchange/0.up", "run",
+                              "exec 9</copy/vol1/file1; sleep 60 <&9 >/dev/null 2>&1 & echo $! "
+                              ">/exchange/pid; exec 9<&-",
+                              "thaw"});
     EXPECT_EQ(busy.at("thaw").status, 11);
     EXPECT_EQ(commands(busy.at("thaw")), Words());
     expect_unchanged(vol1, "/copy/vol1");
