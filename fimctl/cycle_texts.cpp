@@ -15,6 +15,7 @@
 #include "fimctl/log.h"
 #include "fimctl/restore/restore.h"
 #include "fimctl/signals.h"
+#include "fimctl/tool.h"
 
 namespace fimctl {
 namespace {
@@ -72,11 +73,11 @@ void wait_a_second() {
 std::string remedy_of_thaw(const SnapshotRecord &snapshot) {
     std::string directories;
     for (const ObjectRecord &object : snapshot.objects) {
-        if (is_mount_point(object.fifs)) directories += " " + object.fifs;
+        if (is_mount_point(object.fifs)) directories += " " + shell_word(object.fifs);
         // A device that is read through no mount point, and stops its disk group from being let go.
         if (object.is_volume() && object.kind != "file system" && !object.copy.empty() &&
             access(object.copy.c_str(), F_OK) == 0) {
-            directories += " " + object.copy;
+            directories += " " + shell_word(object.copy);
         }
     }
     if (directories.empty()) return "";

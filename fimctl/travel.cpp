@@ -14,6 +14,7 @@
 #include "fimctl/log.h"
 #include "fimctl/snapshot_lock.h"
 #include "fimctl/source.h"
+#include "fimctl/tool.h"
 #include "fimctl/travel_document.h"
 
 namespace fimctl {
@@ -173,8 +174,9 @@ void check_folder(const std::string &folder, const std::vector<SnapshotRecord> &
                       "make it a directory under its own name, then: fimctl import");
     }
     if (is_mount_point(folder)) {
-        throw refused(folder + ", where the copy would be mounted, is a mount point already",
-                      "unmount what is there (umount " + folder + "), then: fimctl import");
+        throw refused(
+            folder + ", where the copy would be mounted, is a mount point already",
+            "unmount what is there (umount " + shell_word(folder) + "), then: fimctl import");
     }
     if (fs::exists(folder, error) && !fs::is_empty(folder, error)) {
         throw refused(folder + ", where the copy would be mounted, is not empty",

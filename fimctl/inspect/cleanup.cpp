@@ -10,11 +10,11 @@
 #include "fimctl/frozen_mark.h"
 #include "fimctl/inspect/lock_files.h"
 #include "fimctl/inspect/orphans.h"
-#include "fimctl/inspect/tool.h"
 #include "fimctl/log.h"
 #include "fimctl/paths.h"
 #include "fimctl/signals.h"
 #include "fimctl/snapshot_lock.h"
+#include "fimctl/tool.h"
 
 namespace fimctl {
 namespace {
@@ -158,8 +158,8 @@ class Cleanup {
     }
 
     static std::string unmount(const std::string &directory) {
-        const Said said = ask_tool({"umount", "--", directory});
-        if (said.status != 0) return said.reason() + " (fuser -vm " + directory + ")";
+        const ToolResult said = run_tool({"umount", "--", directory});
+        if (!said.good()) return said.reason() + " (fuser -vm " + shell_word(directory) + ")";
         rmdir(directory.c_str());
         return "";
     }

@@ -11,6 +11,7 @@
 
 #include "fimctl/failure.h"
 #include "fimctl/paths.h"
+#include "fimctl/tool.h"
 
 namespace fimctl {
 namespace {
@@ -85,7 +86,7 @@ time_t CounterFile::since() const {
 
 std::string CounterFile::advice() const {
     const std::string number = std::to_string(pid);
-    if (!trouble.empty()) return "look at the file: ls -l " + path;
+    if (!trouble.empty()) return "look at the file: ls -l " + shell_word(path);
     switch (owner) {
     case Owner::nobody:
         return "nothing to do: it is free";
@@ -97,7 +98,7 @@ std::string CounterFile::advice() const {
                std::string("removes it)");
     case Owner::replaced:
         return "its owner has ended, and process " + number +
-               " only has the same number; the method cannot know that: rm " + path;
+               " only has the same number; the method cannot know that: rm " + shell_word(path);
     }
     return "";
 }

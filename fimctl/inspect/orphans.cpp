@@ -5,6 +5,7 @@
 #include "fimctl/frozen_mark.h"
 #include "fimctl/inspect/report.h"
 #include "fimctl/snapshot_lock.h"
+#include "fimctl/tool.h"
 
 namespace fimctl {
 namespace {
@@ -81,7 +82,7 @@ void find_frozen(const Settings &settings, int64_t id, std::vector<Orphan> &orph
         orphan.since = mark.written;
         orphan.what = "may be frozen still: its guardian was killed";
         orphan.command = "fimctl cleanup " + std::to_string(id) +
-                         ", or at once: fsfreeze --unfreeze " + directory;
+                         ", or at once: fsfreeze --unfreeze " + shell_word(directory);
         orphans.push_back(std::move(orphan));
     }
 }

@@ -8,8 +8,8 @@
 #include "fimctl/disk_group.h"
 #include "fimctl/host.h"
 #include "fimctl/inspect/plan.h"
-#include "fimctl/inspect/tool.h"
 #include "fimctl/paths.h"
+#include "fimctl/tool.h"
 
 namespace fimctl {
 namespace {

@@ -12,8 +12,9 @@
 #include "fimctl/command.h"
 #include "fimctl/inspect/host_service.h"
 #include "fimctl/inspect/plan.h"
-#include "fimctl/inspect/tool.h"
+#include "fimctl/inspect/private_folder.h"
 #include "fimctl/paths.h"
+#include "fimctl/tool.h"
 
 namespace fimctl {
 namespace {
@@ -170,8 +171,8 @@ std::vector<std::string> clone_tool_line(const PlannedObject &object, const Plan
 void list_volume(PlannedObject &object, const PrivateFolder &folder, Plan &plan) {
     const std::string file = folder.file("devices");
     unlink(file.c_str());
-    const Said said = ask_tool(clone_tool_line(object, plan, file));
-    if (said.status != 0) {
+    const ToolResult said = run_tool(clone_tool_line(object, plan, file));
+    if (!said.good()) {
         plan.problem("the devices of volume " + object.volume + " of " + object.group +
                          " cannot be known: " + said.reason(),
                      "see that the disk group is imported on this host: qzdg list");
@@ -184,8 +185,9 @@ void list_volume(PlannedObject &object, const PrivateFolder &folder, Plan &plan)
         object.pairs.push_back(std::move(pair));
     }
     if (object.pairs.empty()) {
-        plan.problem("no devices are associated with volume " + object.volume,
-                     "see that the volume is there: qzvol -g " + object.group + " list");
+        plan.problem(
+            "no devices are associated with volume " + object.volume,
+            "see that the volume is there: qzvol -g " + shell_word(object.group) + " list");
     }
 }
 

@@ -8,9 +8,9 @@
 
 #include "fimctl/array_reader.h"
 #include "fimctl/inspect/plan.h"
-#include "fimctl/inspect/tool.h"
 #include "fimctl/paths.h"
 #include "fimctl/source.h"
+#include "fimctl/tool.h"
 
 namespace fimctl {
 namespace {
@@ -181,10 +181,11 @@ std::string serial_in(const std::string &answer) {
 }
 
 void find_lock(PlannedPair &pair, Plan &plan) {
-    const Said said = ask_tool({path::device_information_tool, "-f", "-p", pair.raw, "-o", "-"});
-    const std::string serial = said.status == 0 ? serial_in(said.out) : "";
+    const ToolResult said =
+        run_tool({path::device_information_tool, "-f", "-p", pair.raw, "-o", "-"});
+    const std::string serial = said.good() ? serial_in(said.out) : "";
     if (serial.size() < 2 || holds(serial, "/")) {
-        pair.lock_trouble = said.status == 0 ? "it names no serial number" : said.reason();
+        pair.lock_trouble = said.good() ? "it names no serial number" : said.reason();
         plan.problem(std::string(path::device_information_tool) + " does not know " + pair.raw +
                          ", so its array's lock cannot be taken: " + pair.lock_trouble,
                      "fimctl doctor");

@@ -11,10 +11,10 @@
 #include "fimctl/command.h"
 #include "fimctl/disk_group.h"
 #include "fimctl/inspect/orphans.h"
-#include "fimctl/inspect/tool.h"
 #include "fimctl/paths.h"
 #include "fimctl/snapshot_lock.h"
 #include "fimctl/source.h"
+#include "fimctl/tool.h"
 
 namespace fimctl {
 namespace {
@@ -47,7 +47,7 @@ std::vector<std::string> entries_of(const std::string &folder) {
 std::vector<std::string> imported_copies() {
     std::vector<std::string> groups;
     if (!can_be_run(path::disk_group_tool)) return groups;
-    std::istringstream lines(ask_tool({path::disk_group_tool, "list"}).out);
+    std::istringstream lines(run_tool({path::disk_group_tool, "list"}).out);
     for (std::string line; std::getline(lines, line);) {
         std::string name, state;
         std::istringstream(line) >> name >> state;
@@ -131,7 +131,7 @@ class Strays {
         orphan.since = counter.written;
         if (counter.owner == Owner::gone) return;
         orphan.what += ", and another one has its number";
-        orphan.command = "rm " + counter.path;
+        orphan.command = "rm " + shell_word(counter.path);
         orphan.is_kept = true;
     }
 
@@ -139,7 +139,7 @@ class Strays {
         if (groups_.count(group) != 0) return;
         Orphan &orphan = add(OrphanKind::group, "", "imported here, and no snapshot names it");
         orphan.name = group;
-        orphan.command = std::string(path::disk_group_tool) + " deport " + group;
+        orphan.command = std::string(path::disk_group_tool) + " deport " + shell_word(group);
         orphan.is_kept = true;
     }
 

@@ -162,11 +162,12 @@ class Search {
         const bool imported = !clone.empty() && is_imported(clone);
         if (!mounted && !imported) return;
         const std::string deport = std::string(path::disk_group_tool) + " -n " +
-                                   text.value("HDEF-vol_group") + " deport " + clone;
+                                   shell_word(text.value("HDEF-vol_group")) + " deport " +
+                                   shell_word(clone);
         add(mounted ? "its copy is mounted on " + object.fifs
                     : "its copy's disk group " + clone + " is imported here",
-            (mounted ? "umount " + object.fifs + "; " : "") + (imported ? deport + "; " : "") +
-                again);
+            (mounted ? "umount " + shell_word(object.fifs) + "; " : "") +
+                (imported ? deport + "; " : "") + again);
     }
 
     // Its data are in the group, so they are overwritten, and the group cannot be deported under
@@ -181,7 +182,7 @@ class Search {
                     " is no object of the snapshot and would be overwritten, too; it is mounted "
                     "on " +
                     mount.directory,
-                "umount " + mount.directory);
+                "umount " + shell_word(mount.directory));
             return;
         }
         not_open(*device, "volume " + volume + " of disk group " + group);
@@ -210,12 +211,12 @@ class Search {
             } else if (own) {
                 add(object.block + " is mounted on " + mount.directory + " as well as on " +
                         directory,
-                    "umount " + mount.directory);
+                    "umount " + shell_word(mount.directory));
             } else if (mount.directory == directory) {
-                add("something else is mounted on " + directory, "umount " + directory);
+                add("something else is mounted on " + directory, "umount " + shell_word(directory));
             } else if (is_mounted_on_it(mount, object)) {
                 add(mount.directory + " is mounted on top of " + directory,
-                    "umount " + mount.directory);
+                    "umount " + shell_word(mount.directory));
             }
         }
         look_at_missing(object);
@@ -241,7 +242,7 @@ class Search {
         struct stat status = {};
         if (stat(object.directory.c_str(), &status) == 0 && S_ISDIR(status.st_mode)) return;
         add("there is no directory " + object.directory + " to mount " + object.block + " on",
-            "mkdir -p " + object.directory);
+            "mkdir -p " + shell_word(object.directory));
     }
 
     void look_at_device(const RestoreObject &object) {
@@ -250,7 +251,7 @@ class Search {
         for (const MountLine &mount : mounts_) {
             if (mount.device != *device) continue;
             add(object.source + " was frozen as a device, and is mounted on " + mount.directory,
-                "umount " + mount.directory);
+                "umount " + shell_word(mount.directory));
             return;
         }
         not_open(*device, object.source);

@@ -3,20 +3,10 @@
 #pragma once
 
 #include <string>
-#include <vector>
+
+#include "fimctl/tool.h"
 
 namespace fimctl {
-
-// What a command left: its exit status (127: it could not be started) and both its streams.
-struct ToolResult {
-    int status = 127;
-    std::string output;
-
-    bool good() const { return status == 0; }
-    // For a message: its last line, or its status where it said nothing.
-    std::string reason() const;
-};
-ToolResult run_tool(const std::vector<std::string> &words);
 
 bool is_imported(const std::string &group);
 // Clears the mark of another host: the group was this host's until the restore deported it. Tries

@@ -4,7 +4,6 @@
 
 #include "fimctl/inspect/array_view.h"
 #include "fimctl/inspect/method_config.h"
-#include "fimctl/inspect/tool.h"
 
 namespace {
 
@@ -83,21 +82,6 @@ TEST(BcvChoice, a_bcv_that_cannot_be_read_ends_the_choice) {
     auto unread = bcv("2", 5, true);
     unread.trouble = "code 4 (scripted)";
     EXPECT_EQ(choose({bcv("1", 2, true), unread}).trouble, "BCV 2: code 4 (scripted)");
-}
-
-TEST(AskTool, gives_status_and_both_streams_and_never_a_shell) {
-    auto said = fimctl::ask_tool({"sh", "-c", "echo out; echo err >&2; exit 3"});
-    EXPECT_EQ(said.status, 3);
-    EXPECT_EQ(said.out, "out\n");
-    EXPECT_EQ(said.reason(), "err");
-    said = fimctl::ask_tool({"printf", "%s", "$(id) 'x'"});
-    EXPECT_EQ(said.out, "$(id) 'x'");
-    said = fimctl::ask_tool({"/none/tool"});
-    EXPECT_EQ(said.status, 127);
-    EXPECT_EQ(said.reason(), "/none/tool: No such file or directory");
-    said = fimctl::ask_tool({"sh", "-c", "head -c 300000 /dev/zero | tr '\\0' x; seq 100000 >&2"});
-    EXPECT_EQ(said.out.size(), 300000U) << "neither stream blocks the other";
-    EXPECT_EQ(fimctl::command_line({"a", "b c", "it's", ""}), "a 'b c' 'it'\\''s' ''");
 }
 
 }  // namespace
