@@ -2,6 +2,7 @@
 
 #include <sys/wait.h>
 
+#include <chrono>
 #include <cstring>
 
 #include "fimctl/command.h"
@@ -70,6 +71,23 @@ Cycle::Outcome Cycle::converse(Worker &worker, const Handle &handle) {
     outcome.end = worker.reap();
     if (outcome.failure != nullptr) outcome.done = false;
     return outcome;
+}
+
+Cycle::Outcome Cycle::when_free(int heard, const std::function<Outcome()> &phase) const {
+    using Clock = std::chrono::steady_clock;
+    const auto end = Clock::now() + std::chrono::duration_cast<Clock::duration>(
+                                        std::chrono::duration<double>(settings_.lock_wait));
+    for (;;) {
+        Outcome outcome = phase();
+        const bool owned = outcome.failure != nullptr && outcome.failure->code == ExitCode::owned;
+        if (owned && signals::count() > heard) {
+            outcome.failure = interrupted_while_waiting(*outcome.failure);
+            return outcome;
+        }
+        if (!owned || Clock::now() >= end) return outcome;
+        log::waiting(std::string("waiting: ") + outcome.failure->what());
+        signals::wait_a_second();
+    }
 }
 
 Failure Cycle::Outcome::as_failure(ExitCode code_of_death) const {

@@ -85,6 +85,11 @@ class Cycle {
 
     // Phases (cycle.cpp, cycle_freeze.cpp, cycle_texts.cpp).
     static Outcome converse(Worker &worker, const Handle &handle);
+    // A phase that starts from the texts, again as long as another process owns the array's mirrors
+    // and settings allow: it may be a short one, and what waits here has a copy to look after. A
+    // signal ends the waiting once more than heard have come: an interruption that has brought the
+    // caller here is no reason to leave the copy alone.
+    Outcome when_free(int heard, const std::function<Outcome()> &phase) const;
     Outcome text_phase(int64_t id, TextWork work, const std::vector<std::string> &texts);
     std::string take_rest_down(const SnapshotRecord &snapshot);
     void frozen_between_hooks(int64_t id, const FreezeJob &job);

@@ -1,9 +1,7 @@
 // The second half of a snapshot's life: mount and release, from the texts.
-#include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstring>
 #include <sstream>
 
@@ -19,8 +17,6 @@
 
 namespace fimctl {
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 constexpr size_t longest_config = 1024;
 
@@ -65,10 +61,6 @@ bool every_text_is_there(const SnapshotRecord &snapshot) {
     return !snapshot.objects.empty();
 }
 
-void wait_a_second() {
-    poll(nullptr, 0, 1000);
-}
-
 // A busy copy is what makes a thaw fail, and who looks for its users needs its directory.
 std::string remedy_of_thaw(const SnapshotRecord &snapshot) {
     std::string directories;
@@ -106,30 +98,17 @@ Failure not_to_be_mounted(const SnapshotRecord &snapshot) {
 
 }  // namespace
 
-// A phase that starts from the texts. Another process that owns the array's mirrors is waited for:
-// it may be a short one, and what waits here has a copy to look after.
 Cycle::Outcome Cycle::text_phase(int64_t id, TextWork work, const std::vector<std::string> &texts) {
     const TextJob job = {settings_.method, work, texts};
-    const int signals_before = signals::count();
-    const auto end = Clock::now() + std::chrono::duration_cast<Clock::duration>(
-                                        std::chrono::duration<double>(settings_.lock_wait));
-    for (;;) {
+    return when_free(signals::count(), [&] {
         Worker worker([&job](Channel &channel) { run_text_phase(job, channel); }, scratch(id));
         const auto snapshot = known(id);
-        Outcome outcome = converse(worker, [&](const Message &message) {
+        return converse(worker, [&](const Message &message) {
             const auto object = message.at("object").get<size_t>();
             catalogue_.set_mounted(id, object, message.at("text"),
                                    copy_of(snapshot.objects.at(object), message.at("copy")));
         });
-        const bool owned = outcome.failure != nullptr && outcome.failure->code == ExitCode::owned;
-        if (owned && signals::count() != signals_before) {
-            outcome.failure = interrupted_while_waiting(*outcome.failure);
-            return outcome;
-        }
-        if (!owned || Clock::now() >= end) return outcome;
-        log::waiting(std::string("waiting: ") + outcome.failure->what());
-        wait_a_second();
-    }
+    });
 }
 
 std::vector<std::string> Cycle::mount(int64_t id) {

@@ -1,5 +1,7 @@
 #include "fimctl/signals.h"
 
+#include <poll.h>
+
 #include <csignal>
 #include <initializer_list>
 
@@ -38,6 +40,10 @@ int count() {
 
 bool from_process() {
     return sent != 0;
+}
+
+void wait_a_second() {
+    poll(nullptr, 0, 1000);
 }
 
 void ignore() {

@@ -13,6 +13,8 @@ int count();
 // Whether the first one came from a process rather than from the terminal. The terminal tells every
 // process of its group, so only the former is handed on.
 bool from_process();
+// A second, or less when a signal comes.
+void wait_a_second();
 // From here on this process finishes what it does, whatever signal comes.
 void ignore();
 // For tests, which run more than one command in a process.

@@ -1,10 +1,8 @@
 #include "fimctl/restore/restore.h"
 
-#include <poll.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstdio>
 
 #include "fimctl/array_reader.h"
@@ -19,14 +17,8 @@
 namespace fimctl {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
 std::string again(int64_t id) {
     return "fimctl restore " + std::to_string(id);
-}
-
-void wait_a_second() {
-    poll(nullptr, 0, 1000);
 }
 
 void refuse(const RestorePlan &plan) {
@@ -121,10 +113,7 @@ std::vector<Pair> pairs_of(const RestorePlan &plan) {
 }  // namespace
 
 Restore::Restore(const Settings &settings, Catalogue &catalogue)
-    : cycle_(settings, catalogue),
-      catalogue_(catalogue),
-      method_(settings.method),
-      lock_wait_(settings.lock_wait) {}
+    : cycle_(settings, catalogue), catalogue_(catalogue), method_(settings.method) {}
 
 void Restore::show_plan(int64_t id, const RestoreOptions &options) {
     const RestorePlan plan = make_plan(cycle_.known(id), options.plan);
@@ -201,30 +190,21 @@ void Restore::wait_for_running(RestorePlan &plan) {
             failure.next = "go on with it: " + again(plan.id);
             give_up(failure, plan.id);
         }
-        wait_a_second();
+        signals::wait_a_second();
     }
 }
 
-// Another process that owns the array's mirrors is waited for: it may be a short one.
 Cycle::Outcome Restore::phase(const RestorePlan &plan, const RestoreJob &job) {
-    const auto end = Clock::now() + std::chrono::duration_cast<Clock::duration>(
-                                        std::chrono::duration<double>(lock_wait_));
-    for (;;) {
+    // Nobody has been interrupted on the way here, so the first signal is one to stop for.
+    constexpr int none_heard = 0;
+    return cycle_.when_free(none_heard, [&] {
         Worker worker([&job](Channel &channel) { run_restore_phase(job, channel); },
                       cycle_.scratch(plan.id));
-        Cycle::Outcome outcome = Cycle::converse(worker, [&](const Message &message) {
+        return Cycle::converse(worker, [&](const Message &message) {
             if (message.contains("rebuilt")) enter(plan);
             if (message.contains("ending")) ending_ = message.at("ending");
         });
-        const bool owned = outcome.failure != nullptr && outcome.failure->code == ExitCode::owned;
-        if (owned && signals::raised() != 0) {
-            outcome.failure = interrupted_while_waiting(*outcome.failure);
-            return outcome;
-        }
-        if (!owned || Clock::now() >= end) return outcome;
-        log::waiting(std::string("waiting: ") + outcome.failure->what());
-        wait_a_second();
-    }
+    });
 }
 
 // The locks are held, so no other snapshot is begun any more: what the pairs are now holds.

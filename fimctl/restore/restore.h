@@ -55,7 +55,6 @@ class Restore {
     Cycle cycle_;
     Catalogue &catalogue_;
     const std::string method_;
-    const double lock_wait_;
     bool entered_ = false;  // state restoring: from here on something may be away
     size_t ending_ = 0;     // the object that is being ended
 };
