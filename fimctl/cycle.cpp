@@ -17,10 +17,7 @@ Cycle::Cycle(const Settings &settings, Catalogue &catalogue)
 
 SnapshotRecord Cycle::known(int64_t id) {
     auto snapshot = catalogue_.find(id);
-    if (!snapshot) {
-        throw Failure(Step::snapshot, ExitCode::no_such_snapshot,
-                      "there is no snapshot " + std::to_string(id));
-    }
+    if (!snapshot) throw no_such_snapshot(id);
     return std::move(*snapshot);
 }
 

@@ -27,18 +27,6 @@ Failure unusable(const std::string &text) {
     return Failure(Step::check, ExitCode::usage, text);
 }
 
-const char *name_of(SourceKind kind) {
-    switch (kind) {
-    case SourceKind::file_system:
-        return "file system";
-    case SourceKind::block_device:
-        return "block device";
-    case SourceKind::raw_device:
-        return "raw device";
-    }
-    return "unknown";
-}
-
 // A second freeze of an object establishes its mirror again, under the copy that is in use. What
 // was carried here from another host stands for devices of that host.
 void refuse_held(const std::vector<Source> &sources, const std::vector<SnapshotRecord> &others) {

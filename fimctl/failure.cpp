@@ -127,6 +127,11 @@ std::string remedy_of(Step step, ExitCode code, long id) {
     }
 }
 
+Failure no_such_snapshot(int64_t id) {
+    return Failure(Step::snapshot, ExitCode::no_such_snapshot,
+                   "there is no snapshot " + std::to_string(id));
+}
+
 std::unique_ptr<Failure> interrupted_while_waiting(const Failure &owned) {
     return std::make_unique<Failure>(owned.step, ExitCode::interrupted,
                                      std::string("interrupted while it waited: ") + owned.what(),

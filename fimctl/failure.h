@@ -2,6 +2,7 @@
 // the user.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -71,6 +72,7 @@ class Failure : public std::runtime_error {
     std::string next;        // what to do, where it is known better than the step's remedy says
 };
 
+Failure no_such_snapshot(int64_t id);
 // Of one that was waiting for another owner of the array's mirrors: nothing has been changed.
 std::unique_ptr<Failure> interrupted_while_waiting(const Failure &owned);
 

@@ -53,6 +53,18 @@ void Conversation::failed(const Failure &failure, const std::string &trouble) {
                    {"trouble", trouble}});
 }
 
+std::vector<hdef *> rebuild_all(Method &method, const std::vector<std::string> &texts,
+                                Conversation &talk) {
+    std::vector<hdef *> handles;
+    for (size_t i = 0; i < texts.size(); ++i) {
+        talk.step(Step::rebuild, static_cast<int>(i));
+        hdef *handle = nullptr;
+        if (!method.rebuild(texts[i], &handle)) throw method_failure(method, Step::rebuild);
+        handles.push_back(handle);
+    }
+    return handles;
+}
+
 Failure method_failure(const Method &method, Step step) {
     if (log::other_owner() != 0) {
         return Failure(step, ExitCode::owned,

@@ -65,6 +65,9 @@ class Conversation {
     Channel &channel_;
 };
 
+// The records of the texts, in their order. Throws Failure.
+std::vector<hdef *> rebuild_all(Method &method, const std::vector<std::string> &texts,
+                                Conversation &talk);
 // The failure of the method's last call.
 Failure method_failure(const Method &method, Step step);
 // Throws Failure when the command was interrupted.

@@ -200,6 +200,18 @@ dev_t device_of(const std::string &path) {
 
 }  // namespace
 
+const char *name_of(SourceKind kind) {
+    switch (kind) {
+    case SourceKind::file_system:
+        return "file system";
+    case SourceKind::block_device:
+        return "block device";
+    case SourceKind::raw_device:
+        return "raw device";
+    }
+    return "unknown";
+}
+
 std::string absolute_path(const std::string &path) {
     std::error_code error;
     const fs::path absolute = fs::absolute(path, error);

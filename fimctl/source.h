@@ -9,6 +9,8 @@
 namespace fimctl {
 
 enum class SourceKind { file_system, block_device, raw_device };
+// As catalogue and reports have it.
+const char *name_of(SourceKind kind);
 
 struct Source {
     std::string path;  // absolute, as it goes to the method

@@ -11,7 +11,7 @@ class TextPhase {
 
     void mount() {
         guarded([this](Method &method) {
-            rebuild(method);
+            handles_ = rebuild_all(method, job_.texts, talk_);
             try {
                 for (size_t i = 0; i < handles_.size(); ++i) bring_up(method, i);
             } catch (const Failure &failure) {
@@ -25,7 +25,7 @@ class TextPhase {
     void release() {
         signals::ignore();
         guarded([this](Method &method) {
-            rebuild(method);
+            handles_ = rebuild_all(method, job_.texts, talk_);
             const std::string trouble = take_down(method);
             // Nothing is re-established under a copy that is still mounted.
             if (!trouble.empty()) {
@@ -46,17 +46,6 @@ class TextPhase {
             work(method);
         } catch (const Failure &failure) {
             talk_.failed(failure, "");
-        }
-    }
-
-    void rebuild(Method &method) {
-        for (size_t i = 0; i < job_.texts.size(); ++i) {
-            talk_.step(Step::rebuild, static_cast<int>(i));
-            hdef *handle = nullptr;
-            if (!method.rebuild(job_.texts[i], &handle)) {
-                throw method_failure(method, Step::rebuild);
-            }
-            handles_.push_back(handle);
         }
     }
 

@@ -34,9 +34,8 @@ std::string described(const SnapshotRecord &snapshot) {
 
 SnapshotRecord known(Catalogue &catalogue, int64_t id) {
     auto snapshot = catalogue.find(id);
-    if (snapshot) return std::move(*snapshot);
-    throw Failure(Step::snapshot, ExitCode::no_such_snapshot,
-                  "there is no snapshot " + std::to_string(id));
+    if (!snapshot) throw no_such_snapshot(id);
+    return std::move(*snapshot);
 }
 
 // --- export ---

@@ -67,9 +67,4 @@ void add_id(CLI::App *command, int64_t &id) {
     command->add_option("ID", id, "the snapshot's number")->required()->check(trouble_of_id);
 }
 
-Failure no_such_snapshot(int64_t id) {
-    return Failure(Step::snapshot, ExitCode::no_such_snapshot,
-                   "there is no snapshot " + std::to_string(id));
-}
-
 }  // namespace fimctl

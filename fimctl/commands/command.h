@@ -69,6 +69,5 @@ void add_completion_commands(Commands &commands);     // completion
 void add_id(CLI::App *command, int64_t &id);
 // Why a word of the command line is no number of a snapshot; "" when it is one.
 std::string trouble_of_id(const std::string &text);
-Failure no_such_snapshot(int64_t id);
 
 }  // namespace fimctl

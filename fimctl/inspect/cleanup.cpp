@@ -47,8 +47,7 @@ class Cleanup {
         if (Catalogue::exists(settings_.state)) {
             if (Catalogue(settings_.state, false).find(id)) return;
         }
-        throw Failure(Step::snapshot, ExitCode::no_such_snapshot,
-                      "there is no snapshot " + std::to_string(id));
+        throw no_such_snapshot(id);
     }
 
     bool is_wanted(const Orphan &orphan) const {

@@ -5,18 +5,6 @@
 namespace fimctl {
 namespace {
 
-const char *name_of(SourceKind kind) {
-    switch (kind) {
-    case SourceKind::file_system:
-        return "file system";
-    case SourceKind::block_device:
-        return "block device";
-    case SourceKind::raw_device:
-        return "raw device";
-    }
-    return "unknown";
-}
-
 Json bcv_json(const PlannedPair &pair, const BcvView &bcv) {
     Json json;
     json["name"] = bcv.name;

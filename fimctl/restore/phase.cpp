@@ -17,7 +17,7 @@ class RestorePhase {
         try {
             talk_.step(Step::load);
             Method method(job_.method);
-            rebuild(method);
+            handles_ = rebuild_all(method, job_.texts, talk_);
             stop_when_interrupted(Step::rebuild);
             talk_.ask({{"rebuilt", true}}, Step::restore);
             signals::ignore();
@@ -30,17 +30,6 @@ class RestorePhase {
     }
 
   private:
-    void rebuild(Method &method) {
-        for (size_t i = 0; i < job_.texts.size(); ++i) {
-            talk_.step(Step::rebuild, static_cast<int>(i));
-            hdef *handle = nullptr;
-            if (!method.rebuild(job_.texts[i], &handle)) {
-                throw method_failure(method, Step::rebuild);
-            }
-            handles_.push_back(handle);
-        }
-    }
-
     // No copy is mounted, so this is for the disk groups of copies and for temporary files.
     void thaw(Method &method) {
         for (size_t i = 0; i < handles_.size(); ++i) {
