@@ -1,9 +1,10 @@
-// An owner of a file descriptor.
+// An owner of a file descriptor, and what a process has open.
 #pragma once
 
 #include <unistd.h>
 
 #include <utility>
+#include <vector>
 
 namespace lab::common {
 
@@ -29,5 +30,9 @@ class Descriptor {
   private:
     int fd_ = -1;
 };
+
+// For a process that outlives its caller: closes all descriptors but these, and puts the null
+// device in the place of 0 to 2.
+void keep_only(std::vector<int> kept);
 
 }  // namespace lab::common

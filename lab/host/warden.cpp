@@ -22,6 +22,7 @@
 #include <utility>
 #include <vector>
 
+#include "lab/common/descriptor.h"
 #include "lab/host/places.h"
 
 namespace tflab {
@@ -180,16 +181,7 @@ void stand_apart(std::vector<int> kept) {
     setsid();
     prctl(PR_SET_NAME, "tflab-warden");
     for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) signal(number, SIG_IGN);
-    const Fd null(open("/dev/null", O_RDWR | O_CLOEXEC));
-    for (int fd = 0; fd <= 2; ++fd) dup2(null.get(), fd);
-    std::sort(kept.begin(), kept.end());
-    unsigned next = 3;
-    for (const int fd : kept) {
-        const auto number = static_cast<unsigned>(fd);
-        if (number > next) close_range(next, number - 1, 0);
-        next = number + 1;
-    }
-    close_range(next, ~0U, 0);
+    lab::common::keep_only(std::move(kept));
 }
 
 }  // namespace

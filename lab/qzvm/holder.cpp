@@ -8,12 +8,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
+#include <utility>
 
 #include "lab/qzvm/state.h"
 
@@ -79,16 +79,7 @@ void stand_apart(std::vector<int> kept) {
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
-    const Descriptor null(open("/dev/null", O_RDWR | O_CLOEXEC));
-    for (int fd = 0; fd <= 2; ++fd) dup2(null.get(), fd);
-    std::sort(kept.begin(), kept.end());
-    unsigned next = 3;
-    for (const int fd : kept) {
-        const auto number = static_cast<unsigned>(fd);
-        if (number > next) close_range(next, number - 1, 0);
-        next = number + 1;
-    }
-    close_range(next, ~0U, 0);
+    lab::common::keep_only(std::move(kept));
 }
 
 // The life of a holder. Its file takes the old one's place, and then the old one may go; so there
