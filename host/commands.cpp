@@ -1,11 +1,11 @@
 // Mount, unmount and check with the host's own programs.
 #include <fcntl.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 
+#include "host/held_write.h"
 #include "host/mounts.h"
 #include "host/owners.h"
 #include "host/program.h"
@@ -36,9 +36,7 @@ bool has_text(const char *text) {
 
 // Writes a line where the program would have written its own.
 void say(const Q_sys_cmd_exec_options &options, const char *line) {
-    if (options.err_fd < 0) return;
-    // There is nobody to tell when the error stream itself cannot take it.
-    [[maybe_unused]] const ssize_t written = write(options.err_fd, line, strlen(line));
+    if (options.err_fd >= 0) tessera::write_line(options.err_fd, line);
 }
 
 // Runs the program on a record that the caller may have left out, and stores the exit status.

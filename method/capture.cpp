@@ -13,25 +13,15 @@
 namespace tf {
 namespace {
 
-constexpr mode_t private_mode = 0600;
-
-// The names lie in a folder where everybody may create files, and what is written there is written
-// with root's rights: somebody else's file, a link or a second name is never written into.
-bool is_own_plain_file(const struct stat &status) {
-    return S_ISREG(status.st_mode) && status.st_uid == geteuid() && status.st_nlink == 1;
-}
-
-int create_exclusively(const char *path) {
-    return open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, private_mode);
-}
-
-// A descriptor that a command may write into from an empty start, or -1. The test comes before the
-// truncation, so that a foreign file keeps its contents.
+// A descriptor that a command may write into from an empty start, or -1. The names lie in a folder
+// where everybody may create files, and what is written there is written with root's rights, so
+// somebody else's file, a link or a second name is never written into. The test comes before the
+// truncation, so that such a file keeps its contents.
 int open_capture_file(const char *path) {
     if (path == nullptr) return -1;
-    const int created = create_exclusively(path);
+    const int created = create_private(path);
     if (created >= 0 || errno != EEXIST) return created;
-    DescriptorOwner file(open(path, O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    DescriptorOwner file(open_file(path, O_WRONLY | O_NOFOLLOW | O_NONBLOCK));
     struct stat status = {};
     if (!file || fstat(file.get(), &status) != 0 || !is_own_plain_file(status) ||
         ftruncate(file.get(), 0) != 0) {
@@ -56,10 +46,6 @@ char *temporary_name(const char *prefix) {
 #pragma GCC diagnostic pop
 }
 
-bool create_private_file(const char *path) {
-    return static_cast<bool>(DescriptorOwner(create_exclusively(path)));
-}
-
 void make_capture_files(hdef *h) {
     h->out_file = make_capture_file();
     h->err_file = make_capture_file();
@@ -67,8 +53,8 @@ void make_capture_files(hdef *h) {
 
 void remove_capture_files(const hdef *h) {
     if (h->out_file == nullptr || h->err_file == nullptr) return;
-    unlink(h->out_file);
-    unlink(h->err_file);
+    remove_private_file(h->out_file);
+    remove_private_file(h->err_file);
 }
 
 const char *capture_name(const char *path) {
@@ -83,7 +69,7 @@ bool capture_file_ready(const char *path) {
 }
 
 FILE *open_for_reading(const char *path) {
-    DescriptorOwner file(open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    DescriptorOwner file(open_file(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK));
     if (!file) return nullptr;
     FILE *const stream = fdopen(file.get(), "r");
     if (stream != nullptr) file.release();

@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "include/records.h"
+#include "method/private_file.h"
 #include "tessera_host.h"
 
 namespace tf {
@@ -12,13 +13,12 @@ namespace tf {
 // A fresh temporary name from tempnam with that prefix, in memory from malloc; null when there is
 // none. No file is made.
 char *temporary_name(const char *prefix);
-// Creates a file exclusively with mode 0600 and closes it. Returns whether it was made.
-bool create_private_file(const char *path);
 
 // Gives the record its two capture files: fresh names with the prefix "QfMS", each created
 // exclusively. A name that cannot be had stays null.
 void make_capture_files(hdef *h);
-// Removes both files when both names are set; the names stay.
+// Removes both files when both names are set; the names stay. What somebody else put in the place
+// of one is left alone.
 void remove_capture_files(const hdef *h);
 
 // The name of a capture file as a command line or a dump takes it: the null device where the record

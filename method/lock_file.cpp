@@ -9,9 +9,11 @@
 
 #include "method/descriptor.h"
 #include "method/device_information.h"
+#include "method/held_write.h"
 #include "method/log.h"
 #include "method/numbers.h"
 #include "method/paths.h"
+#include "method/private_file.h"
 #include "method/text.h"
 
 namespace {
@@ -22,8 +24,9 @@ constexpr ssize_t field_size = sizeof(int32_t);
 // Returned by all three routines; their callers report.
 constexpr int failed = -1;
 
+// A pipe that stands in a file's place is not waited for: reading it fails.
 int open_private(const char *path) {
-    return open(path, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, lock_file_mode);
+    return tf::open_file(path, O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK, lock_file_mode);
 }
 
 // Logs a line about a file and returns the failure.
@@ -57,7 +60,7 @@ Field read_field(int fd, int32_t *value) {
 }
 
 bool write_field(int fd, int32_t value) {
-    return write(fd, &value, sizeof value) == field_size;
+    return tf::held_write(fd, &value, sizeof value) == field_size;
 }
 
 // Only a process that surely is no more loses its file; one that cannot be asked about counts as

@@ -22,7 +22,8 @@ class TransferFile {
     DescriptorOwner file_;
 };
 
-// Deletes the object's transfer file and empties its path, when it has one.
+// Deletes the object's transfer file and empties its path, when it has one. What somebody else put
+// in the file's place is left alone.
 void discard_transfer_file(hdef *h);
 
 }  // namespace tf

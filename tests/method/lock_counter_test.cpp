@@ -1,6 +1,7 @@
 #include "method/lock_file.h"
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -60,6 +61,23 @@ TEST_F(LockCounter, links_in_place_of_either_file_are_not_followed) {
     EXPECT_EQ(open_and_close(path), -1);
     EXPECT_TRUE(logged(std::string("could not open file: ") + lock_path));
     EXPECT_FALSE(test::exists("/tmp/elsewhere"));
+}
+
+TEST_F(LockCounter, a_pipe_in_place_of_either_file_is_not_waited_for) {
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    EXPECT_EQ(open_and_close(path), -1);
+    EXPECT_TRUE(logged("could not read pid from file: " + path));
+    unlink(path.c_str());
+}
+
+TEST_F(LockCounter, a_file_size_limit_is_a_failed_write_and_not_the_end) {
+    rlimit limit = {};
+    getrlimit(RLIMIT_FSIZE, &limit);
+    const rlimit small = {8, limit.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &small);
+    EXPECT_EQ(change("", TF_LOCK_SET), -1);
+    setrlimit(RLIMIT_FSIZE, &limit);
+    EXPECT_EQ(whole_log(), "could not write to file: " + path + "\n");
 }
 
 TEST_F(LockCounter, a_lock_that_cannot_be_had_is_reported) {

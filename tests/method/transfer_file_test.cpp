@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -64,6 +65,19 @@ TEST_F(TransferFile, closed_file_takes_no_line_and_may_be_closed_again) {
     file.close();
     EXPECT_FALSE(file.write_line("a line"));
     EXPECT_EQ(test::read_file(path), "");
+}
+
+TEST_F(TransferFile, file_size_limit_is_a_failed_line_and_not_the_end) {
+    ASSERT_TRUE(file.create(path));
+    rlimit limit = {};
+    getrlimit(RLIMIT_FSIZE, &limit);
+    const rlimit small = {9, limit.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &small);
+    EXPECT_TRUE(file.write_line("one line"));
+    EXPECT_FALSE(file.write_line("another"));
+    EXPECT_EQ(errno, EFBIG);
+    setrlimit(RLIMIT_FSIZE, &limit);
+    EXPECT_EQ(test::read_file(path), "one line\n");
 }
 
 TEST_F(TransferFile, discarding_deletes_the_file_and_empties_the_path) {

@@ -41,6 +41,7 @@ struct Fault {
 
 void (*close_action)(int fd);
 void (*command_line_action)(const char *line);
+void (*write_action)();
 
 bool answered(const char *function) {
     if (strcmp(fault.function, function) != 0 || --fault.n != 0) return false;
@@ -68,6 +69,10 @@ void on_close(void (*action)(int fd)) {
     close_action = action;
 }
 
+void on_write(void (*action)()) {
+    write_action = action;
+}
+
 void on_command_line(void (*action)(const char *line)) {
     command_line_action = action;
 }
@@ -78,6 +83,7 @@ ssize_t __wrap_read(int fd, void *buffer, size_t size) {
     return answered("read") ? fault.result : __real_read(fd, buffer, size);
 }
 ssize_t __wrap_write(int fd, const void *buffer, size_t size) {
+    if (write_action != nullptr) write_action();
     return answered("write") ? fault.result : __real_write(fd, buffer, size);
 }
 off_t __wrap_lseek(int fd, off_t offset, int whence) {

@@ -18,6 +18,8 @@ class SystemFault {
 
 // Called with every descriptor that the code under test closes; null for none.
 void on_close(void (*action)(int fd));
+// Called before each write is passed on or answered; null for none.
+void on_write(void (*action)());
 // Called with the line of each system() before it is passed on or answered; null for none.
 void on_command_line(void (*action)(const char *line));
 
