@@ -1,7 +1,5 @@
 #include "method/freeze.h"
 
-#include <unistd.h>
-
 #include <cstring>
 
 #include "method/capture.h"
@@ -48,17 +46,13 @@ int32_t count_client() {
     return tf::success;
 }
 
-void remove_if_named(const char *path) {
-    if (path != nullptr) unlink(path);
-}
-
 // The one exit of a freeze that did not find its devices. The disk-group list must not name a
 // record that is gone, so the object leaves it first.
 int32_t give_up(tf::Freeze &f) {
     tf::log_current_message();
     tf::dg_remove(f.h);
-    remove_if_named(f.h->out_file);
-    remove_if_named(f.h->err_file);
+    tf::remove_private_file(f.h->out_file);
+    tf::remove_private_file(f.h->err_file);
     tf::free_hdef(f.h);
     *f.handle = nullptr;
     return tf::failure;

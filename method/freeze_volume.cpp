@@ -28,15 +28,27 @@ class ToolOutput {
   public:
     ToolOutput() : name_(temporary_name("EMCTF")) {}
     ~ToolOutput() {
-        if (name_) unlink(name_.get());
+        if (given_to_tool_) unlink(name_.get());
     }
     ToolOutput(const ToolOutput &) = delete;
     ToolOutput &operator=(const ToolOutput &) = delete;
 
     const char *name() const { return name_.get(); }
+    // Whether the tool may make its file. It would write into whatever it finds, so nothing may
+    // stand there before it; what does stays. errno says why not.
+    bool give_to_tool() {
+        struct stat status = {};
+        if (lstat(name_.get(), &status) == 0) {
+            errno = EEXIST;
+        } else {
+            given_to_tool_ = errno == ENOENT;
+        }
+        return given_to_tool_;
+    }
 
   private:
     HeapOwner<char> name_;
+    bool given_to_tool_ = false;
 };
 
 // Anybody may put something in the place of a temporary file, so a link is not followed, and what
@@ -110,9 +122,12 @@ int32_t read_devices(hdef *h, FILE *file, const char *name) {
 }
 
 int32_t list_devices(hdef *h) {
-    const ToolOutput output;
+    ToolOutput output;
     if (output.name() == nullptr) {
         return fail(ErrorNumber::memory, msg::no_memory, reporter, freeze_line::output_name);
+    }
+    if (!output.give_to_tool()) {
+        return fail(ErrorNumber::limit, msg::cannot_open_file, reporter, output.name());
     }
     if (run_clone_tool(h, output.name()) != success) return failure;
     const StreamOwner file(open_regular(output.name()));

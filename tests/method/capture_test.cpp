@@ -172,6 +172,7 @@ TEST_F(HostCommandOutput, a_stream_that_cannot_be_opened_is_minus_1) {
     }
     EXPECT_EQ(test::read_file("/tmp/target"), "kept");
     unlink("/tmp/target");
+    unlink(object->out_file);
     rmdir(object->err_file);
 }
 

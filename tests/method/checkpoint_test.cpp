@@ -315,6 +315,7 @@ TEST_F(Checkpoint, transfer_file_that_exists_already_is_not_written_into) {
     expect_failure(13, "build_table_hdef: Cannot open file /tmp/EMCTXtest: File exists");
     EXPECT_EQ(commands(), test::Lines{});
     EXPECT_EQ(test::read_file("/tmp/EMCTXtest"), "somebody else's");
+    unlink("/tmp/EMCTXtest");
 }
 
 TEST_F(Checkpoint, failed_lists_are_passed_on) {

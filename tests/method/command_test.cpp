@@ -212,6 +212,7 @@ TEST_F(CommandRunner, nothing_is_run_while_a_link_to_nowhere_stands_in_for_a_cap
     unlink(object->out_file);
     ASSERT_EQ(symlink("/tmp/ran", object->out_file), 0);
     expect_refused("true");
+    unlink(object->out_file);
 }
 
 TEST_F(CommandRunner, nothing_is_run_while_a_capture_file_has_a_second_name) {
@@ -239,6 +240,7 @@ TEST_F(CommandRunner, nothing_is_run_while_a_capture_file_is_somebody_elses_need
     set_level(0);
     ASSERT_EQ(chown(object->err_file, 65534, 65534), 0);
     expect_refused("touch /tmp/ran");
+    unlink(object->err_file);
 }
 
 TEST_F(CommandRunner, nothing_is_run_when_a_missing_capture_file_cannot_be_made) {
@@ -260,6 +262,7 @@ TEST_F(CommandRunner, a_refused_line_is_logged_before_it_is_refused) {
     do_cmd(object.get(), "true");
     ASSERT_EQ(test::log_lines().size(), 2U);
     EXPECT_EQ(test::log_lines()[0], "Executing command: true" + suffix());
+    unlink(object->out_file);
 }
 
 // The dump of a text under the name of the error file.

@@ -24,6 +24,8 @@ int last_failing = INT_MAX;
 int seen = 0;
 int failing_name = INT_MAX;
 int names_seen = 0;
+int given_name = INT_MAX;
+const char *name_to_give;
 
 bool fails() {
     ++seen;
@@ -51,8 +53,14 @@ void fail_temporary_name(int n) {
     failing_name = n;
 }
 
+void name_temporary_file(int n, const char *path) {
+    no_more_faults();
+    given_name = n;
+    name_to_give = path;
+}
+
 void no_more_faults() {
-    first_failing = last_failing = failing_name = INT_MAX;
+    first_failing = last_failing = failing_name = given_name = INT_MAX;
     seen = names_seen = 0;
 }
 
@@ -79,5 +87,6 @@ char *__wrap_tempnam(const char *dir, const char *prefix) {
         errno = EEXIST;
         return nullptr;
     }
+    if (names_seen == given_name) return __real_strdup(name_to_give);
     return __real_tempnam(dir, prefix);
 }

@@ -10,6 +10,8 @@ void fail_allocation(int n);
 void fail_allocations_from(int n);
 // The n-th tempnam from now on gives no name (1 is the next one).
 void fail_temporary_name(int n);
+// The n-th tempnam from now on gives this name, whatever stands under it.
+void name_temporary_file(int n, const char *path);
 // Ends whatever was asked for.
 void no_more_faults();
 // Allocations since the last of the calls above.
