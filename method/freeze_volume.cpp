@@ -57,11 +57,9 @@ FILE *open_regular(const char *name) {
     FILE *const file = open_for_reading(name);
     if (file == nullptr) return nullptr;
     struct stat status = {};
-    const bool known = fstat(fileno(file), &status) == 0;
-    if (known && S_ISREG(status.st_mode)) return file;
-    const int error = known ? EINVAL : errno;
+    if (fstat(fileno(file), &status) == 0 && S_ISREG(status.st_mode)) return file;
     fclose(file);
-    errno = error;
+    errno = EINVAL;
     return nullptr;
 }
 

@@ -1,0 +1,228 @@
+#include "proof/kit/faulted_run.h"
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <stdexcept>
+
+namespace proof {
+namespace {
+
+namespace fs = std::filesystem;
+using test::Call;
+using test::Phase;
+
+constexpr char agent_in_host[] = "/exchange/libtfagent.so";
+constexpr char report_in_host[] = "/exchange/agent";
+constexpr double record_limit = 60;
+
+const SiteNames &site_names() {
+    static const SiteNames names(TF_BINARY_DIR "/lib/libtimefinder_fim.so");
+    return names;
+}
+
+std::vector<std::string> lines_of(const fs::path &file) {
+    std::vector<std::string> lines;
+    std::ifstream in(file);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    return lines;
+}
+
+Site read_site(const std::string &line) {
+    std::istringstream in(line);
+    std::string word, kind, offsets;
+    Site site;
+    in >> word >> site.key >> site.calls >> kind >> site.function >> offsets;
+    std::vector<uint64_t> numbers;
+    std::istringstream list(offsets);
+    for (std::string one; std::getline(list, one, ',');) {
+        numbers.push_back(std::stoull(one, nullptr, 16));
+    }
+    site.name = site_names().name(kind, site.function, numbers);
+    return site;
+}
+
+bool succeeded(const Phase &phase) {
+    if (phase.status != 0) return false;
+    for (const Call &call : phase.calls) {
+        if (call.status != 0) return false;
+    }
+    return true;
+}
+
+std::string told(const Phase &phase) {
+    std::string text = "status " + std::to_string(phase.status) + " " + phase.output;
+    for (const Call &call : phase.calls) {
+        text += "; " + call.step + " " + std::to_string(call.status);
+        if (!call.errmsg.empty()) text += " (" + call.errmsg + ")";
+    }
+    return text;
+}
+
+Words agent_environment(const std::string &plan) {
+    return {std::string("LD_PRELOAD=") + agent_in_host, "TFAGENT_PLAN=" + plan,
+            std::string("TFAGENT_REPORT=") + report_in_host};
+}
+
+}  // namespace
+
+std::string Plan::text() const {
+    return kind + " " + fate + " " + std::to_string(value) + " " + word + " " +
+           std::to_string(call) + " " + scope + " " + (site.key.empty() ? "any" : site.key);
+}
+
+std::string Outcome::line() const {
+    std::string text;
+    for (const Call &call : faulted.calls) {
+        if (!text.empty()) text += "; ";
+        text += call.step + " " + std::to_string(call.status);
+        if (call.status == 0 && call.number < 0) continue;
+        text += " " + std::to_string(call.number) + " " + message_id(call.errmsg) + " " +
+                message_id(call.logmsg);
+    }
+    for (const std::string &note : notes) {
+        if (note == "waits") text += (text.empty() ? "" : "; ") + note;
+    }
+    return text + " | " + left;
+}
+
+Bench::Bench(const Scenario &scenario, std::string kind)
+    : scenario_(scenario), kind_(std::move(kind)) {}
+
+Bench::~Bench() = default;
+
+test::LabWorld &Bench::world() {
+    if (world_ != nullptr) return *world_;
+    world_ = std::make_unique<test::LabWorld>(scenario_.world, scenario_.hosts);
+    world_->start();
+    fs::copy_file(TF_BINARY_DIR "/lib/libtfagent.so", world_->exchange() / "libtfagent.so");
+    for (const std::string &line : scenario_.prepare) world_->host(line);
+    settle();
+    before_ = whole_picture();
+    return *world_;
+}
+
+void Bench::renew() {
+    world_.reset();
+}
+
+void Bench::settle() {
+    world_->on(scenario_.hosts.front());
+    for (const std::string &line : scenario_.settle) world_->host(line);
+}
+
+std::string Bench::whole_picture() {
+    std::string text;
+    for (const std::string &host : scenario_.hosts) {
+        world_->on(host);
+        text += "host " + host + "\n" + world_->picture();
+    }
+    world_->on(scenario_.hosts.front());
+    for (const std::string &line : scenario_.content) text += world_->host(line);
+    world_->array("check");
+    return text;
+}
+
+Phase Bench::process(size_t number, const Words &environment, double limit) {
+    const Process &one = scenario_.processes[number];
+    world().on(one.host);
+    for (const std::string &line : one.before) world_->host(line);
+    fs::remove(world_->exchange() / "agent");
+    return world_->try_phase(one.steps, limit, 2, environment);
+}
+
+void Bench::record() {
+    world();
+    const auto begin = std::chrono::steady_clock::now();
+    for (size_t i = 0; i < scenario_.processes.size(); ++i) {
+        const Phase phase = process(i, agent_environment("record " + kind_), record_limit);
+        if (!succeeded(phase)) {
+            throw std::runtime_error(scenario_.name + "/" + scenario_.processes[i].name +
+                                     " fails without a fault: " + told(phase));
+        }
+        sites_.emplace_back();
+        for (const std::string &line : lines_of(world_->exchange() / "agent")) {
+            if (line.starts_with("site ")) sites_.back().push_back(read_site(line));
+        }
+    }
+    seconds_ = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+    settle();
+    if (const std::string after = whole_picture(); after != before_) {
+        throw std::runtime_error(scenario_.name + " changes its world without a fault:\n" +
+                                 before_ + "---\n" + after);
+    }
+}
+
+const std::vector<Site> &Bench::sites(size_t process) {
+    if (sites_.empty()) record();
+    return sites_.at(process);
+}
+
+Outcome Bench::run(size_t number, const Plan &plan, const Checks &checks) {
+    Outcome outcome;
+    world();
+    for (size_t i = 0; i < number; ++i) {
+        if (const Phase before = process(i, {}, record_limit); !succeeded(before)) {
+            throw std::runtime_error("before the fault: " + told(before));
+        }
+    }
+    outcome.faulted = process(number, agent_environment(plan.text()), checks.limit);
+    for (const std::string &line : lines_of(world_->exchange() / "agent")) {
+        outcome.fired = outcome.fired || line.starts_with("met ");
+        if (!line.starts_with("site ")) outcome.notes.push_back(line);
+    }
+    look(plan, checks, &outcome);
+    finish(number, &outcome);
+    if (!outcome.wrong.empty()) renew();
+    return outcome;
+}
+
+// What the faulted process itself has to hold to.
+void Bench::look(const Plan &plan, const Checks &checks, Outcome *outcome) {
+    const Phase &faulted = outcome->faulted;
+    const bool ended_by_agent =
+        checks.may_be_killed || plan.fate.starts_with("kill") ||
+        std::find(outcome->notes.begin(), outcome->notes.end(), "waits") != outcome->notes.end();
+    if (!outcome->fired) outcome->wrong.push_back("the call was not reached");
+    if (faulted.status > 128) outcome->killed_by = faulted.status - 128;
+    if (faulted.status != 0 && !(ended_by_agent && outcome->killed_by == SIGKILL)) {
+        outcome->wrong.push_back("the process ended with " + told(faulted));
+    }
+    for (const Call &call : faulted.calls) {
+        for (const std::string &what : call.changed) {
+            outcome->wrong.push_back(call.step + " changed " + what);
+        }
+        if (call.status != 0 && (call.errmsg.empty() || call.errmsg != call.logmsg)) {
+            outcome->wrong.push_back(call.step + " failed with the messages \"" + call.errmsg +
+                                     "\" and \"" + call.logmsg + "\"");
+        }
+    }
+    world_->on(scenario_.processes.front().host);
+    outcome->left = world_->host(
+        "printf 'pairs'; tfarray show --json | tr ',{}' '\\n' | sed -n 's/^ *\"state\": *//p' |"
+        " tr '\\n' ' ' | sed 's/^/ /;s/ $//'; printf '; locks %s; captures %s; mounts %s'"
+        " $(ls -A /usr/quill/tessera/online_util/db_cntl 2>/dev/null | wc -l)"
+        " $(ls -A /tmp | wc -l) $(grep -c ' /copy' /proc/self/mounts)");
+}
+
+// The same again without a fault unless it succeeded all the same, the rest, and the world as it
+// was.
+void Bench::finish(size_t number, Outcome *outcome) {
+    const size_t first = succeeded(outcome->faulted) ? number + 1 : number;
+    for (size_t i = first; i < scenario_.processes.size(); ++i) {
+        const Phase again = process(i, {}, record_limit);
+        if (succeeded(again)) continue;
+        outcome->wrong.push_back(scenario_.processes[i].name +
+                                 (i == number ? " again" : " after it") + ": " + told(again));
+        return;
+    }
+    settle();
+    if (const std::string after = whole_picture(); after != before_) {
+        outcome->wrong.push_back("the world is another one:\n" + before_ + "---\n" + after);
+    }
+}
+
+}  // namespace proof
