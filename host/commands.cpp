@@ -17,6 +17,7 @@ using tessera::Mounted;
 
 // Exit statuses as the programs themselves define them.
 constexpr int usage_error = 1;       // mount, umount: incorrect invocation
+constexpr int system_error = 2;      // mount
 constexpr int mount_failure = 32;    // mount
 constexpr int errors_corrected = 1;  // fsck
 constexpr int check_failure = 8;     // fsck: operational error
@@ -84,8 +85,13 @@ int Q_mount(const char *block, const char *dir, const char *fstype, int flags,
         }
         // The kernel would mount the device a second time; a copy that is mounted elsewhere is in
         // somebody's use, and whoever ends that use would not know of this one.
+        char line[message_size];
+        if (where == Mounted::unknown) {
+            Q_snprintf(line, sizeof line, "mount: %s: cannot tell whether %s is mounted.\n", dir,
+                       block);
+            return refuse(options, system_error, line);
+        }
         if (where == Mounted::elsewhere) {
-            char line[message_size];
             Q_snprintf(line, sizeof line, "mount: %s: %s already mounted on %s.\n", dir, block,
                        found);
             return refuse(options, mount_failure, line);
@@ -124,8 +130,12 @@ int Q_fsck(const char *device, const char *fstype, int flags, Q_sys_cmd_exec_opt
     if (tessera::block_device_number(device, &number)) {
         char found[tessera::directory_size];
         const Mounted where = tessera::find_mount(number, nullptr, found);
+        char line[message_size];
+        if (where == Mounted::unknown) {
+            Q_snprintf(line, sizeof line, "fsck: cannot tell whether %s is mounted.\n", device);
+            return refuse(options, check_failure, line);
+        }
         if (where == Mounted::elsewhere || is_held(device)) {
-            char line[message_size];
             Q_snprintf(line, sizeof line, "fsck: %s is mounted or in use.\n", device);
             return refuse(options, check_failure, line);
         }

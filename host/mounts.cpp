@@ -76,7 +76,8 @@ Mounted find_mount(dev_t device, const char *dir, char (&found)[directory_size])
             return Mounted::here;
         }
     }
-    return answer;
+    // A table that broke off may have gone on with the very line that was looked for.
+    return feof(table.get()) != 0 ? answer : Mounted::unknown;
 }
 
 bool block_device_number(const char *path, dev_t *device) {

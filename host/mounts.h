@@ -9,7 +9,7 @@ enum class Mounted {
     nowhere,    // no mount of the device is visible
     here,       // what the directory shows is the device's own root
     elsewhere,  // it is mounted on another directory, or hidden below another mount on this one
-    unknown     // the table cannot be read
+    unknown     // the table cannot be read to its end
 };
 
 // A directory of the table is at most this long.

@@ -1,11 +1,19 @@
 #include "method/file_system.h"
 
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstring>
 
 #include "method/capture.h"
 #include "method/report.h"
 
 namespace tf {
+
+bool path_exists(const char *path) {
+    if (access(path, F_OK) == 0) return true;
+    return errno != ENOENT && errno != ENOTDIR && errno != ELOOP && errno != ENAMETOOLONG;
+}
 
 int32_t check_file_system(const hdef *h, const char *reporter, const char *device,
                           const char *fstype) {

@@ -57,9 +57,11 @@ FILE *open_regular(const char *name) {
     FILE *const file = open_for_reading(name);
     if (file == nullptr) return nullptr;
     struct stat status = {};
-    if (fstat(fileno(file), &status) == 0 && S_ISREG(status.st_mode)) return file;
+    const bool known = fstat(fileno(file), &status) == 0;
+    if (known && S_ISREG(status.st_mode)) return file;
+    const int error = known ? EINVAL : errno;
     fclose(file);
-    errno = EINVAL;
+    errno = error;
     return nullptr;
 }
 

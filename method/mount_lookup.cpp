@@ -3,6 +3,7 @@
 #include <mntent.h>
 #include <sys/stat.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -131,6 +132,8 @@ class MountTable {
 
     explicit operator bool() const { return stream_ != nullptr; }
     const mntent *next() { return getmntent(stream_); }
+    // Whether the last line was read. The table may break off, and getmntent ends alike.
+    bool read_to_the_end() const { return feof(stream_) != 0; }
 
   private:
     FILE *stream_;
@@ -172,6 +175,8 @@ int32_t read_table(uint64_t dev, const MountAnswer &answer) {
     while (const mntent *entry = table.next()) {
         if (take_entry(*entry, dev, answer)) found = true;
     }
+    // What was not read would count as not mounted for the rest of the process.
+    if (!table.read_to_the_end()) mnttab_cached = 0;
     if (found) return tf::success;
     return tf::fail(tf::ErrorNumber::operation, tf::msg::cannot_find_mount_point, devtomp_reporter,
                     dev);

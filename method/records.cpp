@@ -1,5 +1,7 @@
 #include "method/records.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -182,6 +184,10 @@ void free_devices(prim_mir_info *first) {
 
 void free_hdef(hdef *h) {
     if (h == nullptr) return;
+    // Operations remove the capture files of a record that has both; where only one name could be
+    // had, that file stays until here.
+    if (h->out_file == nullptr && h->err_file != nullptr) unlink(h->err_file);
+    if (h->err_file == nullptr && h->out_file != nullptr) unlink(h->out_file);
     free_devices(h->pminfo_list);
     free(h->out_file);
     free(h->err_file);

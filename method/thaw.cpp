@@ -1,5 +1,3 @@
-#include <unistd.h>
-
 #include <cstring>
 
 #include "method/capture.h"
@@ -43,7 +41,7 @@ bool is_mounted_on_its_mount_point(const hdef *h) {
 // A record made by this process knows that it mounted the copy; a rebuilt one has only been told.
 bool copy_is_mounted(const hdef *h) {
     if (h->object_type != TF_OBJECT_FILE_SYSTEM || h->is_mount != 1) return false;
-    if (access(h->mount_point, F_OK) != 0) return false;
+    if (!tf::path_exists(h->mount_point)) return false;
     return h->is_rebuilt == 0 || is_mounted_on_its_mount_point(h);
 }
 

@@ -47,7 +47,7 @@ int32_t check_arguments(const hdef *h, const char *volpath, int32_t *nvols) {
 
 // The site's own hook; most sites have none.
 bool has_site_script() {
-    return access(path::clone_script, F_OK) == 0;
+    return tf::path_exists(path::clone_script);
 }
 
 int32_t change_owner(const char *device, int32_t uid, int32_t gid) {

@@ -279,6 +279,38 @@ TEST_F(FileSystem, check_of_a_device_that_another_process_holds_fails_needs_root
     EXPECT_EQ(Q_fsck(device.path().c_str(), "xfs", 0, nullptr), 0);
 }
 
+// A device of unknown state may be in use: nothing is run on it.
+TEST_F(FileSystem, nothing_is_run_without_the_table_of_mounts_needs_root) {
+    SKIP_WITHOUT_ROOT();
+    const test::LoopDevice device(16 * megabyte);
+    make_ext4(device);
+    ASSERT_EQ(shell("mount -t tmpfs none /proc"), 0);
+    Call mounting;
+    EXPECT_NE(Q_mount(device.path().c_str(), copy_dir, "ext4", 0, &mounting.options), 0);
+    EXPECT_EQ(mounting.options.exit_status, 2);
+    EXPECT_EQ(mounting.said(),
+              "mount: /mnt/copy: cannot tell whether " + device.path() + " is mounted.\n");
+    Call checking;
+    EXPECT_NE(Q_fsck(device.path().c_str(), "ext4", 0, &checking.options), 0);
+    EXPECT_EQ(checking.options.exit_status, 8);
+    EXPECT_EQ(checking.said(), "fsck: cannot tell whether " + device.path() + " is mounted.\n");
+    ASSERT_EQ(umount("/proc"), 0);
+    EXPECT_EQ(mount_copy(device), 0);
+}
+
+TEST_F(FileSystem, table_of_mounts_that_breaks_off_is_as_good_as_none_needs_root) {
+    SKIP_WITHOUT_ROOT();
+    const test::LoopDevice device(16 * megabyte);
+    make_ext4(device);
+    // Reading it gives an error from the first byte on.
+    ASSERT_EQ(shell("mount -t tmpfs none /proc && mkdir /proc/self /proc/self/mountinfo"), 0);
+    Call call;
+    EXPECT_NE(Q_mount(device.path().c_str(), copy_dir, "ext4", 0, &call.options), 0);
+    EXPECT_EQ(call.options.exit_status, 2);
+    ASSERT_EQ(umount("/proc"), 0);
+    EXPECT_FALSE(is_mounted_on(copy_dir));
+}
+
 TEST_F(FileSystem, names_that_are_no_device_paths_run_nothing) {
     Call call;
     for (const char *name : {"", "UUID=1234", "LABEL=x", "-a", "relative"}) {

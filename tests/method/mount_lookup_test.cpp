@@ -301,6 +301,17 @@ TEST_F(MountLookup, without_memory_for_an_entry_the_table_is_read_again_next_tim
     EXPECT_EQ(lookup("/dev"), "0 /dev/two qzfs /dev");
 }
 
+TEST_F(MountLookup, a_table_that_breaks_off_is_read_again_next_time) {
+    unlink("/etc/mtab");
+    test::make_folders("/etc/mtab");
+    EXPECT_EQ(lookup("/tmp"), "11");
+    EXPECT_EQ(mnttab_cached, 0);
+    ASSERT_EQ(rmdir("/etc/mtab"), 0);
+    test::write_mount_table("/dev/one /tmp ext4 rw 0 0\n");
+    EXPECT_EQ(lookup("/tmp"), "0 /dev/one ext4 /tmp");
+    EXPECT_EQ(mnttab_cached, 1);
+}
+
 TEST_F(MountLookup, the_cache_is_freed_when_the_library_is_unloaded) {
     test::write_mount_table("/dev/one /tmp ext4 rw 0 0\n/dev/two /dev qzfs rw 0 0\n");
     EXPECT_EQ(lookup("/tmp"), "0 /dev/one ext4 /tmp");

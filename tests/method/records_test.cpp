@@ -112,6 +112,16 @@ TEST_F(Records, a_group_name_of_full_length_is_kept_whole) {
     EXPECT_EQ(std::string(DG_LIST->dg_name), name);
 }
 
+TEST_F(Records, capture_file_without_its_twin_goes_with_the_record) {
+    for (const bool has_output : {true, false}) {
+        auto *const h = tf::make_zeroed<hdef>();
+        (has_output ? h->out_file : h->err_file) = strdup("/tmp/QfMStest");
+        test::write_file("/tmp/QfMStest", "");
+        tf::free_hdef(h);
+        EXPECT_FALSE(test::exists("/tmp/QfMStest"));
+    }
+}
+
 TEST_F(Records, no_memory_for_a_group_is_reported_at_line_319) {
     hdef *const h = object("DG", 1);
     fail_allocation(1);

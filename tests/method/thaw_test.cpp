@@ -1,6 +1,9 @@
 #include <unistd.h>
 
+#include <cerrno>
+
 #include "tests/method/release_fixture.h"
+#include "tests/support/system_faults.h"
 
 namespace {
 
@@ -82,6 +85,13 @@ TEST_F(Thaw, mount_point_that_is_gone_is_not_unmounted_but_the_group_is_released
     EXPECT_EQ(test::fake_host().calls, test::Lines{});
     EXPECT_EQ(commands(), (test::Lines{"/usr/sbin/qzdg list datadg_clone",
                                        "/usr/sbin/qzdg -n datadg deport datadg_clone"}));
+}
+
+TEST_F(Thaw, mount_point_that_cannot_be_looked_at_is_unmounted) {
+    hdef *h = new_mounted("/var");
+    const test::SystemFault fault("access", 1, EIO);
+    EXPECT_EQ(TimeFinder_thaw(h), 0);
+    EXPECT_EQ(test::fake_host().calls, test::Lines{"umount /var 0"});
 }
 
 // A failed unmount leaves everything for the next try.

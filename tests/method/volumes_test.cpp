@@ -1,7 +1,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+
 #include "tests/method/release_fixture.h"
+#include "tests/support/system_faults.h"
 
 namespace {
 
@@ -120,6 +123,16 @@ TEST_F(Volumes, site_script_sees_a_plain_device_before_its_owners_change_needs_r
     EXPECT_EQ(path[0], 'x');
     EXPECT_TRUE(has_capture_files(h));
     EXPECT_TRUE(test::exists("/tmp/EMCTXtest"));
+}
+
+// To pass over a hook that is there would hand the backup a device that the site has not prepared.
+TEST_F(Volumes, site_script_that_cannot_be_looked_at_is_run_needs_root) {
+    if (!test::is_real_root()) GTEST_SKIP() << "chown needs the machine's root";
+    hdef *h = new_mirrored_device();
+    const test::SystemFault fault("access", 1, EIO);
+    EXPECT_EQ(volumes(h), 11);
+    EXPECT_EQ(commands().size(), 0U);
+    EXPECT_EQ(errnum, 3);
 }
 
 TEST_F(Volumes, failed_owner_change_of_the_raw_path_still_changes_the_block_path_needs_root) {

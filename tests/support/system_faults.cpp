@@ -28,6 +28,8 @@ pid_t __wrap_getpgid(pid_t pid);
 pid_t __wrap_getpid();
 int __wrap_system(const char *command);
 int __wrap_close(int fd);
+int __real_access(const char *path, int mode);
+int __wrap_access(const char *path, int mode);
 }
 
 namespace {
@@ -111,6 +113,9 @@ pid_t __wrap_getpid() {
 int __wrap_system(const char *command) {
     if (command_line_action != nullptr) command_line_action(command);
     return answered("system") ? static_cast<int>(fault.result) : __real_system(command);
+}
+int __wrap_access(const char *path, int mode) {
+    return answered("access") ? static_cast<int>(fault.result) : __real_access(path, mode);
 }
 int __wrap_close(int fd) {
     if (close_action != nullptr) close_action(fd);

@@ -1,5 +1,5 @@
 // System calls of the code under test that fail or fall short on demand: read, write, lseek,
-// ftruncate, unlink, fcntl, getpgid, getpid and system.
+// ftruncate, unlink, fcntl, getpgid, getpid, access and system.
 #pragma once
 
 #include <string>

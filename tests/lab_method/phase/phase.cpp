@@ -13,6 +13,14 @@
 //                                 object, and no further step
 //   or_stop                       when the call before failed: no further step
 //   run COMMAND                   a line for the shell, while this process is alive
+//   init NUMBER LOGMSG ERRMSG | set_logf SINK LEVEL | set_locale MESSAGES LOGGING | query
+//   freeze_with CONFIG SOURCE FIFS NVOLS FLAG HANDLE | ckpt_with TEXT | rebuild_with HANDLE TEXT |
+//   volumes_with VOLPATH NVOLS    an entry point with these arguments: "null" is a null pointer, a
+//                                 place that the method writes to is otherwise this process's own
+//   foreign_handle                a handle that no call gave, to see who writes it
+//   whole_record                  tells all that the object's record and its devices hold
+//   parse OPTIONS TEXT            the configuration parser by itself (see parse.h)
+// As the first step, "bare" leaves out the calls that a framework begins with.
 //
 // REPORT gets a line "KEY VALUE" for everything seen, texts with \n for a newline: "log" for each
 // line of the log, then of each call "step", "status", "number", "handle", "errmsg" and "logmsg";
@@ -25,9 +33,12 @@
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <utility>
 
 #include "include/records.h"
 #include "include/timefinder.h"
+#include "tests/lab_method/phase/parse.h"
+#include "tests/lab_method/phase/record_fields.h"
 
 namespace {
 
@@ -57,13 +68,14 @@ void tell(const char *key, const std::string &text) {
 // The entry points as the framework finds them: by their names.
 class Method {
   public:
-    explicit Method(int32_t level) {
+    Method() {
         library_ = dlopen(method_path, RTLD_NOW | RTLD_LOCAL);
         if (library_ == nullptr) give_up(dlerror());
+    }
+    void begin(int32_t level) {
         entry<decltype(TimeFinder_init)>("TimeFinder_init")(&number_, logmsg_, errmsg_);
         entry<decltype(TimeFinder_set_locale)>("TimeFinder_set_locale")(nullptr, nullptr);
-        entry<decltype(TimeFinder_set_logf)>("TimeFinder_set_logf")(
-            [](const char *line) { tell("log", line); }, level);
+        entry<decltype(TimeFinder_set_logf)>("TimeFinder_set_logf")(log_line, level);
     }
 
     template <class Entry, class... Arguments>
@@ -124,6 +136,61 @@ class Method {
         tell("nvols", std::to_string(count));
     }
 
+    void init(bool number, bool logmsg, bool errmsg) {
+        step<decltype(TimeFinder_init)>("init", "TimeFinder_init", number ? &number_ : nullptr,
+                                        logmsg ? logmsg_ : nullptr, errmsg ? errmsg_ : nullptr);
+    }
+    void set_logf(bool sink, int32_t level) {
+        step<decltype(TimeFinder_set_logf)>("set_logf", "TimeFinder_set_logf",
+                                            sink ? log_line : nullptr, level);
+    }
+    void set_locale(const char *messages, const char *logging) {
+        step<decltype(TimeFinder_set_locale)>("set_locale", "TimeFinder_set_locale", messages,
+                                              logging);
+    }
+    void query() {
+        int32_t words[16];
+        memset(words, 0x5a, sizeof words);
+        step<decltype(TimeFinder_query)>("query", "TimeFinder_query", static_cast<void *>(words));
+        for (size_t i = 0; i < std::size(words); ++i) {
+            if (words[i] != 0x5a5a5a5a)
+                tell("field", std::to_string(i * sizeof words[0]) + "=" + std::to_string(words[i]));
+        }
+    }
+    void freeze_with(const char *config, const char *source, const char *fifs, bool nvols,
+                     int32_t flag, bool with_handle) {
+        int32_t volumes = -1;
+        step<decltype(TimeFinder_freeze)>("freeze", "TimeFinder_freeze", config, source, fifs,
+                                          nullptr, nvols ? &volumes : nullptr, flag,
+                                          with_handle ? &handle() : nullptr);
+        tell("nvols", std::to_string(volumes));
+    }
+    void ckpt_with(bool text) {
+        char *given = nullptr;
+        step<decltype(TimeFinder_ckpt)>("ckpt", "TimeFinder_ckpt", handle(),
+                                        text ? &given : nullptr);
+        free(given);
+    }
+    void rebuild_with(bool with_handle, const char *text) {
+        std::string writable = text == nullptr ? "" : text;
+        step<decltype(TimeFinder_rebuild)>("rebuild", "TimeFinder_rebuild",
+                                           with_handle ? &handle() : nullptr,
+                                           text == nullptr ? nullptr : writable.data());
+    }
+    void volumes_with(bool volpath, bool nvols) {
+        char path[TF_VOLPATH_SIZE] = "";
+        int32_t count = -1;
+        step<decltype(TimeFinder_volumes)>("volumes", "TimeFinder_volumes", handle(),
+                                           volpath ? path : nullptr, nvols ? &count : nullptr);
+    }
+    void foreign_handle() { handle() = &nobodys_; }
+    void whole_record();
+    void parse(const char *options, const char *text) const {
+        tell("step", "parse");
+        for (const auto &[key, value] : parse_result(library_, options, text))
+            tell(key.c_str(), value);
+    }
+
     void ctl(int32_t code) {
         step<decltype(TimeFinder_ctl)>("ctl", "TimeFinder_ctl", handle(), code);
     }
@@ -169,13 +236,23 @@ class Method {
         return reinterpret_cast<Entry *>(found);
     }
 
+    static void log_line(const char *line) { tell("log", line); }
+
     void *library_;
     int32_t number_ = no_number;
     char errmsg_[TF_MESSAGE_SIZE] = "", logmsg_[TF_MESSAGE_SIZE] = "";
     bool failed_ = false;
     size_t object_ = 0;
     hdef *handles_[most_objects] = {};
+    hdef nobodys_ = {};
 };
+
+void Method::whole_record() {
+    if (handle() == nullptr) give_up("there is no record");
+    tell("step", "whole_record");
+    tell("status", "0");
+    for (const std::string &field : fields_of(*handle())) tell("field", field);
+}
 
 // Takes the steps one after the other from the arguments.
 class Steps {
@@ -189,6 +266,12 @@ class Steps {
         if (!more()) give_up("an argument is missing");
         return *rest_++;
     }
+    // A text, or a null pointer where the word is "null".
+    const char *text() {
+        const char *word = next();
+        return strcmp(word, "null") == 0 ? nullptr : word;
+    }
+    bool given() { return text() != nullptr; }
 
   private:
     char **rest_;
@@ -199,14 +282,52 @@ void run_line(const char *line) {
     if (status != 0) give_up(std::string("failed: ") + line);
 }
 
+// The steps that give single arguments; false when it is none of them.
+bool take_with(const std::string &name, Method &method, Steps &steps) {
+    if (name == "init") {
+        const bool number = steps.given(), logmsg = steps.given();
+        method.init(number, logmsg, steps.given());
+    } else if (name == "set_logf") {
+        const bool sink = steps.given();
+        method.set_logf(sink, atoi(steps.next()));
+    } else if (name == "set_locale") {
+        const char *messages = steps.text();
+        method.set_locale(messages, steps.text());
+    } else if (name == "query") {
+        method.query();
+    } else if (name == "freeze_with") {
+        const char *config = steps.text(), *source = steps.text(), *fifs = steps.text();
+        const bool nvols = steps.given();
+        const int32_t flag = atoi(steps.next());
+        method.freeze_with(config, source, fifs, nvols, flag, steps.given());
+    } else if (name == "ckpt_with") {
+        method.ckpt_with(steps.given());
+    } else if (name == "rebuild_with") {
+        const bool handle = steps.given();
+        method.rebuild_with(handle, steps.text());
+    } else if (name == "volumes_with") {
+        const bool volpath = steps.given();
+        method.volumes_with(volpath, steps.given());
+    } else if (name == "parse") {
+        const char *options = steps.text();
+        method.parse(options, steps.text());
+    } else {
+        return false;
+    }
+    return true;
+}
+
 void take(Method &method, Steps &steps) {
     const std::string name = steps.next();
+    if (take_with(name, method, steps)) return;
     if (name == "freeze" || name == "freeze_no_wait") {
         const char *config = steps.next(), *source = steps.next();
         return method.freeze(config, source, steps.next(),
                              name == "freeze" ? TF_FREEZE_WAIT : TF_FREEZE_NO_WAIT);
     }
     if (name == "record") return method.record();
+    if (name == "whole_record") return method.whole_record();
+    if (name == "foreign_handle") return method.foreign_handle();
     if (name == "ctl") return method.ctl(atoi(steps.next()));
     if (name == "commit") return method.commit();
     if (name == "ckpt") return method.ckpt(steps.next());
@@ -234,8 +355,10 @@ int main(int argc, char **argv) {
     if (argc < 3) give_up("usage: tfphase REPORT LEVEL STEP...");
     report = fopen(argv[1], "we");
     if (report == nullptr) give_up(std::string("cannot write ") + argv[1]);
-    Method method(atoi(argv[2]));
-    Steps steps(argv + 3);
+    Method method;
+    const bool bare = argc > 3 && strcmp(argv[3], "bare") == 0;
+    if (!bare) method.begin(atoi(argv[2]));
+    Steps steps(argv + (bare ? 4 : 3));
     while (steps.more()) take(method, steps);
     return 0;
 }

@@ -1,0 +1,266 @@
+#include "conformance/contract.h"
+
+#include <algorithm>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <memory>
+#include <regex>
+#include <sstream>
+
+namespace conformance {
+
+namespace fs = std::filesystem;
+
+std::string library;
+
+namespace {
+
+constexpr char installed[] = "/usr/quill/tessera/lib/libtimefinder_fim.so";
+
+struct Kept {
+    std::unique_ptr<SharedWorld> world;
+    std::string picture;  // of the world as every case finds it
+    bool furnished = false;
+};
+
+std::map<std::string, Kept> &worlds() {
+    static std::map<std::string, Kept> all;
+    return all;
+}
+
+void end_world(const std::string &scenario) {
+    worlds()[scenario].world->close();
+    worlds().erase(scenario);
+}
+
+// Seconds of the array's clock in which every pair comes to rest.
+constexpr char time_to_rest[] = "clock advance 60";
+
+// What a red case shows of a text: of two long ones, the lines that differ.
+std::string part_to_show(const std::string &text, const std::string &other) {
+    std::string shown;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        if (("\n" + other + "\n").find("\n" + line + "\n") == std::string::npos)
+            shown += (shown.empty() ? "" : "\n          ") + line;
+    }
+    if (shown.empty()) shown = text;
+    return shown.size() <= 1200 ? shown : shown.substr(0, 1200) + "... (cut)";
+}
+
+std::string joined(const Words &lines) {
+    std::string text;
+    for (const std::string &line : lines) text += "\n    " + line;
+    return lines.empty() ? " nothing" : text;
+}
+
+}  // namespace
+
+void close_worlds() {
+    while (!worlds().empty()) end_world(worlds().begin()->first);
+}
+
+void Contract::contract(const std::string &text) {
+    RecordProperty("contract", text);
+}
+
+void Contract::furnish() {
+    world().mount_source();
+    world().synchronise();
+}
+
+void Contract::SetUp() {
+    Kept &kept = worlds()[scenario_];
+    if (kept.world == nullptr) {
+        kept.world = std::make_unique<SharedWorld>(scenario_, hosts_);
+        kept.world->open();
+    }
+    world_ = kept.world.get();
+    world_->on(hosts_.front());
+    if (!kept.furnished) {
+        if (!library.empty()) {
+            fs::copy_file(library, world_->exchange() / "library");
+            for (const std::string &name : hosts_) {
+                world_->on(name);
+                host(std::string("cp /exchange/library ") + installed);
+            }
+            world_->on(hosts_.front());
+        }
+        furnish();
+        kept.picture = world_->picture();
+        kept.furnished = !HasFailure();
+    }
+    for (const auto &entry : fs::directory_iterator(world_->exchange())) {
+        const std::string name = entry.path().filename();
+        if (name != "tfphase" && name != "library") fs::remove_all(entry);
+    }
+}
+
+void Contract::TearDown() {
+    world_->on(hosts_.front());
+    array(time_to_rest);
+    const std::string seen = world_->picture();
+    const std::string expected = worlds()[scenario_].picture;
+    is("the world after the case", expected, seen);
+    if (seen != expected) end_world(scenario_);
+}
+
+Phase Contract::run(const Words &steps, int level) {
+    Phase phase = world_->phase(steps, level);
+    is("what the process printed", "", phase.output);
+    return phase;
+}
+
+Phase Contract::run_with(const Words &first, const std::function<void()> &meanwhile,
+                         const Words &rest, int level) {
+    const Words wait =
+        shell("touch /exchange/here; while [ ! -e /exchange/go ]; do sleep 0.01; done");
+    const test::Running running = world_->begin_phase(first + wait + rest, level);
+    world_->wait_for_file("here");
+    meanwhile();
+    world_->make_file("go");
+    Phase phase = world_->end_phase(running);
+    is("what the process printed", "", phase.output);
+    return phase;
+}
+
+std::string Contract::file(const std::string &name) const {
+    std::ifstream in(world_->exchange() / name, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+void Contract::write_file(const std::string &name, const std::string &text) const {
+    std::ofstream(world_->exchange() / name, std::ios::binary) << text;
+}
+
+void Contract::has_line(const std::string &name, const std::string &line) const {
+    const std::string text = file(name);
+    if (("\n" + text).find("\n" + line + "\n") != std::string::npos) return;
+    ADD_FAILURE() << "text " << name << "\nexpected: a line " << line << "\nseen:     " << text;
+}
+
+Words operator+(Words left, const Words &right) {
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+
+Words freeze(const std::string &config, const std::string &source, const std::string &fifs) {
+    return {"freeze", config, source, fifs};
+}
+Words freeze_no_wait(const std::string &source) {
+    return {"freeze_no_wait", "-", source, "/copy"};
+}
+Words freeze_with(const std::string &config, const std::string &source, const std::string &fifs,
+                  const std::string &nvols, const std::string &flag, const std::string &handle) {
+    return {"freeze_with", config, source, fifs, nvols, flag, handle};
+}
+Words commit() {
+    return {"commit"};
+}
+Words ctl(int32_t code) {
+    return {"ctl", std::to_string(code)};
+}
+Words ckpt(const std::string &name) {
+    return {"ckpt", "/exchange/" + name};
+}
+Words rebuild(const std::string &name) {
+    return {"rebuild", "/exchange/" + name};
+}
+Words volumes() {
+    return {"volumes"};
+}
+Words thaw() {
+    return {"thaw"};
+}
+Words thaw_commit() {
+    return {"thaw_commit"};
+}
+Words release() {
+    return {"thaw", "thaw_commit"};
+}
+Words object(int number) {
+    return {"object", std::to_string(number)};
+}
+Words no_object() {
+    return {"object", "15"};
+}
+Words record() {
+    return {"whole_record"};
+}
+Words shell(const std::string &line) {
+    return {"run", line};
+}
+
+void is(const std::string &what, const std::string &expected, const std::string &seen) {
+    if (expected == seen) return;
+    ADD_FAILURE() << what << "\nexpected: " << part_to_show(expected, seen)
+                  << "\nseen:     " << part_to_show(seen, expected);
+}
+
+void is(const std::string &what, int64_t expected, int64_t seen) {
+    is(what, std::to_string(expected), std::to_string(seen));
+}
+
+void succeeds(const Call &call) {
+    if (call.status == 0) return;
+    ADD_FAILURE() << "status of " << call.step << "\nexpected: 0\nseen:     " << call.status
+                  << " with \"" << call.errmsg << "\"\nits log:" << joined(call.log);
+}
+
+void all_succeed(const Phase &phase) {
+    for (const Call &call : phase.calls) succeeds(call);
+}
+
+void fails(const Call &call, int number, const std::string &text, int status) {
+    is("status of " + call.step, status, call.status);
+    is("error number of " + call.step, number, call.number);
+    is("message of " + call.step + " for the user", text, call.errmsg);
+    is("message of " + call.step + " for the log", text, call.logmsg);
+}
+
+void fails_beginning(const Call &call, int number, const std::string &text, int status) {
+    is("status of " + call.step, status, call.status);
+    is("error number of " + call.step, number, call.number);
+    is("begin of the message of " + call.step, text, call.errmsg.substr(0, text.size()));
+    is("message of " + call.step + " for the log", call.errmsg, call.logmsg);
+}
+
+void handle_is(const Call &call, bool set) {
+    is("handle after " + call.step, set ? "set" : "null", call.handle ? "set" : "null");
+}
+
+Words fixed_names(const Words &lines) {
+    static const std::regex temporary("/tmp/(QfMS|EMCT[XF])[A-Za-z0-9]{6}");
+    Words fixed;
+    for (const std::string &line : lines)
+        fixed.push_back(std::regex_replace(line, temporary, "/tmp/$1??????"));
+    return fixed;
+}
+
+void logs(const Call &call, const std::string &line) {
+    const Words lines = fixed_names(call.log);
+    if (std::find(lines.begin(), lines.end(), line) != lines.end()) return;
+    ADD_FAILURE() << "log of " << call.step << "\nexpected: " << line
+                  << "\nseen:    " << joined(lines);
+}
+
+void logs_not(const Call &call, const std::string &part) {
+    if (!call.logged_part(part)) return;
+    ADD_FAILURE() << "log of " << call.step << "\nexpected: no line with " << part
+                  << "\nseen:    " << joined(call.log);
+}
+
+void log_is(const Call &call, const Words &lines) {
+    is("log of " + call.step, joined(lines), joined(fixed_names(call.log)));
+}
+
+void field_is(const Call &call, const std::string &name, const std::string &value, size_t n) {
+    for (const std::string &field : call.fields) {
+        if (field.compare(0, name.size() + 1, name + "=") != 0 || n-- != 0) continue;
+        return is("field " + name, value, field.substr(name.size() + 1));
+    }
+    ADD_FAILURE() << "field " << name << "\nexpected: " << value << "\nseen:     no such field";
+}
+
+}  // namespace conformance
