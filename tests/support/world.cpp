@@ -34,10 +34,24 @@ void World::TearDown() {
     stop();
 }
 
+Phase World::end_phase(const Running &running, int expected_status) {
+    Phase result = LabWorld::end_phase(running, expected_status);
+    for (const Call &call : result.calls) {
+        for (const std::string &what : call.changed) {
+            ADD_FAILURE() << call.step << " changed the process that called it: " << what;
+        }
+    }
+    return result;
+}
+
+Phase World::phase(const Words &steps, int level, const Words &environment) {
+    return end_phase(begin_phase(steps, level, environment));
+}
+
 void World::expect_a_snapshot_succeeds(const std::string &source) {
-    const Phase good =
-        phase({"freeze", "-", source, "/copy", "ctl", "4", "commit", "thaw", "thaw_commit"});
-    EXPECT_EQ(good.calls.size(), 5U);
+    const Phase good = phase(
+        {"freeze", "-", source, "/copy", "ctl", "4", "commit", "thaw", "thaw_commit", "close"});
+    EXPECT_EQ(good.calls.size(), 6U);
     for (const Call &call : good.calls) {
         expect_success(call);
         EXPECT_EQ(call.number, -1) << call.step << ": " << call.errmsg;

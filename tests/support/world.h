@@ -18,8 +18,12 @@ class World : public testing::Test, protected LabWorld {
     void SetUp() override;
     void TearDown() override;
 
-    // Freeze, control code 4, commit, thaw and thaw commit in a new process, all of which succeed
-    // and leave nothing but the synchronised pair.
+    // As in a LabWorld; the case fails when a call changed anything of the process that made it.
+    Phase phase(const Words &steps, int level = 2, const Words &environment = {});
+    Phase end_phase(const Running &running, int expected_status = 0);
+
+    // Freeze, control code 4, commit, thaw, thaw commit and unloading in a new process, all of
+    // which succeed and leave nothing but the synchronised pair.
     void expect_a_snapshot_succeeds(const std::string &source = "/data");
 };
 

@@ -1,12 +1,26 @@
 #include "lab/array/transport/wire.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 namespace lab {
+namespace {
+
+// In a process that runs without a standard stream, what anybody prints must not become a request.
+int above_standard_streams(int fd) {
+    if (fd < 0 || fd > STDERR_FILENO) return fd;
+    const int copy = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    const int reason = errno;
+    close(fd);
+    errno = reason;
+    return copy;
+}
+
+}  // namespace
 
 int connect_to(const char *path) {
     struct sockaddr_un address = {};
@@ -17,7 +31,7 @@ int connect_to(const char *path) {
         return -1;
     }
     memcpy(address.sun_path, path, length);
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int fd = above_standard_streams(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (fd < 0) return -1;
     int answer = 0;
     do {

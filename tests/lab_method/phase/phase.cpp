@@ -13,6 +13,7 @@
 //                                 object, and no further step
 //   or_stop                       when the call before failed: no further step
 //   run COMMAND                   a line for the shell, while this process is alive
+//   close                         unloads the library; the last step. Status 0 when it is gone
 //   init NUMBER LOGMSG ERRMSG | set_logf SINK LEVEL | set_locale MESSAGES LOGGING | query
 //   freeze_with CONFIG SOURCE FIFS NVOLS FLAG HANDLE | ckpt_with TEXT | rebuild_with HANDLE TEXT |
 //   volumes_with VOLPATH NVOLS    an entry point with these arguments: "null" is a null pointer, a
@@ -24,7 +25,9 @@
 //
 // REPORT gets a line "KEY VALUE" for everything seen, texts with \n for a newline: "log" for each
 // line of the log, then of each call "step", "status", "number", "handle", "errmsg" and "logmsg";
-// of "record" a line "field NAME=VALUE" for each field.
+// of "record" a line "field NAME=VALUE" for each field. A line "changed WHAT" tells what a call has
+// changed of this process: signals, directory, descriptors and the like; of "close", against the
+// process before it loaded the library.
 #include <dlfcn.h>
 
 #include <cstdio>
@@ -37,6 +40,7 @@
 
 #include "include/records.h"
 #include "include/timefinder.h"
+#include "tests/lab_method/phase/host_state.h"
 #include "tests/lab_method/phase/parse.h"
 #include "tests/lab_method/phase/record_fields.h"
 
@@ -82,7 +86,10 @@ class Method {
     void step(const char *name, const char *symbol, Arguments... arguments) {
         number_ = no_number;
         errmsg_[0] = logmsg_[0] = '\0';
-        const int32_t status = entry<Entry>(symbol)(arguments...);
+        Entry *const call = entry<Entry>(symbol);
+        const phase::HostState before;
+        const int32_t status = call(arguments...);
+        const auto changes = before.changes(phase::HostState());
         failed_ = status != 0;
         tell("step", name);
         tell("status", std::to_string(status));
@@ -90,6 +97,7 @@ class Method {
         tell("handle", handle() != nullptr ? "1" : "0");
         tell("errmsg", errmsg_);
         tell("logmsg", logmsg_);
+        for (const std::string &change : changes) tell("changed", change);
     }
 
     void freeze(const char *config, const char *source, const char *fifs, int32_t flag) {
@@ -212,6 +220,19 @@ class Method {
         thaw_commit();
     }
 
+    void close() {
+        dlclose(library_);
+        library_ = nullptr;
+        tell("step", "close");
+        tell("status", is_mapped("libtimefinder_fim") ? "1" : "0");
+        // The preload that makes sleeping short keeps a connection of its own.
+        const char *const preload = getenv("LD_PRELOAD");
+        const size_t own = preload != nullptr && strstr(preload, "tflabsleep") != nullptr ? 1 : 0;
+        for (const std::string &change : before_load_.changes(phase::HostState(), own)) {
+            tell("changed", change);
+        }
+    }
+
     bool failed() const { return failed_; }
 
     // Whether the steps end here.
@@ -229,6 +250,14 @@ class Method {
   private:
     hdef *&handle() { return handles_[object_]; }
 
+    static bool is_mapped(const char *library) {
+        std::ifstream maps("/proc/self/maps");
+        for (std::string line; std::getline(maps, line);) {
+            if (line.find(library) != std::string::npos) return true;
+        }
+        return false;
+    }
+
     template <class Entry>
     Entry *entry(const char *symbol) const {
         void *found = dlsym(library_, symbol);
@@ -238,6 +267,7 @@ class Method {
 
     static void log_line(const char *line) { tell("log", line); }
 
+    const phase::HostState before_load_;
     void *library_;
     int32_t number_ = no_number;
     char errmsg_[TF_MESSAGE_SIZE] = "", logmsg_[TF_MESSAGE_SIZE] = "";
@@ -337,6 +367,7 @@ void take(Method &method, Steps &steps) {
     if (name == "thaw_commit") return method.thaw_commit();
     if (name == "object") return method.object(atoi(steps.next()));
     if (name == "rollback") return method.rollback();
+    if (name == "close") return method.close();
     if (name == "or_give_up") {
         if (method.or_give_up()) steps.end();
         return;
