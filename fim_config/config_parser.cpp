@@ -213,7 +213,7 @@ int32_t store_pair(const Parse &parse, Pair pair) {
     if (pair.value == nullptr) {
         fcp::report("%s: No value for keyword '%s' in config string: %s", parser_name, keyword,
                     parse.text);
-        return parse.options.allow_empty_value != 0 ? 0 : QFM_FCP_EMPTY_VALUE;
+        return 0;  // the tokenizer lets it through only where an empty value is allowed
     }
     if (entry->type == fcp::type_string) {
         store_text(parse, entry, std::move(pair.value));
@@ -283,7 +283,8 @@ int32_t qfm_fcp_next(qfm_fcp_context *context, char **keyword, char **value) {
     OwnedText text = take_pair(context);
     if (text == nullptr) return QFM_FCP_NO_MEMORY;
     if (context->options.trim_blanks != 0) trim(text.get());
-    if (text.get()[0] == '\0' && context->options.allow_empty_pairs == 0) {
+    // Where empty pairs are allowed they were skipped before.
+    if (text.get()[0] == '\0') {
         fcp::report("%s: Empty pair: '%s'", tokenizer_name, rest);
         return QFM_FCP_EMPTY_PAIR;
     }

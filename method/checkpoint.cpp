@@ -69,24 +69,17 @@ constexpr Field pminfo_fields[] = {
 #undef TF_PMINFO_INTEGER
 #undef TF_PMINFO_TEXT
 
-// A registration that fails leaves its message in the table and is passed over: the table answers 0
-// or 1, and only a negative answer would count here. Frameworks hold texts that were written under
-// this rule; a checkpoint that failed instead would lose the whole state for one line of it.
-bool refused(uint32_t status) {
-    return static_cast<int32_t>(status) < 0;
-}
-
+// A registration that fails leaves its message in the table and is passed over. Frameworks hold
+// texts that were written under this rule; a checkpoint that failed instead would lose the whole
+// state for one line of it.
 template <size_t N>
-int32_t add_fields(convert_table *table, const Field (&fields)[N], void *record,
-                   convert_function conv_func) {
-    int32_t status = 0;
+void add_fields(convert_table *table, const Field (&fields)[N], void *record,
+                convert_function conv_func) {
     for (const Field &field : fields) {
         void *const value = static_cast<char *>(record) + field.offset;
-        if (refused(convert_add_ent(table, field.key, value, field.size, field.type, conv_func))) {
-            status = 1;
-        }
+        static_cast<void>(
+            convert_add_ent(table, field.key, value, field.size, field.type, conv_func));
     }
-    return status;
 }
 
 // A line whose value is no field. The table only reads it: markers are registered for writing.
@@ -159,15 +152,14 @@ int32_t ConversionTable::open(const char *opener) {
     return fail(ErrorNumber::limit, msg::convert_open_memory, opener);
 }
 
-int32_t build_table_owners(convert_table *table, prim_mir_info *pm) {
-    return add_fields(table, owner_fields, pm, nullptr);
+void build_table_owners(convert_table *table, prim_mir_info *pm) {
+    add_fields(table, owner_fields, pm, nullptr);
 }
 
 }  // namespace tf
 
 int32_t build_table_hdef(convert_table *table, hdef *h) {
-    const int32_t registered = add_fields(table, hdef_fields, h, nullptr);
-    if (registered != 0) return registered;
+    add_fields(table, hdef_fields, h, nullptr);
     if (h->is_vol == 0 || h->transfer_file[0] == '\0') return tf::success;
     if (h->is_rebuilt != 0) return tf::success;
     dg_entry *dg = dg_find(h->vol_group);
@@ -186,7 +178,8 @@ int32_t build_table_hdef(convert_table *table, hdef *h) {
 }
 
 int32_t build_table_pminfo(convert_table *table, prim_mir_info *pm, convert_function conv_func) {
-    return add_fields(table, pminfo_fields, pm, conv_func);
+    add_fields(table, pminfo_fields, pm, conv_func);
+    return tf::success;
 }
 
 int32_t TimeFinder_ckpt(hdef *fih, char **text) {

@@ -45,7 +45,7 @@ class ConversionTable {
     convert_table *table_ = nullptr;
 };
 
-// Registers the four owner ids of the first device record. Returns 0.
-int32_t build_table_owners(convert_table *table, prim_mir_info *pm);
+// Registers the four owner ids of the first device record.
+void build_table_owners(convert_table *table, prim_mir_info *pm);
 
 }  // namespace tf

@@ -14,7 +14,7 @@ bool is_usable_native_path(const char *path) {
 }
 
 const char *usable_port(const SymDevice &device) {
-    for (int32_t i = 0; i < device.port_count && i < SYM_MAX_PORTS; ++i) {
+    for (int32_t i = 0; i < device.port_count; ++i) {
         const char *const port = device.ports[i];
         if (port[0] == '\0') continue;
         log_trace("\talternate port=%s", port);

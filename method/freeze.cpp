@@ -41,7 +41,7 @@ int32_t check_arguments(const char *config, const char *fifs, int32_t *nvols, in
 }
 
 // From here on the object needs the array session; freeze commit counts down again.
-int32_t count_client() {
+int32_t count_client(tf::Freeze &) {
     ++client_count;
     return tf::success;
 }
@@ -59,14 +59,21 @@ int32_t give_up(tf::Freeze &f) {
 }
 
 bool find_devices(tf::Freeze &f) {
-    return tf::describe_object(f) == tf::success &&   // transfer file, host, source
-           tf::read_config(f) == tf::success &&       // keywords
-           tf::classify_source(f) == tf::success &&   // kind of object, block and raw device
-           tf::decide_import(f) == tf::success &&     // dgimport
-           tf::enter_disk_group(f) == tf::success &&  // DG_LIST; a volume's devices
-           count_client() == tf::success &&           // the session is needed
-           tf::resolve_paths(f) == tf::success &&     // native paths for multipath names
-           tf::store_owners(f) == tf::success;        // uid and gid of the nodes
+    using Phase = int32_t (*)(tf::Freeze &);
+    constexpr Phase phases[] = {
+        tf::describe_object,   // transfer file, host, source
+        tf::read_config,       // keywords
+        tf::classify_source,   // kind of object, block and raw device
+        tf::decide_import,     // dgimport
+        tf::enter_disk_group,  // DG_LIST; a volume's devices
+        count_client,          // the session is needed
+        tf::resolve_paths,     // native paths for multipath names
+        tf::store_owners,      // uid and gid of the nodes
+    };
+    for (const Phase phase : phases) {
+        if (phase(f) != tf::success) return false;
+    }
+    return true;
 }
 
 }  // namespace

@@ -62,8 +62,8 @@ int32_t resolve_paths(Freeze &f) {
 }
 
 int32_t store_owners(Freeze &f) {
-    prim_mir_info *const pm = f.h->pminfo_list;
-    if (f.h->is_vol == 1 || pm == nullptr) return success;
+    if (f.h->is_vol == 1) return success;
+    prim_mir_info *const pm = f.h->pminfo_list;  // every object but a volume has it
     struct stat raw = {};
     struct stat block = {};
     const int32_t raw_status = read_owner(pm->dev_raw_device, &raw);

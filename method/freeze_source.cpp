@@ -62,7 +62,7 @@ bool split_volume_name(hdef &h) {
     put(name, h.dev_block_device + path::volume_prefix_length);
     char *rest = nullptr;
     const char *const group = strtok_r(name, "/", &rest);
-    const char *const volume = group != nullptr ? strtok_r(nullptr, "/", &rest) : nullptr;
+    const char *const volume = strtok_r(nullptr, "/", &rest);
     if (volume == nullptr) return false;
     put(h.vol_group, group);
     put(h.vol_name, volume);

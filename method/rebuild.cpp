@@ -120,7 +120,7 @@ int32_t register_keys(Rebuild *rebuild) {
     if (status != 0) return status;
     convert_table *table = rebuild->table.get();
     static_cast<void>(build_table_hdef(table, rebuild->h));
-    static_cast<void>(tf::build_table_owners(table, rebuild->scratch.get()));
+    tf::build_table_owners(table, rebuild->scratch.get());
     static_cast<void>(build_table_pminfo(table, rebuild->scratch.get(), nullptr));
     return tf::success;
 }

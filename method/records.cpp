@@ -81,7 +81,6 @@ void free_devices_of_all_objects() {
     static prim_mir_info mark;
     for (dg_entry *group = DG_LIST; group != nullptr; group = group->next) {
         for (dg_member *member = group->members; member != nullptr; member = member->next) {
-            if (member->h == nullptr) continue;
             if (member->h->pminfo_list == &mark) {
                 member->h = nullptr;
                 continue;

@@ -30,7 +30,7 @@ int32_t import_group(const hdef *h, const char *group) {
 // to do, and return whether no command failed.
 bool import_groups(const hdef *h, int32_t *status) {
     for (const dg_entry *dg = DG_LIST; dg != nullptr; dg = dg->next) {
-        if (dg->vol_count <= 0 || dg->members == nullptr) continue;
+        if (dg->vol_count <= 0) continue;
         const hdef *first = dg->members->h;
         if (first->dgimport == 0) continue;
         *status = import_group(h, first->vol_group);

@@ -10,10 +10,10 @@ constexpr char quote = '\'';
 // Ends the quotes, adds a quote that stands for itself, begins them again.
 constexpr char quote_in_quotes[] = R"('\'')";
 
-// Not isalnum(): what a locale takes for a letter, another shell's locale may not.
+// Not isalnum(): what a locale takes for a letter, another shell's locale may not. c is no NUL.
 bool is_plain(char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-           (c != '\0' && strchr("_-.,/:+=@%", c) != nullptr);
+           strchr("_-.,/:+=@%", c) != nullptr;
 }
 
 bool is_plain(const char *text) {

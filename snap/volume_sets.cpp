@@ -136,16 +136,12 @@ bool find_set(const Volume &volume, char *out, size_t size) {
     NameList names;
     if (!read_set_names(volume, names)) return false;
     for (size_t i = 0; i < names.count(); ++i) {
-        switch (is_component(volume, names.name(i))) {
-        case Membership::unknown:
-            return false;
-        case Membership::stranger:
-            break;
-        case Membership::member:
-            Q_snprintf(out, size, "/dev/qz/rdsk/%s/%s", volume.group, names.name(i));
-            snap::diagnose("component volume of vset %s", out);
-            return true;
-        }
+        const Membership found = is_component(volume, names.name(i));
+        if (found == Membership::unknown) return false;
+        if (found == Membership::stranger) continue;
+        Q_snprintf(out, size, "/dev/qz/rdsk/%s/%s", volume.group, names.name(i));
+        snap::diagnose("component volume of vset %s", out);
+        return true;
     }
     return false;
 }
