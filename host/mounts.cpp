@@ -23,12 +23,12 @@ struct Mount {
 
 // The table writes blank, tab, newline and backslash as three octal digits.
 void decode(char *text) {
+    constexpr size_t digits = 3;
     char *out = text;
     for (const char *in = text; *in != '\0';) {
-        unsigned code = 0;
-        if (in[0] == '\\' && sscanf(in + 1, "%3o", &code) == 1) {
-            *out++ = static_cast<char>(code);
-            in += 4;
+        if (in[0] == '\\' && strspn(in + 1, "01234567") >= digits) {
+            *out++ = static_cast<char>((in[1] - '0') * 64 + (in[2] - '0') * 8 + (in[3] - '0'));
+            in += 1 + digits;
         } else {
             *out++ = *in++;
         }

@@ -6,6 +6,7 @@
 
 #include "tessera_host.h"
 #include "tests/support/private_root.h"
+#include "tests/support/system_faults.h"
 
 namespace {
 
@@ -95,6 +96,12 @@ TEST_F(Configuration, presence_can_be_asked_without_a_buffer) {
 TEST_F(Configuration, root_that_is_too_long_has_no_entries) {
     EXPECT_NE(read_AD_HOC_config_entry(std::string(5000, '/').c_str(), "a", value, sizeof value),
               0);
+}
+
+TEST_F(Configuration, file_whose_path_cannot_be_formatted_has_no_entries) {
+    write("dgimport=yes\n");
+    const test::SystemFault fault("Q_snprintf", 1, 0);
+    EXPECT_EQ(entry("dgimport"), "absent");
 }
 
 }  // namespace

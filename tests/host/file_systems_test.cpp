@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -359,6 +360,20 @@ TEST_F(CommandLine, of_a_check) {
     record("/usr/sbin/fsck");
     EXPECT_EQ(Q_fsck("/dev/qz/rdsk/dg/vol", "ext4", 0, nullptr), 0);
     EXPECT_EQ(line(), "/usr/sbin/fsck -T -t ext4 -p /dev/qz/rdsk/dg/vol\n");
+    for (const char *type : {"", static_cast<const char *>(nullptr)}) {
+        EXPECT_EQ(Q_fsck("/dev/qz/rdsk/dg/vol", type, 0, nullptr), 0);
+        EXPECT_EQ(line(), "/usr/sbin/fsck -T -p /dev/qz/rdsk/dg/vol\n");
+    }
+}
+
+TEST_F(CommandLine, of_a_check_of_a_device_that_cannot_be_opened_needs_root) {
+    SKIP_WITHOUT_ROOT();
+    // A node without a device: the program may say what is wrong with it.
+    ASSERT_EQ(mknod("/dev/absent", S_IFBLK | 0600, makedev(199, 7)), 0);
+    record("/usr/sbin/fsck");
+    EXPECT_EQ(Q_fsck("/dev/absent", "ext4", 0, nullptr), 0);
+    EXPECT_EQ(line(), "/usr/sbin/fsck -T -t ext4 -p /dev/absent\n");
+    unlink("/dev/absent");
 }
 
 TEST_F(CommandLine, check_takes_statuses_0_and_1_as_success_and_any_other_bit_as_failure) {

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "tessera_host.h"
+#include "tests/host/replaced_calls.h"
 
 namespace {
 
@@ -70,6 +71,24 @@ TEST_F(Messages, over_long_format_is_cut_without_beginning_a_conversion) {
     qlgetmsg_errno("QfMCmn0062N", "C", sizeof err, err, "C", sizeof log, log, EIO,
                    ("%s" + filler + "%%b").c_str(), "x");
     EXPECT_EQ(std::string(err), "x" + filler + "b");
+}
+
+TEST_F(Messages, percent_signs_of_the_system_error_text_stay_what_they_are) {
+    test::replaced().error_text = "100% full %s %n";
+    qlgetmsg_errno("QfMCmn0120N", "C", sizeof err, err, "C", sizeof log, log, ENOSPC,
+                   "%s: Cannot open file %s: %%s", "find_device", "/tmp/x");
+    test::replaced() = {};
+    EXPECT_STREQ(err, "find_device: Cannot open file /tmp/x: 100% full %s %n");
+    EXPECT_STREQ(log, err);
+}
+
+TEST_F(Messages, text_that_cannot_be_formatted_is_empty) {
+    const wchar_t unprintable[] = {static_cast<wchar_t>(0x20ac), 0};
+    EXPECT_EQ(qlgetmsg("QfMCmn0062N", "C", sizeof err, err, "C", sizeof log, log, "%s: %ls", "x",
+                       unprintable),
+              0);
+    EXPECT_STREQ(err, "");
+    EXPECT_STREQ(log, "");
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "tessera_host.h"
+#include "tests/host/replaced_calls.h"
 #include "tests/support/private_root.h"
 
 namespace {
@@ -21,6 +22,7 @@ struct Names : testing::Test {
         test::write_file("/etc/nsswitch.conf", "hosts: files\n");
         write_hosts("127.0.0.1 localhost\n");
     }
+    ~Names() override { test::replaced() = {}; }
     static void write_hosts(const std::string &text) {
         unlink("/etc/hosts");
         test::write_file("/etc/hosts", text);
@@ -103,6 +105,51 @@ TEST_F(Names, unknown_empty_and_missing_names_are_not_local) {
     EXPECT_EQ(qnet_is_local_host("no-such-host"), 0);
     EXPECT_EQ(qnet_is_local_host(""), 0);
     EXPECT_EQ(qnet_is_local_host(nullptr), 0);
+}
+
+TEST_F(Names, every_interface_is_compared_also_behind_one_without_an_address) {
+    test::replaced().interfaces = {"198.51.100.7", "", "192.0.2.77", ""};
+    EXPECT_NE(qnet_is_local_host("192.0.2.77"), 0);
+    EXPECT_NE(qnet_is_local_host("198.51.100.7"), 0);
+    EXPECT_NE(qnet_is_local_host("::ffff:192.0.2.77"), 0);
+    EXPECT_EQ(qnet_is_local_host("192.0.2.78"), 0);
+}
+
+TEST_F(Names, addresses_that_only_look_like_the_loopback_are_not_local) {
+    test::replaced().interfaces = {};
+    test::replaced().interfaces.emplace();
+    for (const char *address :
+         {"::", "::2", "::1:0:0:1", "0:0:1::1", "1::1", "::ffff:128.0.0.1", "::fffe:7f00:1",
+          "0:0:1::ffff:127.0.0.1", "1::ffff:127.0.0.1", "126.255.255.255"}) {
+        EXPECT_EQ(qnet_is_local_host(address), 0) << address;
+    }
+    for (const char *address : {"::1", "::ffff:127.0.0.1", "127.255.255.255"}) {
+        EXPECT_NE(qnet_is_local_host(address), 0) << address;
+    }
+}
+
+TEST_F(Names, without_the_interfaces_the_loopback_alone_is_local) {
+    test::replaced().failing = "getifaddrs";
+    EXPECT_EQ(qnet_is_local_host("192.0.2.77"), 0);
+    test::replaced().failing_call = 1;
+    EXPECT_NE(qnet_is_local_host("127.0.0.1"), 0);
+}
+
+TEST_F(Names, without_an_own_name_the_addresses_decide) {
+    ASSERT_TRUE(rename_host("client1"));
+    char name[256] = "before";
+    test::replaced().failing = "gethostname";
+    EXPECT_NE(tq_gethostname(name, sizeof name), 0);
+    EXPECT_STREQ(name, "before");
+    test::replaced().failing_call = 1;
+    EXPECT_EQ(qnet_is_local_host("client1"), 0);
+    test::replaced().failing_call = 1;
+    EXPECT_NE(qnet_is_local_host("localhost"), 0);
+}
+
+TEST_F(Names, addresses_of_a_family_that_is_not_known_are_not_local) {
+    test::replaced().strange_addresses = true;
+    EXPECT_EQ(qnet_is_local_host("127.0.0.1"), 0);
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 #include <string>
 
 #include "tessera_host.h"
+#include "tests/host/replaced_calls.h"
 #include "tests/support/private_root.h"
 
 namespace {
@@ -24,6 +25,7 @@ struct Program : testing::Test {
     ~Program() override {
         for (const char *file : {"/tmp/out", "/tmp/err", "/tmp/seen"}) unlink(file);
         signal(SIGCHLD, SIG_DFL);
+        test::replaced() = {};
     }
     // Every one of these programs runs the same way; the simplest stands for all.
     static void umount_does(const std::string &body) {
@@ -146,6 +148,10 @@ TEST_F(Program, descriptor_that_is_not_open_runs_nothing) {
     options.out_fd = 900;
     EXPECT_NE(umount(), 0);
     EXPECT_EQ(options.exit_status, 127);
+    Q_sys_cmd_exec_options_init(&options);
+    options.err_fd = 900;
+    EXPECT_NE(umount(), 0);
+    EXPECT_EQ(options.exit_status, 127);
     EXPECT_FALSE(test::exists("/tmp/seen"));
 }
 
@@ -166,6 +172,20 @@ TEST_F(Program, status_is_not_lost_when_the_process_ignores_its_children) {
     struct sigaction now = {};
     sigaction(SIGCHLD, nullptr, &now);
     EXPECT_EQ(now.sa_handler, SIG_IGN);
+}
+
+TEST_F(Program, status_is_not_lost_when_the_process_wants_no_ended_children) {
+    umount_does("exit 3");
+    struct sigaction wanted = {};
+    wanted.sa_handler = do_nothing;
+    wanted.sa_flags = SA_NOCLDWAIT;
+    sigaction(SIGCHLD, &wanted, nullptr);
+    EXPECT_NE(umount(), 0);
+    EXPECT_EQ(options.exit_status, 3);
+    struct sigaction now = {};
+    sigaction(SIGCHLD, nullptr, &now);
+    EXPECT_EQ(now.sa_handler, do_nothing);
+    EXPECT_NE(now.sa_flags & SA_NOCLDWAIT, 0);
 }
 
 TEST_F(Program, status_is_not_lost_when_a_handler_reaps_every_child) {
@@ -214,6 +234,46 @@ TEST_F(Program, unknown_flags_and_missing_names_are_refused) {
     EXPECT_NE(Q_umount("", 0, &options), 0);
     EXPECT_NE(Q_umount(nullptr, 0, &options), 0);
     EXPECT_EQ(options.exit_status, 1);
+    EXPECT_FALSE(test::exists("/tmp/seen"));
+}
+
+TEST_F(Program, that_cannot_be_waited_for_has_status_127) {
+    umount_does("exit 4");
+    test::replaced().failing = "waitpid";
+    EXPECT_NE(umount(), 0);
+    EXPECT_EQ(options.exit_status, 127);
+    EXPECT_GT(waitpid(-1, nullptr, 0), 0);
+}
+
+// Half prepared it would write into other streams than those that were given, or run with signals
+// that it cannot work with.
+TEST_F(Program, is_not_run_when_a_step_of_its_preparation_fails) {
+    umount_does("touch /tmp/seen");
+    const int fd = open_for_writing("/tmp/out");
+    const struct {
+        const char *call;
+        int n;
+        int fd;
+    } steps[] = {
+        {"posix_spawnattr_setsigmask", 1, -1},
+        {"posix_spawnattr_setsigdefault", 1, -1},
+        {"posix_spawnattr_setflags", 1, -1},
+        {"posix_spawn_file_actions_addopen", 1, -1},
+        {"posix_spawn_file_actions_addopen", 2, -1},
+        {"posix_spawn_file_actions_addopen", 3, -1},
+        {"posix_spawn_file_actions_adddup2", 1, fd},
+        {"posix_spawn_file_actions_adddup2", 2, fd},
+        {"posix_spawn_file_actions_addclosefrom_np", 1, -1},
+    };
+    for (const auto &step : steps) {
+        test::replaced().failing = step.call;
+        test::replaced().failing_call = step.n;
+        options = {step.fd, step.fd, 0};
+        EXPECT_NE(umount(), 0) << step.call << " " << step.n;
+        EXPECT_EQ(options.exit_status, 127) << step.call << " " << step.n;
+        EXPECT_EQ(test::replaced().failing_call, 0) << step.call << " " << step.n;
+    }
+    close(fd);
     EXPECT_FALSE(test::exists("/tmp/seen"));
 }
 

@@ -7,6 +7,7 @@
 
 #include "tests/snap/snap_fixture.h"
 #include "tests/support/allocation_faults.h"
+#include "tests/support/counters.h"
 
 namespace {
 
@@ -35,6 +36,10 @@ class Statdev : public Snap {
         device = buffer;
         return statdev(&device, &status, &mount_dir, &is_ufs, &is_qzfs);
     }
+    void look_at_and_abort(char **path, struct stat *result) {
+        test::count_until_an_abort();
+        statdev(path, result, &mount_dir, &is_ufs, &is_qzfs);
+    }
 
     char before[8] = "before";
     char buffer[1024] = "";
@@ -46,13 +51,11 @@ class Statdev : public Snap {
 
 TEST_F(Statdev, aborts_for_a_null_path_and_names_the_condition) {
     char *null_device = nullptr;
-    EXPECT_DEATH(statdev(&null_device, &status, &mount_dir, &is_ufs, &is_qzfs),
-                 "\\*dev != \\(\\(void \\*\\)0\\)");
+    EXPECT_DEATH(look_at_and_abort(&null_device, &status), "\\*dev != \\(\\(void \\*\\)0\\)");
 }
 
 TEST_F(Statdev, aborts_for_a_null_status_and_names_the_condition) {
-    EXPECT_DEATH(statdev(&device, nullptr, &mount_dir, &is_ufs, &is_qzfs),
-                 "statbuf != \\(\\(void \\*\\)0\\)");
+    EXPECT_DEATH(look_at_and_abort(&device, nullptr), "statbuf != \\(\\(void \\*\\)0\\)");
 }
 
 TEST_F(Statdev, a_relative_path_gives_2) {

@@ -1,10 +1,12 @@
 #include "tests/support/system_faults.h"
 
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <cerrno>
 #include <cstdarg>
 #include <cstddef>
+#include <cstdio>
 #include <cstring>
 
 extern "C" {
@@ -18,6 +20,8 @@ pid_t __real_getpgid(pid_t pid);
 pid_t __real_getpid();
 int __real_system(const char *command);
 int __real_close(int fd);
+int __real_fstat(int fd, struct stat *status);
+FILE *__real_fdopen(int fd, const char *mode);
 ssize_t __wrap_read(int fd, void *buffer, size_t size);
 ssize_t __wrap_write(int fd, const void *buffer, size_t size);
 off_t __wrap_lseek(int fd, off_t offset, int whence);
@@ -30,6 +34,9 @@ int __wrap_system(const char *command);
 int __wrap_close(int fd);
 int __real_access(const char *path, int mode);
 int __wrap_access(const char *path, int mode);
+int __wrap_fstat(int fd, struct stat *status);
+FILE *__wrap_fdopen(int fd, const char *mode);
+int __wrap_Q_snprintf(char *out, size_t size, const char *format, ...);
 }
 
 namespace {
@@ -120,4 +127,19 @@ int __wrap_access(const char *path, int mode) {
 int __wrap_close(int fd) {
     if (close_action != nullptr) close_action(fd);
     return __real_close(fd);
+}
+int __wrap_fstat(int fd, struct stat *status) {
+    return answered("fstat") ? static_cast<int>(fault.result) : __real_fstat(fd, status);
+}
+FILE *__wrap_fdopen(int fd, const char *mode) {
+    return answered("fdopen") ? nullptr : __real_fdopen(fd, mode);
+}
+// A formatter has no system error; one that fails may have written nothing at all.
+int __wrap_Q_snprintf(char *out, size_t size, const char *format, ...) {
+    if (answered("Q_snprintf")) return static_cast<int>(fault.result);
+    va_list args;
+    va_start(args, format);
+    const int length = vsnprintf(out, size, format, args);
+    va_end(args);
+    return length;
 }

@@ -1,5 +1,5 @@
-// System calls of the code under test that fail or fall short on demand: read, write, lseek,
-// ftruncate, unlink, fcntl, getpgid, getpid, access and system.
+// Calls of the code under test that fail or fall short on demand: read, write, lseek, ftruncate,
+// unlink, fcntl, fstat, fdopen, getpgid, getpid, access, system, and the host library's Q_snprintf.
 #pragma once
 
 #include <string>

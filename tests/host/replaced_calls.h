@@ -1,0 +1,27 @@
+// Calls of the host library that answer what no machine shows on demand.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace test {
+
+struct ReplacedCalls {
+    // What the kernel's mount table holds; the real one when there is none.
+    std::optional<std::string> mount_table;
+    // The call of this name that fails: the n-th from now on (1 is the next one).
+    std::string failing;
+    int failing_call = 1;
+    // The text of every system error; the real one when there is none.
+    std::optional<std::string> error_text;
+    // The addresses of the interfaces, in version 4's dotted form; "" is an interface without one.
+    std::optional<std::vector<std::string>> interfaces;
+    // Every address that a name has is of a family that nobody knows.
+    bool strange_addresses = false;
+};
+
+// The one set of this process; tests put it back to ReplacedCalls().
+ReplacedCalls &replaced();
+
+}  // namespace test
