@@ -77,7 +77,7 @@ void diagnose(const char *format, ...) {
 }  // namespace snap
 
 int system_cmd(const char *command, const char *argument) {
-    char line[1024];
+    char line[1024] = "";
     const int length = Q_snprintf(line, sizeof line, "%s %s", command, argument);
     errno = 0;
     // Half a command line is another command: rather none than one on a path that was cut.

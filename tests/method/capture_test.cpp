@@ -11,6 +11,7 @@
 #include "tests/support/frozen_object.h"
 #include "tests/support/method_fixture.h"
 #include "tests/support/private_root.h"
+#include "tests/support/system_faults.h"
 
 namespace {
 
@@ -100,6 +101,16 @@ TEST_F(CaptureFiles, what_is_read_does_not_reach_other_programs) {
     const tf::StreamOwner stream(tf::open_for_reading("/tmp/target"));
     ASSERT_TRUE(stream);
     EXPECT_EQ(fcntl(fileno(stream.get()), F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+    unlink("/tmp/target");
+}
+
+TEST_F(CaptureFiles, a_stream_that_cannot_be_made_closes_its_descriptor) {
+    test::write_file("/tmp/target", "text");
+    {
+        const test::SystemFault fault("fdopen", 1, ENOMEM);
+        EXPECT_EQ(tf::open_for_reading("/tmp/target"), nullptr);
+        EXPECT_EQ(errno, ENOMEM);
+    }
     unlink("/tmp/target");
 }
 
@@ -195,6 +206,25 @@ TEST_F(HostCommandOutput, missing_names_give_no_streams_and_dump_the_null_device
     output.dump();
     EXPECT_TRUE(logged("--- Dumping file /dev/null (stdout):"));
     EXPECT_TRUE(logged("--- Dumping file /dev/null (stderr):"));
+}
+
+TEST_F(HostCommandOutput, a_file_whose_folder_is_gone_is_minus_1) {
+    hdef h = {};
+    char name[] = "/tmp/no/such/folder";
+    h.out_file = name;
+    tf::CapturedOutput output(&h);
+    EXPECT_EQ(output.options()->out_fd, -1);
+}
+
+TEST_F(HostCommandOutput, a_file_that_cannot_be_looked_at_or_emptied_keeps_its_contents) {
+    test::write_file(object.out(), "kept", 0600);
+    for (const char *call : {"fstat", "ftruncate"}) {
+        const test::SystemFault fault(call, 1, EIO);
+        tf::CapturedOutput output(object.get());
+        EXPECT_EQ(output.options()->out_fd, -1) << call;
+        EXPECT_GE(output.options()->err_fd, 0) << call;
+        EXPECT_EQ(test::read_file(object.out()), "kept") << call;
+    }
 }
 
 }  // namespace

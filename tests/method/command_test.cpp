@@ -255,6 +255,18 @@ TEST_F(CommandRunner, nothing_is_run_when_a_missing_capture_file_cannot_be_made)
     EXPECT_FALSE(test::exists("/tmp/ran"));
 }
 
+TEST_F(CommandRunner, nothing_is_run_when_a_capture_file_cannot_be_asked_about) {
+    hdef h = *object.get();
+    test::write_file("/tmp/plain", "");
+    char name[] = "/tmp/plain/below";
+    h.err_file = name;
+    EXPECT_EQ(do_cmd(&h, "touch /tmp/ran"), 11);
+    expect_failure(3, "do_cmd: Command failed with status=2: touch /tmp/ran </dev/null >" +
+                          object.out() + " 2>/tmp/plain/below");
+    EXPECT_FALSE(test::exists("/tmp/ran"));
+    unlink("/tmp/plain");
+}
+
 TEST_F(CommandRunner, a_refused_line_is_logged_before_it_is_refused) {
     set_level(1);
     unlink(object->out_file);

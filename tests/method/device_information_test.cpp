@@ -57,6 +57,12 @@ TEST_F(DeviceInformation, comments_and_empty_lines_are_skipped) {
     expect_no_failure();
 }
 
+TEST_F(DeviceInformation, a_line_that_begins_with_nul_is_skipped) {
+    EXPECT_EQ(found_in(std::string("\0EMC p=/dev/no s=NO\n", 20) + "EMC p=/dev/yes s=YES\n"),
+              "/dev/yes YES");
+    expect_no_failure();
+}
+
 TEST_F(DeviceInformation, later_lines_overwrite_earlier_values) {
     EXPECT_EQ(found_in("EMC p=/dev/a s=A\nEMC s=B\n"), "/dev/a B");
     EXPECT_EQ(found_in("EMC p=/dev/a s=A s=C\nEMC p=/dev/b\n"), "/dev/b C");

@@ -1,6 +1,7 @@
 // What the source of a freeze is, and the disk group it is entered in.
 #include "method/mount_lookup.h"
 #include "tests/method/freeze_fixture.h"
+#include "tests/method/name_mapping.h"
 
 namespace {
 
@@ -138,6 +139,37 @@ TEST_F(FreezeSource, a_volume_without_a_name_fails_the_volume_test) {
     mount_device("/dev/qz/dsk/datadg");
     EXPECT_EQ(freeze(), 11);
     expect_given_up(3, cannot_tell("/dev/qz/dsk/datadg"));
+}
+
+TEST_F(FreezeSource, a_volume_without_a_group_fails_the_volume_test) {
+    mount_device("/dev/qz/dsk//");
+    // The lookup makes one slash of two, and what is left is too short for a volume.
+    EXPECT_EQ(freeze(), 11);
+    expect_given_up(3, cannot_tell("/dev/qz/dsk/"));
+}
+
+TEST_F(FreezeSource, a_block_device_that_cannot_be_mapped_is_named) {
+    fail_block_mapping();
+    EXPECT_EQ(freeze(), 11);
+    expect_given_up(3,
+                    "TimeFinder_freeze: Cannot map block device /dev/qz/dmp/disk_0 to raw device");
+}
+
+TEST_F(FreezeSource, without_memory_for_a_volumes_group_nothing_stays_listed) {
+    mount_device("/dev/qz/dsk/datadg/vol1");
+    clone_tool_answers(std::string(raw_disk) + "\n");
+    // Records, the node of the mount cache, then the group and its member.
+    for (const int n : {4, 5}) {
+        log_lines().clear();
+        mnttab_cached = 0;
+        tf::clear_mount_cache();
+        fail_allocation(n);
+        EXPECT_EQ(freeze(), 11);
+        no_more_faults();
+        expect_given_up(1, std::string("dg_insert: Memory allocation failure at line ") +
+                               (n == 4 ? "319" : "334"));
+        EXPECT_FALSE(exists("/tool/arguments")) << "the tool was asked";
+    }
 }
 
 TEST_F(FreezeSource, a_volume_with_an_empty_name_fails_the_volume_test) {

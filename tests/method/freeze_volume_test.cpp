@@ -2,6 +2,7 @@
 #include <sys/mount.h>
 
 #include "tests/method/freeze_fixture.h"
+#include "tests/support/system_faults.h"
 
 namespace {
 
@@ -154,6 +155,11 @@ TEST_F(FreezeVolumeFile, a_pipe_is_no_file_and_is_not_waited_for) {
     expect_cannot_open("mkfifo \"$6\"", "Invalid argument");
 }
 
+TEST_F(FreezeVolumeFile, a_file_that_cannot_be_looked_at_is_none) {
+    const SystemFault fault("fstat", 1, EIO);
+    expect_cannot_open("touch \"$6\"", "Input/output error");
+}
+
 TEST_F(FreezeVolumeFile, a_file_that_breaks_off_is_not_taken_for_the_whole_as_root) {
     if (!is_real_root()) GTEST_SKIP() << "needs root to mount over the file";
     // The process's own memory is a regular file that cannot be read from its start.
@@ -260,6 +266,37 @@ TEST_F(FreezeVolume, ten_thousand_devices_are_listed_in_their_order) {
     EXPECT_STREQ(h->pminfo_list->p_dev_raw_device, "/dev/native/d0");
     EXPECT_STREQ(h->pminfo_list->next->p_dev_raw_device, "/dev/native/d1");
     tf::free_hdef(h);
+}
+
+TEST_F(FreezeVolume, without_memory_for_a_name_the_tool_is_not_asked) {
+    mount_device("/dev/qz/dsk/data;dg/vol;1");
+    clone_tool_answers(std::string(raw_disk) + "\n");
+    import_groups();
+    for (const char *config : {"plexname=p 1", "plexname=p 1,alternate_backup_client=backup1"}) {
+        const auto freeze_and_forget = [&] {
+            write_file("/tool/arguments", "");
+            handle = nullptr;
+            const int32_t status = freeze(config);
+            if (handle != nullptr) tf::remove_capture_files(handle);
+            tf::free_all_records();
+            return status;
+        };
+        no_more_faults();
+        ASSERT_EQ(freeze_and_forget(), 0) << errmsg;
+        const int allocations = allocations_seen();
+        const std::string whole = clone_tool_runs();
+        EXPECT_NE(whole.find("data;dg"), std::string::npos) << whole;
+        int not_asked = 0;
+        for (int n = 1; n <= allocations; ++n) {
+            fail_allocation(n);
+            freeze_and_forget();
+            no_more_faults();
+            const std::string ran = clone_tool_runs();
+            if (ran.empty()) ++not_asked;
+            EXPECT_TRUE(ran.empty() || ran == whole) << n << ": " << ran;
+        }
+        EXPECT_GE(not_asked, 3);
+    }
 }
 
 }  // namespace

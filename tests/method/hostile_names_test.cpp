@@ -3,6 +3,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <functional>
+#include <set>
+#include <sstream>
+
 #include "method/command.h"
 #include "method/device_information.h"
 #include "tests/method/rebuild_fixture.h"
@@ -157,15 +161,147 @@ TEST_F(HostileNames, without_memory_for_the_quotes_nothing_is_run) {
                    "TimeFinder_thaw: Unable to clean up disk group " + name + ", volume " + name);
 }
 
+// Every command of an operation, with every allocation of it failing in turn: a command is run with
+// all its names whole, or not at all.
+class HostileNamesWithoutMemory : public HostileNames {
+  protected:
+    using Prepare = std::function<void(hdef *)>;
+    using Operation = std::function<int32_t(hdef *)>;
+
+    // also: a command that stands in for one that could not be run.
+    void expect_whole_names(const Prepare &prepare, const Operation &operation,
+                            const std::string &also = "") {
+        ASSERT_EQ(run(prepare, operation, 0), 0) << errmsg;
+        const int allocations = allocations_;
+        std::set<std::string> whole = lines();
+        ASSERT_FALSE(whole.empty());
+        whole.insert(also);
+        int refused = 0;
+        for (int n = 1; n <= allocations; ++n) {
+            if (run(prepare, operation, n) != 0) ++refused;
+            for (const std::string &ran : lines()) {
+                EXPECT_TRUE(whole.contains(ran)) << "allocation " << n << ": " << ran;
+            }
+        }
+        EXPECT_GT(refused, 0);
+    }
+
+  private:
+    // The operation on an object of its own, with the n-th allocation failing (0: none).
+    int32_t run(const Prepare &prepare, const Operation &operation, int n) {
+        unlink("/tmp/words");
+        hdef *object = new_hostile_volume();
+        prepare(object);
+        thaw_commit_vols = 0;
+        total_freeze_volumes = 1;
+        n == 0 ? test::no_more_faults() : test::fail_allocation(n);
+        const int32_t status = operation(object);
+        allocations_ = test::allocations_seen();
+        test::no_more_faults();
+        remove_files(object);
+        tf::dg_remove(object);
+        return status;
+    }
+    static std::set<std::string> lines() {
+        std::set<std::string> found;
+        std::istringstream in(words());
+        for (std::string one; std::getline(in, one);) found.insert(one);
+        return found;
+    }
+
+    int allocations_ = 0;
+};
+
+TEST_F(HostileNamesWithoutMemory, the_clone_tool_gets_whole_names_after_a_rebuild) {
+    expect_whole_names(
+        [this](hdef *object) {
+            object->is_rebuilt = 1;
+            tf::put(object->primary_host, name.c_str());
+            tf::put(object->transfer_file, "/tmp/EMCTX 'a file'");
+        },
+        [this](hdef *object) { return TimeFinder_volumes(object, path, &count); });
+}
+
+TEST_F(HostileNamesWithoutMemory, the_clone_tool_gets_whole_names_in_the_same_process) {
+    expect_whole_names([](hdef *) {},
+                       [this](hdef *object) { return TimeFinder_volumes(object, path, &count); });
+}
+
+TEST_F(HostileNamesWithoutMemory, the_import_and_the_start_of_volumes_get_whole_names) {
+    expect_whole_names([](hdef *object) { object->dgimport = 1; },
+                       [this](hdef *object) { return TimeFinder_volumes(object, path, &count); });
+}
+
+TEST_F(HostileNamesWithoutMemory, the_site_script_of_a_plain_device_gets_whole_names) {
+    test::make_folders("/tmp/a b");
+    expect_whole_names(
+        [](hdef *object) {
+            object->is_vol = 0;
+            tf::put(object->pminfo_list->bcv_raw_device, "/tmp/a b");
+            tf::put(object->pminfo_list->bcv_block_device, "/tmp/a b");
+        },
+        [this](hdef *object) { return TimeFinder_volumes(object, path, &count); });
+    rmdir("/tmp/a b");
+}
+
+TEST_F(HostileNamesWithoutMemory, the_clean_up_gets_whole_names) {
+    expect_whole_names([this](hdef *object) { tf::put(object->clone_group, name.c_str()); },
+                       [](hdef *object) { return TimeFinder_thaw(object); });
+}
+
+TEST_F(HostileNamesWithoutMemory, the_deport_gets_whole_names) {
+    expect_whole_names(
+        [this](hdef *object) {
+            object->dgimport = 1;
+            tf::put(object->clone_group, name.c_str());
+        },
+        [](hdef *object) { return TimeFinder_thaw(object); });
+}
+
+TEST_F(HostileNamesWithoutMemory, a_restore_gives_whole_names) {
+    expect_whole_names([](hdef *object) { object->dgimport = object->restore = 1; },
+                       [](hdef *object) { return TimeFinder_thaw_commit(object); });
+}
+
+TEST_F(HostileNamesWithoutMemory, the_clone_step_of_a_checkpoint_gets_whole_names) {
+    expect_whole_names([](hdef *object) { tf::put(object->transfer_file, "/tmp/EMCTX 'a file'"); },
+                       [](hdef *object) {
+                           tf::HeapOwner<char> text;
+                           return TimeFinder_ckpt(object, text.out());
+                       });
+}
+
+TEST_F(HostileNamesWithoutMemory, the_device_information_tool_gets_a_whole_name) {
+    test::write_script(tf::path::device_information_tool,
+                       "printf '[%s]' \"${0##*/}\" \"$@\" >>/tmp/words; echo >>/tmp/words\n"
+                       "echo EMC p=/dev/x s=SN0001");
+    expect_whole_names([](hdef *) {},
+                       [](hdef *object) {
+                           const tf::HeapOwner<device_info> info(find_device(object, hostile));
+                           return info ? 0 : 11;
+                       });
+}
+
+TEST_F(HostileNamesWithoutMemory, the_disk_tool_of_a_rebuild_gets_a_whole_name) {
+    const std::string disk = "c1 t'0;touch /tmp/ran";
+    const std::string text =
+        imported_target() + known_pair("00A1", "01A1", ("/dev/rdsk/" + disk).c_str());
+    expect_whole_names([](hdef *) {}, [&](hdef *) { return rebuild(text); },
+                       "[qzdisk][define][" + disk + "]");
+}
+
 TEST_F(HostileNames, without_memory_for_the_quotes_of_a_capture_file_nothing_is_run) {
     setenv("TMPDIR", "/tmp/a b", 1);
     test::make_folders("/tmp/a b");
     hdef *object = new_object(TF_OBJECT_RAW_DEVICE);
     unsetenv("TMPDIR");
-    test::fail_allocation(1);
-    EXPECT_EQ(do_cmd(object, "touch /tmp/ran"), 11);
-    test::no_more_faults();
-    expect_failure(3, "do_cmd: Out of available memory");
+    for (const int file : {1, 2}) {
+        errnum = 0;
+        test::fail_allocation(file);
+        EXPECT_EQ(do_cmd(object, "touch /tmp/ran"), 11);
+        test::no_more_faults();
+        expect_failure(3, "do_cmd: Out of available memory");
+    }
     remove_files(object);
     rmdir("/tmp/a b");
 }

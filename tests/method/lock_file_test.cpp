@@ -303,4 +303,21 @@ TEST_F(LockFile, a_counter_file_that_cannot_be_opened_makes_the_set_fail) {
                               "could not open file: " + path + "\n");
 }
 
+// No serial number is that long; the length is looked at all the same, because the next step writes
+// at the end of the name.
+TEST_F(LockFile, a_path_that_cannot_be_formed_or_held_makes_no_counter_file) {
+    for (const long length : {-1L, 0L, 1024L}) {
+        test::log_lines().clear();
+        // The tool's command line is formatted first.
+        const test::SystemFault fault("Q_snprintf", 2, 0, length);
+        EXPECT_EQ(set(), -1) << length;
+        EXPECT_EQ(lock_log(), "pathlength of lock file too long\n") << length;
+        EXPECT_TRUE(std::filesystem::is_empty(counter_folder)) << length;
+    }
+    set_level(0);
+    const test::SystemFault fault("Q_snprintf", 2, 0);
+    EXPECT_EQ(set(), -1);
+    EXPECT_EQ(lock_log(), "");
+}
+
 }  // namespace

@@ -87,4 +87,26 @@ TEST_F(PairIndexTest, clearing_empties_every_slot_and_the_count) {
     for (const prim_mir_info *pm : primmirlist) EXPECT_EQ(pm, nullptr);
 }
 
+TEST_F(PairIndexTest, a_name_that_stands_twice_is_found_by_its_first_entry) {
+    add("0001");
+    add("0001");
+    add("0002");
+    EXPECT_TRUE(index.contains("0001", count));
+    EXPECT_TRUE(index.contains("0002", count));
+}
+
+TEST_F(PairIndexTest, an_entry_that_was_taken_out_behind_its_back_is_not_found) {
+    add("0001");
+    add("0002");
+    EXPECT_TRUE(index.contains("0001", count));
+    primmirlist[0] = nullptr;
+    EXPECT_FALSE(index.contains("0001", count));
+    EXPECT_TRUE(index.contains("0002", count));
+}
+
+TEST_F(PairIndexTest, nothing_is_written_in_front_of_the_table) {
+    EXPECT_EQ(tf::append_pair(record("0001"), -1), 0);
+    for (const prim_mir_info *pm : primmirlist) EXPECT_EQ(pm, nullptr);
+}
+
 }  // namespace

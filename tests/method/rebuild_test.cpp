@@ -193,6 +193,14 @@ TEST_F(Rebuild, unknown_key_is_accepted_without_a_word) {
     EXPECT_EQ(whole_log(), "");
 }
 
+TEST_F(Rebuild, key_that_only_begins_like_one_of_the_frameworks_is_unknown) {
+    EXPECT_EQ(rebuild("HDEF-restore_all=1\nHDEF-is_tgt2=1\nPRIM_MIR_INFO2=NEXT\n"), 0);
+    expect_no_failure();
+    EXPECT_EQ(h->restore, 0);
+    EXPECT_EQ(h->is_tgt, 0);
+    EXPECT_EQ(h->pminfo_list, nullptr);
+}
+
 TEST_F(Rebuild, line_that_is_no_pair_is_reported_and_a_later_good_line_makes_up_for_it) {
     EXPECT_EQ(rebuild("no pair\nHDEF-keep_fi=1\n"), 0);
     expect_failure(1,

@@ -64,6 +64,22 @@ TEST_F(Restore, unlisted_disk_group_fails_the_call_which_counts) {
     EXPECT_EQ(array.calls, test::Lines{});
 }
 
+// What a failed rebuild leaves: its group is listed, it is not.
+TEST_F(Restore, group_without_objects_is_neither_deported_nor_imported) {
+    hdef *h = new_object(TF_OBJECT_RAW_DEVICE);
+    h->is_vol = h->dgimport = h->restore = 1;
+    tf::put(h->vol_group, "datadg");
+    test::fail_allocation(2);
+    ASSERT_EQ(dg_insert(h), 11);
+    test::no_more_faults();
+    ASSERT_NE(dg_find("datadg"), nullptr);
+    total_freeze_volumes = 1;
+    EXPECT_EQ(TimeFinder_thaw_commit(h), 0);
+    EXPECT_EQ(commands(), test::Lines());
+    EXPECT_EQ(controls(), test::Lines());
+    EXPECT_EQ(dg_find("datadg")->restore_count, 1);
+}
+
 TEST_F(Restore, mounted_file_system_is_unmounted_before_its_group_is_deported) {
     test::write_mount_table("/dev/x /etc ext4 rw 0 0\n");
     hdef *h = new_restored("vola", "00A1", "01A1", TF_OBJECT_FILE_SYSTEM);

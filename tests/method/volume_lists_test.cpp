@@ -5,6 +5,7 @@
 #include "tests/support/allocation_faults.h"
 #include "tests/support/frozen_object.h"
 #include "tests/support/method_fixture.h"
+#include "tests/support/system_faults.h"
 
 namespace {
 
@@ -204,6 +205,25 @@ TEST_F(VolumeLists, a_further_pair_longer_than_the_scratch_buffer_is_too_long) {
     test::FrozenObject &object = add_member();
     object.add_device("/dev/sda", "/dev/sdb");
     object.add_device(std::string(1023, 'p'), std::string(1023, 'b'));
+    EXPECT_EQ(devices(), "status 11");
+    expect_failure(3, "get_device_list: Device list is too long");
+}
+
+TEST_F(VolumeLists, a_pair_that_cannot_be_formatted_is_too_long) {
+    test::FrozenObject &object = add_member();
+    object.add_device("/dev/sda", "/dev/sdb");
+    object.add_device("/dev/sdc", "/dev/sdd");
+    for (const int pair : {1, 2}) {
+        errnum = 0;
+        const test::SystemFault fault("Q_snprintf", pair, 0);
+        EXPECT_EQ(devices(), "status 11") << pair;
+        expect_failure(3, "get_device_list: Device list is too long");
+    }
+}
+
+TEST_F(VolumeLists, a_first_pair_that_would_not_fit_its_buffer_is_too_long) {
+    add_member().add_device("/dev/sda", "/dev/sdb");
+    const test::SystemFault fault("Q_snprintf", 1, 0, 2051);
     EXPECT_EQ(devices(), "status 11");
     expect_failure(3, "get_device_list: Device list is too long");
 }

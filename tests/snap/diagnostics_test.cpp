@@ -158,4 +158,11 @@ TEST_F(Snap, a_command_line_that_does_not_fit_is_not_run) {
     EXPECT_TRUE(events()[0].ends_with("xxx failed errno=0\n"));
 }
 
+TEST_F(Snap, a_command_line_that_cannot_be_formatted_is_not_run) {
+    const test::SystemFault fault("Q_snprintf", 1, 0);
+    EXPECT_EQ(system_cmd("touch", "/tmp/ran"), -1);
+    EXPECT_FALSE(test::exists("/tmp/ran"));
+    EXPECT_EQ(happened(), "system command  failed errno=0\n\n");
+}
+
 }  // namespace

@@ -220,4 +220,25 @@ TEST_F(VolumeSets, without_memory_for_the_quotes_the_tool_is_not_run) {
     EXPECT_TRUE(ran_nothing());
 }
 
+TEST_F(VolumeSets, without_memory_for_the_quotes_of_a_set_the_search_ends) {
+    test::write_script(tool, "echo NAME; [ $# = 4 ] || echo 's;1'; echo set2");
+    // The block name of the path, the list, two names, and the quotes of the first.
+    test::fail_allocation(5);
+    EXPECT_EQ(look_up("/dev/qz/rdsk/dg/v"), "-1 null null");
+    EXPECT_EQ(happened(), "call: popen /usr/sbin/qzvset -g dg list\n");
+}
+
+TEST_F(VolumeSets, a_long_last_line_without_its_newline_is_one_name) {
+    test::write_script(tool,
+                       "case \"$*\" in\n"
+                       "'-g dg list') echo NAME; head -c 2000 /dev/zero | tr '\\0' x;;\n"
+                       "*) echo VOLUME;;\n"
+                       "esac");
+    EXPECT_EQ(look_up("/dev/qz/rdsk/dg/d"), "-1 null null");
+    EXPECT_EQ(happened(),
+              "call: popen /usr/sbin/qzvset -g dg list\n"
+              "call: popen /usr/sbin/qzvset -g dg list " +
+                  std::string(1023, 'x') + "\n");
+}
+
 }  // namespace

@@ -173,6 +173,15 @@ TEST_F(Wrappers, the_record_of_a_show_that_failed_is_left_alone) {
     EXPECT_EQ(shown.symid[12], 'x');
 }
 
+TEST_F(Wrappers, a_show_into_no_record_returns_the_result_alone) {
+    p_emc_tf_SymPdevShow = [](int32_t, const char *, SymDevice *d) { return d == nullptr ? 0 : 1; };
+    p_emc_tf_SymDevShow = [](int32_t, const char *, const char *, SymDevice *d) {
+        return d == nullptr ? 0 : 1;
+    };
+    EXPECT_EQ(emc_tf_SymPdevShow(1, text_a, nullptr), 0);
+    EXPECT_EQ(emc_tf_SymDevShow(1, text_a, text_b, nullptr), 0);
+}
+
 TEST_F(Wrappers, the_control_calls_pass_their_arguments_on_and_return_the_result) {
     p_emc_tf_SymLdevBcvControl = [](int32_t a, const char *b, const char *c, int d, int e) {
         return a == 1 && b == text_a && c == text_b && d == 2 && e == 3 ? 221 : 0;
