@@ -169,7 +169,7 @@ TEST_F(Convert, reinit_clears_integers_and_the_first_byte_of_everything_else) {
 }
 
 TEST_F(Convert, reinit_writes_32_bits_of_an_integer_whatever_its_size) {
-    int32_t pair[2] = {1, 2};
+    int32_t pair[2] = {0x01020304, 2};
     convert_add_ent(table, "n", pair, 8, CTYPE_INT, nullptr);
     convert_reinit(table);
     EXPECT_EQ(pair[0], 0);

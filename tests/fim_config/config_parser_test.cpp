@@ -322,6 +322,13 @@ TEST_F(FimConfigParse, a_failure_leaves_its_summary_in_the_buffer_and_out_of_the
     EXPECT_EQ(message(), "qfm_fcp_parse: Parse error 8 in config string: a=1,ranged=99");
 }
 
+TEST_F(FimConfigParse, a_success_leaves_the_buffer_alone) {
+    EXPECT_EQ(parse("a=1,ranged=99"), 8);
+    const std::string before = message();
+    EXPECT_EQ(parse("a=1"), 0);
+    EXPECT_EQ(message(), before);
+}
+
 TEST_F(FimConfigParse, of_a_string_given_twice_the_last_value_stays_and_the_first_is_freed) {
     test::watch_freed_blocks();
     EXPECT_EQ(parse("b=first,b=second"), 0);

@@ -226,6 +226,33 @@ TEST_F(FimConfig, the_details_of_a_pair_are_logged_at_level_5_only) {
               "qfm_fcp: End of string, exit\n");
 }
 
+TEST_F(FimConfig, the_end_clears_what_the_pair_before_left) {
+    Context context("");
+    char left[] = "left";
+    char *keyword = left, *value = left;
+    EXPECT_EQ(qfm_fcp_next(&context.context, &keyword, &value), 0);
+    EXPECT_EQ(keyword, nullptr);
+    EXPECT_EQ(value, nullptr);
+}
+
+TEST_F(FimConfig, a_refused_pair_clears_what_the_pair_before_left) {
+    Context context("=1");
+    char left[] = "left";
+    char *keyword = left, *value = left;
+    EXPECT_EQ(qfm_fcp_next(&context.context, &keyword, &value), 10);
+    EXPECT_EQ(keyword, nullptr);
+    EXPECT_EQ(value, nullptr);
+}
+
+TEST_F(FimConfig, a_pair_is_shown_without_the_blanks_around_it) {
+    set_level(5);
+    Context context(" a=1 \t,b", {empty_value, trim_blanks});
+    context.next();
+    EXPECT_EQ(log(),
+              "qfm_fcp:   cur_position:  a=1 \t,b\n"
+              "qfm_fcp: next pair: 'a=1'\n");
+}
+
 std::string trimmed(std::string text) {
     trim(text.data());
     return text.c_str();
@@ -245,6 +272,12 @@ TEST(Trim, makes_a_text_of_white_space_empty) {
 
 TEST(Trim, ignores_a_null_text) {
     trim(nullptr);
+}
+
+TEST(Trim, looks_at_nothing_before_an_empty_text) {
+    char text[] = " \t\n";
+    trim(text + 3);
+    EXPECT_STREQ(text, " \t\n");
 }
 
 TEST(Trim, takes_bytes_above_127_for_what_they_are) {

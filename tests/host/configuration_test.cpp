@@ -1,6 +1,8 @@
 // Entries of "ROOT/tq.conf".
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <climits>
 #include <cstring>
 #include <string>
 
@@ -102,6 +104,31 @@ TEST_F(Configuration, file_whose_path_cannot_be_formatted_has_no_entries) {
     write("dgimport=yes\n");
     const test::SystemFault fault("Q_snprintf", 1, 0);
     EXPECT_EQ(entry("dgimport"), "absent");
+}
+
+TEST_F(Configuration, comment_is_no_entry_even_of_a_key_that_begins_like_one) {
+    write("#dgimport=yes\n");
+    EXPECT_EQ(entry("#dgimport"), "absent");
+}
+
+TEST_F(Configuration, line_of_blanks_is_no_entry) {
+    write(" \t \n\n  \ndgimport=yes\n");
+    EXPECT_EQ(entry("dgimport"), "yes");
+    EXPECT_EQ(entry(""), "absent");
+}
+
+TEST_F(Configuration, presence_can_be_asked_without_a_buffer_whatever_its_size) {
+    write("a=1\n");
+    EXPECT_EQ(read_AD_HOC_config_entry(root, "a", nullptr, sizeof value), 0);
+}
+
+// Cut at the longest path, the name is that of another file.
+TEST_F(Configuration, file_whose_path_is_cut_is_not_read) {
+    test::write_file("/etc/other", "dgimport=yes\n");
+    const std::string name = "/etc/other";
+    const std::string longest = std::string(PATH_MAX - 1 - name.size(), '/') + name;
+    ASSERT_EQ(access(longest.c_str(), R_OK), 0);
+    EXPECT_NE(read_AD_HOC_config_entry(longest.c_str(), "dgimport", value, sizeof value), 0);
 }
 
 }  // namespace

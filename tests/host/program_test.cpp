@@ -277,4 +277,41 @@ TEST_F(Program, is_not_run_when_a_step_of_its_preparation_fails) {
     EXPECT_FALSE(test::exists("/tmp/seen"));
 }
 
+TEST_F(Program, status_is_not_lost_when_the_process_leaves_its_children_to_the_kernel) {
+    umount_does("exit 3");
+    struct sigaction unwaited = {};
+    unwaited.sa_handler = do_nothing;
+    unwaited.sa_flags = SA_NOCLDWAIT;
+    sigaction(SIGCHLD, &unwaited, nullptr);
+    EXPECT_NE(umount(), 0);
+    EXPECT_EQ(options.exit_status, 3);
+    struct sigaction now = {};
+    sigaction(SIGCHLD, nullptr, &now);
+    EXPECT_EQ(now.sa_handler, do_nothing);
+    EXPECT_NE(now.sa_flags & SA_NOCLDWAIT, 0);
+}
+
+// Whoever waits for it with the signal held back, in a loop of events say, must find it.
+TEST_F(Program, signal_of_a_child_that_is_held_back_is_still_there_afterwards) {
+    sigset_t one, mask, pending;
+    sigemptyset(&one);
+    sigaddset(&one, SIGCHLD);
+    sigprocmask(SIG_BLOCK, &one, &mask);
+    raise(SIGCHLD);
+    EXPECT_EQ(umount(), 0);
+    sigpending(&pending);
+    EXPECT_EQ(sigismember(&pending, SIGCHLD), 1);
+    sigprocmask(SIG_SETMASK, &mask, nullptr);
+}
+
+TEST_F(Program, signals_that_the_process_holds_back_are_the_same_afterwards) {
+    sigset_t before, after;
+    sigprocmask(SIG_BLOCK, nullptr, &before);
+    EXPECT_EQ(umount(), 0);
+    sigprocmask(SIG_BLOCK, nullptr, &after);
+    for (int signal = 1; signal < NSIG; ++signal) {
+        EXPECT_EQ(sigismember(&after, signal), sigismember(&before, signal)) << signal;
+    }
+}
+
 }  // namespace

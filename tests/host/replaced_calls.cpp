@@ -26,6 +26,8 @@ int __real_getaddrinfo(const char *name, const char *service, const addrinfo *hi
                        addrinfo **result);
 int __wrap_getaddrinfo(const char *name, const char *service, const addrinfo *hints,
                        addrinfo **result);
+void __real_freeaddrinfo(addrinfo *first);
+void __wrap_freeaddrinfo(addrinfo *first);
 int __real_getifaddrs(ifaddrs **first);
 int __wrap_getifaddrs(ifaddrs **first);
 void __real_freeifaddrs(ifaddrs *first);
@@ -106,18 +108,25 @@ char *__wrap_strerror_r(int error, char *buffer, size_t size) {
     return text ? text->data() : __real_strerror_r(error, buffer, size);
 }
 int __wrap_gethostname(char *name, size_t size) {
+    if (replaced().host_name) return replaced().host_name(name, size);
     if (!fails("gethostname")) return __real_gethostname(name, size);
     errno = EFAULT;
     return -1;
 }
 int __wrap_getaddrinfo(const char *name, const char *service, const addrinfo *hints,
                        addrinfo **result) {
+    if (replaced().resolver) return replaced().resolver(name, result);
     const int status = __real_getaddrinfo(name, service, hints, result);
     if (status != 0 || !replaced().strange_addresses) return status;
     for (addrinfo *a = *result; a != nullptr; a = a->ai_next) a->ai_addr->sa_family = AF_UNIX;
     return status;
 }
+// What a case answers is its own.
+void __wrap_freeaddrinfo(addrinfo *first) {
+    if (!replaced().resolver) __real_freeaddrinfo(first);
+}
 int __wrap_getifaddrs(ifaddrs **first) {
+    if (replaced().interface_list) return replaced().interface_list(first);
     if (fails("getifaddrs")) {
         // What the caller hands in is not looked at after a failure, whatever it holds.
         *first = reinterpret_cast<ifaddrs *>(8);
@@ -129,7 +138,7 @@ int __wrap_getifaddrs(ifaddrs **first) {
     return 0;
 }
 void __wrap_freeifaddrs(ifaddrs *first) {
-    if (!replaced().interfaces) __real_freeifaddrs(first);
+    if (!replaced().interfaces && !replaced().interface_list) __real_freeifaddrs(first);
 }
 pid_t __wrap_waitpid(pid_t pid, int *status, int options) {
     if (!fails("waitpid")) return __real_waitpid(pid, status, options);

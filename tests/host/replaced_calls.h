@@ -1,6 +1,11 @@
 // Calls of the host library that answer what no machine shows on demand.
 #pragma once
 
+#include <ifaddrs.h>
+#include <netdb.h>
+
+#include <cstddef>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -17,6 +22,10 @@ struct ReplacedCalls {
     std::optional<std::string> error_text;
     // The addresses of the interfaces, in version 4's dotted form; "" is an interface without one.
     std::optional<std::vector<std::string>> interfaces;
+    // What the resolver, the kernel's list of interfaces and its host name answer instead.
+    std::function<int(const char *name, addrinfo **answer)> resolver;
+    std::function<int(ifaddrs **answer)> interface_list;
+    std::function<int(char *name, size_t size)> host_name;
     // Every address that a name has is of a family that nobody knows.
     bool strange_addresses = false;
 };

@@ -345,5 +345,13 @@ TEST_F(WaitForEstablish, a_bcv_that_vanishes_while_polling_is_find_bcv_infos_fai
     expect_failure(10, "find_bcv_info: Cannot find BCV 0101 for disk 0001 in group DG");
 }
 
+TEST_F(BcvControl, nothing_to_control_is_no_call_and_needs_no_memory) {
+    fail_allocations_from(1);
+    EXPECT_EQ(emc_tf_bcv_control_all(2, 0, 0, nullptr), 0);
+    EXPECT_EQ(emc_tf_bcv_control_all(2, 0, -1, nullptr), 0);
+    no_more_faults();
+    EXPECT_TRUE(array.calls.empty());
+}
+
 }  // namespace
 }  // namespace test

@@ -8,6 +8,7 @@
 
 #include "method/descriptor.h"
 #include "tests/support/allocation_faults.h"
+#include "tests/support/fake_host.h"
 #include "tests/support/frozen_object.h"
 #include "tests/support/method_fixture.h"
 #include "tests/support/private_root.h"
@@ -225,6 +226,13 @@ TEST_F(HostCommandOutput, a_file_that_cannot_be_looked_at_or_emptied_keeps_its_c
         EXPECT_GE(output.options()->err_fd, 0) << call;
         EXPECT_EQ(test::read_file(object.out()), "kept") << call;
     }
+}
+
+// A host library of a later release may keep more in the record than this one.
+TEST_F(HostCommandOutput, the_record_is_the_host_library_s_fresh_one) {
+    const int before = test::fake_host().fresh_records;
+    const tf::CapturedOutput output(object.get());
+    EXPECT_EQ(test::fake_host().fresh_records, before + 1);
 }
 
 }  // namespace

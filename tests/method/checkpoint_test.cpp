@@ -49,6 +49,17 @@ std::string cloned_pair_lines() {
            "PMINFO-sync_at_end=0\nPMINFO-lock_set=0\nPRIM_MIR_INFO=NEXT\nPRIM_MIR_INFO=END\n";
 }
 
+// The byte of a newline, in a field that is no text.
+TEST_F(Checkpoint, the_number_10_is_no_newline) {
+    hdef *h = new_device(TF_OBJECT_FILE_SYSTEM);
+    h->keep_fi = '\n';
+    prim_mir_info *pm = add_record(h, "000184500123", "00A1", "01A1", "/dev/qz/rdmp/p0");
+    pm->lock_set = '\n';
+    EXPECT_EQ(checkpoint(h), 0) << errmsg;
+    EXPECT_NE(text.find("HDEF-keep_fi=10\n"), std::string::npos);
+    EXPECT_NE(text.find("PMINFO-lock_set=10\n"), std::string::npos);
+}
+
 TEST_F(Checkpoint, text_of_a_file_system_on_a_plain_device_is_this_to_the_byte) {
     hdef *h = new_device(TF_OBJECT_FILE_SYSTEM);
     h->sync_at_start = 2;

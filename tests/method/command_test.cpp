@@ -253,6 +253,7 @@ TEST_F(CommandRunner, nothing_is_run_when_a_missing_capture_file_cannot_be_made)
                    ">/tmp/no/such/folder 2>" +
                        object.err());
     EXPECT_FALSE(test::exists("/tmp/ran"));
+    EXPECT_FALSE(logged("--- Dumping file /tmp/no/such/folder (stdout):"));
 }
 
 TEST_F(CommandRunner, nothing_is_run_when_a_capture_file_cannot_be_asked_about) {

@@ -63,6 +63,11 @@ TEST_F(DeviceInformation, a_line_that_begins_with_nul_is_skipped) {
     expect_no_failure();
 }
 
+TEST_F(DeviceInformation, a_comment_does_not_overwrite_what_was_found) {
+    EXPECT_EQ(found_in("EMC p=/dev/yes s=YES\n#EMC p=/dev/no s=NO\n# EMC\n"), "/dev/yes YES");
+    expect_no_failure();
+}
+
 TEST_F(DeviceInformation, later_lines_overwrite_earlier_values) {
     EXPECT_EQ(found_in("EMC p=/dev/a s=A\nEMC s=B\n"), "/dev/a B");
     EXPECT_EQ(found_in("EMC p=/dev/a s=A s=C\nEMC p=/dev/b\n"), "/dev/b C");

@@ -108,6 +108,8 @@ TEST_F(FreezeConfig, a_table_that_cannot_be_built_has_number_1) {
     EXPECT_EQ(freeze("keep_fi=1"), 11);
     no_more_faults();
     expect_given_up(1, parse_error(1, "keep_fi=1"));
+    // There is nothing to delete.
+    EXPECT_FALSE(logged("qfm_fcp_table_delete: No table pointer was specified"));
 }
 
 TEST_F(FreezeConfig, a_keyword_that_cannot_be_added_has_number_1_and_the_parsers_status_0) {

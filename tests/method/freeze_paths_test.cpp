@@ -193,4 +193,25 @@ TEST_F(FreezeOwners, the_ids_of_a_missing_node_are_0_and_those_of_the_other_are_
     tf::free_hdef(h);
 }
 
+TEST_F(FreezePaths, a_multipath_name_that_is_no_volume_stays_the_array_s_name_too) {
+    mount_device("/dev/emcpowera");
+    write_file("/dev/emcpowera", "");
+    multipath("0010", "a", "/dev/sdb", {"/dev/sdc"});
+    bring_up("/dev/sdc");
+    ASSERT_EQ(freeze(), 0) << errmsg;
+    EXPECT_STREQ(handle->pminfo_list->dev_raw_device, "/dev/sdc");
+    EXPECT_STREQ(handle->pminfo_list->p_dev_raw_device, "/dev/emcpowera");
+    EXPECT_STREQ(handle->dev_raw_device, "/dev/emcpowera");
+}
+
+TEST_F(FreezePaths, a_port_beyond_the_array_s_count_is_not_looked_at) {
+    SymDevice &device = multipath("0010", "a", "/dev/sdb", {});
+    tf::put(device.ports[1], "/dev/sdd");
+    bring_up("/dev/sdb");
+    bring_up("/dev/sdd");
+    clone_tool_answers("/dev/emcpowera\n");
+    ASSERT_EQ(freeze(), 0) << errmsg;
+    EXPECT_STREQ(handle->pminfo_list->dev_raw_device, "/dev/sdb");
+}
+
 }  // namespace

@@ -135,6 +135,16 @@ TEST_F(FreezeSource, without_memory_for_the_group_nothing_stays_listed) {
     }
 }
 
+TEST_F(FreezeSource, without_memory_for_a_volumes_group_no_tool_is_run) {
+    mount_device("/dev/qz/dsk/datadg/vol1");
+    clone_tool_answers(std::string(raw_disk) + "\n");
+    fail_allocation(4);
+    EXPECT_EQ(freeze(), 11);
+    no_more_faults();
+    expect_given_up(1, "dg_insert: Memory allocation failure at line 319");
+    EXPECT_EQ(clone_tool_runs(), "");
+}
+
 TEST_F(FreezeSource, a_volume_without_a_name_fails_the_volume_test) {
     mount_device("/dev/qz/dsk/datadg");
     EXPECT_EQ(freeze(), 11);

@@ -299,4 +299,12 @@ TEST_F(FreezeVolume, without_memory_for_a_name_the_tool_is_not_asked) {
     }
 }
 
+TEST_F(FreezeVolume, a_list_of_a_tool_that_failed_is_not_believed) {
+    write_script(clone_tool, "echo /dev/qz/rdmp/disk_0 >\"$6\"; exit 1");
+    EXPECT_EQ(freeze(), 11);
+    EXPECT_EQ(errnum, 3);
+    EXPECT_EQ(handle, nullptr);
+    EXPECT_TRUE(array.calls.empty());
+}
+
 }  // namespace

@@ -175,4 +175,13 @@ TEST_F(HeldWrite, all_is_written_in_as_many_pieces_as_it_takes) {
     EXPECT_TRUE(tf::write_all(small_file(), "", 0));
 }
 
+TEST_F(HeldWrite, what_a_write_did_not_take_is_written_next) {
+    {
+        const test::SystemFault short_write("write", 1, 0, 3);
+        EXPECT_TRUE(tf::write_all(small_file(), "hello", 5));
+    }
+    // The first three are the fault's.
+    EXPECT_EQ(test::read_file(path), "lo");
+}
+
 }  // namespace

@@ -306,4 +306,27 @@ TEST_F(HostileNames, without_memory_for_the_quotes_of_a_capture_file_nothing_is_
     rmdir("/tmp/a b");
 }
 
+TEST_F(HostileNames, without_memory_for_the_quotes_of_the_second_capture_file_nothing_is_run) {
+    setenv("TMPDIR", "/tmp/a b", 1);
+    test::make_folders("/tmp/a b");
+    hdef *object = new_object(TF_OBJECT_RAW_DEVICE);
+    unsetenv("TMPDIR");
+    test::fail_allocation(2);
+    EXPECT_EQ(do_cmd(object, "touch /tmp/ran"), 11);
+    test::no_more_faults();
+    expect_failure(3, "do_cmd: Out of available memory");
+    remove_files(object);
+    rmdir("/tmp/a b");
+}
+
+TEST_F(HostileNames, without_memory_for_the_quotes_of_any_name_nothing_is_run) {
+    hdef *object = new_object(TF_OBJECT_RAW_DEVICE);
+    for (int n = 1; n <= 2; ++n) {
+        test::fail_allocation(n);
+        EXPECT_EQ(tf::run_tool(object, "touch /tmp/ran; %s %s %s", "echo", hostile, hostile), 11);
+        test::no_more_faults();
+        expect_failure(3, "do_cmd: Out of available memory");
+    }
+}
+
 }  // namespace

@@ -108,6 +108,7 @@ TEST_F(LockFile, clearing_the_last_object_removes_the_counter_file_alone) {
     EXPECT_FALSE(test::exists(path));
     EXPECT_TRUE(test::exists(lock_path));
     EXPECT_EQ(test::read_file(lock_path), "");
+    EXPECT_FALSE(logged("could not unlink file: " + path));
 }
 
 TEST_F(LockFile, a_set_after_the_last_clear_starts_afresh) {

@@ -26,6 +26,7 @@ using test::fake_host;
 
 void Q_sys_cmd_exec_options_init(Q_sys_cmd_exec_options *options) {
     *options = {-1, -1, 0};
+    ++fake_host().fresh_records;
 }
 
 int Q_mount(const char *block, const char *dir, const char *fstype, int flags,

@@ -21,6 +21,9 @@ struct FakeHost {
     // Called inside each command with its line: to look at the descriptors, to write output.
     std::function<void(const std::string &, const Q_sys_cmd_exec_options &)> on_command;
 
+    // Records that were made ready for a command.
+    int fresh_records = 0;
+
     std::string host_name = "client1.example.com";
     int host_name_result = 0;
     std::vector<std::string> local_hosts = {"client1"};
