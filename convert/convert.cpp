@@ -113,11 +113,31 @@ uint32_t append_line(convert_table *table, Buffer &result, const Buffer &line) {
     return 0;
 }
 
-convert_ent *find_entry(convert_table *table, const char *name) {
+int32_t scan_for_entry(const convert_table *table, const char *name) {
     for (int32_t i = 0; i < table->count; ++i) {
-        if (strcmp(table->entries[i].name, name) == 0) return &table->entries[i];
+        if (strcmp(table->entries[i].name, name) == 0) return i + 1;
     }
-    return nullptr;
+    return 0;
+}
+
+// Lines repeat in groups, so the entry that followed the last line's entry before follows it again.
+// It was found by a scan then: it still is the first of its name, since entries only come behind.
+const convert_ent *find_entry(convert_table *table, const char *name) {
+    int32_t found = 0;
+    int32_t *follower = nullptr;
+    if (table->last_found != 0) {
+        follower = &table->entries[table->last_found - 1].follower;
+        if (*follower != 0 && strcmp(table->entries[*follower - 1].name, name) == 0) {
+            found = *follower;
+        }
+    }
+    if (found == 0) {
+        found = scan_for_entry(table, name);
+        if (found == 0) return nullptr;
+        if (follower != nullptr) *follower = found;
+    }
+    table->last_found = found;
+    return &table->entries[found - 1];
 }
 
 uint32_t store_value(convert_table *table, const convert_ent &entry, const char *text) {
@@ -174,7 +194,7 @@ uint32_t convert_add_ent(convert_table *table, const char *name, void *value, ui
         table->entries = static_cast<convert_ent *>(grown);
         table->slots = table->capacity;
     }
-    table->entries[table->count++] = {name, value, value_size, type, conv_func};
+    table->entries[table->count++] = {name, value, value_size, type, 0, conv_func};
 
     // Checked only now: a caller that ignores the refusal keeps the entry, as it always has, and
     // its text keeps the line.

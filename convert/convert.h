@@ -33,6 +33,8 @@ struct convert_ent {
     void *value;          // the variable; not owned
     uint64_t value_size;  // bytes at value
     int32_t type;         // CTYPE_*; an entry refused for its type keeps what it was given
+    int32_t follower;     // number, from 1, of the entry that the line behind this one's named the
+                          // last time; 0 for none yet. Internal, in what would be padding.
     convert_function conv_func;
 };
 
@@ -43,6 +45,7 @@ struct convert_table {
     convert_ent *entries;  // owned
     char errmsg[1024];     // the last message
     int32_t slots;         // slots that entries really has; below capacity after a failed growth
+    int32_t last_found;    // number, from 1, of the entry that the last line named
 };
 
 // Makes a table with room for 1024 entries, to be given back with convert_close. Returns 0; 1 when

@@ -79,14 +79,20 @@ struct Rebuild {
     int32_t status = 0;              // of the last converted line
 };
 
-// The value of a line "key=value", or null when the line has another key.
-char *value_of(char *line, const char *wanted) {
-    const size_t length = strlen(wanted);
+// The value of a line "key=value", or null when the line has another key. Most lines differ in one
+// of the first two characters.
+template <size_t N>
+[[gnu::always_inline]] inline char *value_of(char *line, const char (&wanted)[N]) {
+    constexpr size_t length = N - 1;
+    static_assert(length >= 2);
+    if (line[0] != wanted[0] || line[1] != wanted[1]) return nullptr;
     if (strncmp(line, wanted, length) != 0 || line[length] != '=') return nullptr;
     return line + length + 1;
 }
 
-bool is_marker(char *line, const char *wanted, const char *value) {
+template <size_t N>
+[[gnu::always_inline]] inline bool is_marker(char *line, const char (&wanted)[N],
+                                             const char *value) {
     const char *found = value_of(line, wanted);
     return found != nullptr && strcmp(found, value) == 0;
 }

@@ -260,6 +260,40 @@ TEST_F(Convert, of_several_entries_of_one_name_the_first_always_wins) {
     EXPECT_STREQ(second, "untouched");
 }
 
+TEST_F(Convert, lines_that_repeat_in_groups_find_the_first_of_their_name_each_time) {
+    int32_t a = 0, b = 0, second_a = 0;
+    add_number("a", &a);
+    add_number("b", &b);
+    add_number("a", &second_a);
+    for (int round = 1; round < 4; ++round) {
+        for (const char *key : {"a", "b", "a", "a", "b"}) {
+            a = b = -1;
+            EXPECT_EQ(internal(std::string(key) + "=" + std::to_string(round)), 0U);
+            EXPECT_EQ(*key == 'a' ? a : b, round) << key;
+            EXPECT_EQ(*key == 'a' ? b : a, -1) << key;
+        }
+    }
+    EXPECT_EQ(second_a, 0);
+}
+
+TEST_F(Convert, a_line_that_does_not_come_in_its_usual_place_is_found_all_the_same) {
+    int32_t values[4] = {};
+    const char *names[] = {"a", "b", "c", "d"};
+    for (int i = 0; i < 3; ++i) add_number(names[i], &values[i]);
+    for (const char *line : {"a=1", "b=2", "c=3", "a=4", "c=5", "x=6", "b=7", "a=8", "b=9"}) {
+        EXPECT_EQ(internal(line), 0U);
+    }
+    EXPECT_EQ(values[0], 8);
+    EXPECT_EQ(values[1], 9);
+    EXPECT_EQ(values[2], 5);
+    // One that is registered later is no stranger either.
+    EXPECT_EQ(internal("d=1"), 0U);
+    EXPECT_EQ(message(), "convert_internal: cant find key: d");
+    add_number("d", &values[3]);
+    EXPECT_EQ(internal("d=2"), 0U);
+    EXPECT_EQ(values[3], 2);
+}
+
 TEST_F(Convert, a_text_is_cut_to_the_size_of_its_variable_less_one) {
     char small[6] = {'z', 'z', 'z', 'z', 'z', 'z'};
     convert_add_ent(table, "s", small, 5, CTYPE_STR, nullptr);
