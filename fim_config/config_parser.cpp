@@ -148,7 +148,9 @@ struct Parse {
 qfm_fcp_entry *find_entry(const Parse &parse, const char *keyword) {
     const auto compare = parse.options.case_sensitive_keywords != 0 ? strcmp : strcasecmp;
     for (qfm_fcp_entry *entry = parse.table->first; entry != nullptr; entry = entry->next) {
-        fcp::trace("%s: Checking table entry %s", parser_name, entry->keyword);
+        if (fcp::logs_details) {
+            fcp::trace("%s: Checking table entry %s", parser_name, entry->keyword);
+        }
         if (compare(entry->keyword, keyword) == 0) return entry;
     }
     return nullptr;

@@ -63,6 +63,9 @@ extern char message[2048];
 
 // Formats a message into the buffer and logs it at level 1 or more.
 void report(const char *format, ...) __attribute__((format(printf, 1, 2)));
+// Whether details are logged now: asked before the details of a loop, whose calls would be most of
+// its cost.
+extern bool logs_details;
 // Formats and logs a detail at level 5 or more; below it nothing happens.
 void trace(const char *format, ...) __attribute__((format(printf, 1, 2)));
 // The message of a failed allocation. The number names the place to whoever reads the log.

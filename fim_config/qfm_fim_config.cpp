@@ -29,6 +29,8 @@ bool logs_at(int32_t level) {
 
 }  // namespace
 
+bool logs_details = false;
+
 void report(const char *format, ...) {
     va_list args;
     va_start(args, format);
@@ -38,7 +40,7 @@ void report(const char *format, ...) {
 }
 
 void trace(const char *format, ...) {
-    if (!logs_at(detail_level)) return;
+    if (!logs_details) return;
     va_list args;
     va_start(args, format);
     Q_vsnprintf(message, sizeof message, format, args);
@@ -105,6 +107,7 @@ void free_entries(qfm_fcp_entry *entry) {
 void qfm_fcp_set_logf(qfm_fcp_log_function sink, int32_t level) {
     fcp::log_sink = sink;
     fcp::log_level = level;
+    fcp::logs_details = fcp::logs_at(fcp::detail_level);
     if (fcp::logs_at(fcp::message_level) && !fcp::banner_written) {
         // The leading p has always been part of this line; log filters match on it.
         sink("pQfMS FIM config string parser $Revision$");
