@@ -139,7 +139,7 @@ class Cleanup {
     }
 
     // What went wrong, or "".
-    static std::string end(const Orphan &orphan) {
+    std::string end(const Orphan &orphan) const {
         std::string why;
         switch (orphan.kind) {
         case OrphanKind::mount:
@@ -149,6 +149,8 @@ class Cleanup {
             return rmdir(orphan.path.c_str()) == 0 || errno == ENOENT ? "" : strerror(errno);
         case OrphanKind::scratch:
             return remove_scratch(orphan.path);
+        case OrphanKind::lock:
+            return remove_lock(orphan.id);
         case OrphanKind::counter:
             return remove_left_counter(orphan.path, why) ? "" : why;
         default:
@@ -160,6 +162,16 @@ class Cleanup {
         const ToolResult said = run_tool({"umount", "--", directory});
         if (!said.good()) return said.reason() + " (fuser -vm " + shell_word(directory) + ")";
         rmdir(directory.c_str());
+        return "";
+    }
+
+    // Taken as by any fimctl, so that it is nobody's while it goes.
+    std::string remove_lock(int64_t id) const {
+        try {
+            const SnapshotLock lock(settings_.state, id);
+        } catch (const Failure &failure) {
+            return failure.what();
+        }
         return "";
     }
 

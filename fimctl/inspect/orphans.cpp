@@ -124,6 +124,8 @@ const char *name_of(OrphanKind kind) {
         return "folder";
     case OrphanKind::scratch:
         return "temporary files";
+    case OrphanKind::lock:
+        return "lock";
     case OrphanKind::counter:
         return "counter file";
     case OrphanKind::group:

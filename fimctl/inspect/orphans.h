@@ -19,6 +19,7 @@ enum class OrphanKind {
     mount,     // below the folder of the copies, of no snapshot
     folder,    // there as well, empty
     scratch,   // temporary files of no phase
+    lock,      // the lock file of a fimctl that was killed, of no snapshot that is not over
     counter,   // an array's counter file whose owner is gone
     group      // a copy's disk group that is imported here and that no snapshot names
 };
@@ -51,6 +52,7 @@ struct Remains {
     std::vector<std::string> mounts;   // below the folder of the copies, the deepest first
     std::vector<std::string> folders;  // in it
     std::vector<std::string> scratch;
+    std::vector<std::string> locks;
     std::vector<CounterFile> counters;
     std::vector<std::string> groups;  // imported here, with the names of copies
 };

@@ -61,7 +61,7 @@ class Strays {
   public:
     Strays(const Settings &settings, const std::vector<SnapshotRecord> &snapshots,
            std::vector<Orphan> &orphans)
-        : orphans_(orphans) {
+        : state_(settings.state), orphans_(orphans) {
         for (const SnapshotRecord &snapshot : snapshots) {
             const bool is_worked_on =
                 SnapshotLock::state_of(settings.state, snapshot.id) == LockState::held;
@@ -79,6 +79,7 @@ class Strays {
             if (unfinished_.count(fs::path(folder).filename()) != 0) continue;
             add(OrphanKind::scratch, folder, "of no snapshot that is not over");
         }
+        for (const std::string &file : remains.locks) judge_lock(file);
         for (const CounterFile &counter : remains.counters) judge_counter(counter);
         for (const std::string &group : remains.groups) judge_group(group);
     }
@@ -116,6 +117,17 @@ class Strays {
         add(OrphanKind::folder, folder, "a place for a copy, of no snapshot");
     }
 
+    // One that was killed before its snapshot was entered for good has left the catalogue as it
+    // was.
+    void judge_lock(const std::string &file) {
+        const std::string number = fs::path(file).filename();
+        if (number.find_first_not_of("0123456789") != std::string::npos) return;
+        if (unfinished_.count(number) != 0) return;
+        const int64_t id = strtoll(number.c_str(), nullptr, 10);
+        if (SnapshotLock::state_of(state_, id) != LockState::left) return;
+        add(OrphanKind::lock, file, "its fimctl was killed").id = id;
+    }
+
     // Between two phases of a snapshot the counter file of its array has an owner that is gone:
     // that is the rule, and the next phase takes it over.
     void judge_counter(const CounterFile &counter) {
@@ -143,6 +155,7 @@ class Strays {
         orphan.is_kept = true;
     }
 
+    const std::string state_;
     std::vector<Orphan> &orphans_;
     std::set<std::string> unfinished_, places_, arrays_, groups_;
 };
@@ -158,6 +171,8 @@ Remains look_for_remains(const Settings &settings) {
     std::reverse(remains.mounts.begin(), remains.mounts.end());
     remains.folders = entries_of(folder);
     remains.scratch = entries_of(settings.state + "/" + path::scratch_folder);
+    if (Catalogue::exists(settings.state))
+        remains.locks = entries_of(lock_folder_of(settings.state));
     remains.counters = read_counter_files();
     remains.groups = imported_copies();
     return remains;

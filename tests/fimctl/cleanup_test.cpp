@@ -12,6 +12,7 @@
 
 #include "fimctl/frozen_mark.h"
 #include "fimctl/paths.h"
+#include "fimctl/snapshot_lock.h"
 #include "tests/fimctl/killing.h"
 #include "tests/fimctl/loop_file_system.h"
 #include "tests/fimctl/world.h"
@@ -189,6 +190,27 @@ TEST_F(Cleanup, takes_temporary_files_and_counter_files_of_dead_owners_away) {
     EXPECT_FALSE(test::exists(state_ + "/tmp/9"));
     EXPECT_TRUE(test::exists(expected)) << "the next phase of snapshot 1 takes it over";
     EXPECT_TRUE(test::exists(owned));
+}
+
+// A fimctl that is killed while it enters a snapshot leaves its lock's file and no snapshot: the
+// catalogue is as it was.
+TEST_F(Cleanup, takes_the_lock_of_a_snapshot_that_was_never_entered_away) {
+    freeze(one_);
+    ASSERT_EQ(fimctl({"release", "1"}).status, 0);
+    const std::string folder = fimctl::lock_folder_of(state_);
+    const std::string over = folder + "/1", unknown = folder + "/2", held = folder + "/3";
+    test::write_file(over, "");
+    test::write_file(unknown, "");
+    {
+        const fimctl::SnapshotLock lock(state_, 3);
+        const Ended named = fimctl({"orphans"});
+        EXPECT_TRUE(has(named.out, unknown)) << named.out;
+        EXPECT_EQ(fimctl({"cleanup"}).status, 0);
+        EXPECT_FALSE(test::exists(over));
+        EXPECT_FALSE(test::exists(unknown));
+        EXPECT_TRUE(test::exists(held)) << "somebody works on it";
+    }
+    EXPECT_EQ(fimctl({"orphans"}).out, "");
 }
 
 TEST_F(Cleanup, of_a_disk_group_that_no_snapshot_names_is_the_operator_s) {
