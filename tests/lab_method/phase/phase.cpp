@@ -29,6 +29,7 @@
 // changed of this process: signals, directory, descriptors and the like; of "close", against the
 // process before it loaded the library.
 #include <dlfcn.h>
+#include <sys/prctl.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -347,8 +348,19 @@ bool take_with(const std::string &name, Method &method, Steps &steps) {
     return true;
 }
 
+// Says to whoever looks from outside what the process is at: its name is the step's, and between
+// two steps its own.
+class Told {
+  public:
+    explicit Told(const std::string &step) { prctl(PR_SET_NAME, step.c_str()); }
+    ~Told() { prctl(PR_SET_NAME, "tfphase"); }
+    Told(const Told &) = delete;
+    Told &operator=(const Told &) = delete;
+};
+
 void take(Method &method, Steps &steps) {
     const std::string name = steps.next();
+    const Told told(name);
     if (take_with(name, method, steps)) return;
     if (name == "freeze" || name == "freeze_no_wait") {
         const char *config = steps.next(), *source = steps.next();
