@@ -65,7 +65,8 @@ bool write_all(int fd, const char *data, size_t size) {
     while (size > 0) {
         const ssize_t written = held_write(fd, data, size);
         if (written < 0 && errno == EINTR) continue;
-        if (written < 0) return false;
+        // One that takes nothing and names no error would be tried for ever.
+        if (written <= 0) return false;
         data += written;
         size -= static_cast<size_t>(written);
     }

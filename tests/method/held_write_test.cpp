@@ -184,4 +184,9 @@ TEST_F(HeldWrite, what_a_write_did_not_take_is_written_next) {
     EXPECT_EQ(test::read_file(path), "lo");
 }
 
+TEST_F(HeldWrite, a_write_that_takes_nothing_fails_instead_of_being_tried_for_ever) {
+    const test::SystemFault fault("write", 1, 0, 0);
+    EXPECT_FALSE(tf::write_all(small_file(), "12", 2));
+}
+
 }  // namespace
