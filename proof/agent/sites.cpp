@@ -18,12 +18,13 @@ namespace agent {
 namespace {
 
 constexpr char library_name[] = "libtimefinder_fim.so";
+constexpr char host_name[] = "libtessera_host.so";
 constexpr char array_name[] = "libsymapi.so";
 constexpr char agent_name[] = "libtfagent.so";
 constexpr size_t most_frames = 24, most_sites = 1 << 14, longest_word = 64;
 
 // What the object is that an address lies in.
-enum class Owner : uint8_t { library, array, program, other };
+enum class Owner : uint8_t { library, host, array, program, other };
 
 struct Site {
     uint64_t key = 0;  // 0: free
@@ -63,6 +64,7 @@ Owner owner_of(const void *address, uint64_t *offset) {
     *offset = reinterpret_cast<uintptr_t>(address) - found.dlfo_link_map->l_addr;
     if (name[0] == '\0') return Owner::program;
     if (ends_with(name, library_name)) return Owner::library;
+    if (ends_with(name, host_name)) return Owner::host;
     return ends_with(name, array_name) ? Owner::array : Owner::other;
 }
 
@@ -79,6 +81,9 @@ _Unwind_Reason_Code step(_Unwind_Context *context, void *walk_address) {
     if (address == 0) return _URC_END_OF_STACK;
     uint64_t offset = 0;
     switch (owner_of(reinterpret_cast<void *>(address), &offset)) {
+    case Owner::host:
+        offset |= in_host_library;
+        [[fallthrough]];
     case Owner::library:
         walk.ours = true;
         if (walk.frames < most_frames) {

@@ -16,10 +16,11 @@
 // function, "kind" every call of the kind. KEY is the site's, or "any": then CALL counts all calls
 // of the kind.
 //
-// A site is a kind, a function and the return addresses in the shipped library on the way to it, as
-// offsets in the library, outermost first. The agent is inert outside the entry points: a call
-// counts only when, outwards from it, a frame of the shipped library comes before one of the
-// array's library or of the program (whose log sink is called from inside, too).
+// A site is a kind, a function and the return addresses in the shipped libraries on the way to it,
+// as offsets in the method, or in the host library with in_host_library added, outermost first. The
+// agent is inert outside the entry points: a call counts only when, outwards from it, a frame of a
+// shipped library comes before one of the array's library or of the program (whose log sink is
+// called from inside, too).
 //
 // Nothing here allocates once the program runs.
 #pragma once
@@ -28,6 +29,8 @@
 #include <cstdint>
 
 namespace agent {
+
+constexpr uint64_t in_host_library = 1U << 31;
 
 enum class Fate : uint8_t { go_on, fail, fail_after, kill, kill_after, lie };
 

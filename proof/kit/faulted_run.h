@@ -71,6 +71,8 @@ class Bench {
 
     // What the n-th process reaches, in the order in which it is reached first.
     const std::vector<Site> &sites(size_t process);
+    // What it gives then.
+    const test::Phase &without_fault(size_t process);
 
     struct Checks {
         bool may_be_killed = false;  // the plan kills the process: that is no crash
@@ -99,6 +101,7 @@ class Bench {
     std::unique_ptr<test::LabWorld> world_;
     std::string before_;  // the picture
     std::vector<std::vector<Site>> sites_;
+    std::vector<test::Phase> without_fault_;
     double seconds_ = 0;
 };
 

@@ -39,6 +39,8 @@ bool made_by(const std::string &text, const char *format) {
     for (size_t i = 0; i + 1 < parts.size(); ++i) {
         const size_t found = text.find(parts[i], at);
         if (found == std::string::npos || (i == 0 && found != 0)) return false;
+        // A message begins with who reports it, in one word; what follows may be a whole message.
+        if (i == 1 && text.find_first_of(": ") < found) return false;
         at = found + parts[i].size();
     }
     const std::string &last = parts.back();
