@@ -1,0 +1,43 @@
+// A row in which every call of a kind fails in turn: each place that a scenario reaches, at its
+// first, a middle and its last call, once and for good, in every way that it can fail.
+//
+//   ROW --full|--quick --seed N --state DIR [--point NAME...]
+//   ROW --full --state DIR --record      takes what is seen for the tables, to be read by a person
+//
+// What is expected stands in proof/expected/ROW/SCENARIO (see outcomes.h), the places that were
+// reached when it was written in proof/expected/ROW/sites: "SCENARIO PROCESS CALLS SITE". The quick
+// form draws from those; the full form looks which there are.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "proof/kit/faulted_run.h"
+
+namespace proof {
+
+// One way in which a call is met.
+struct Way {
+    std::string name;  // "EIO"; a word of the point's name
+    std::string fate, word = "-";
+    long value = 0;
+    bool lasts = true;  // whether it can be for good
+};
+
+struct CallRow {
+    std::string name;         // "allocations", also the folder of its tables
+    std::string about;        // for --help
+    std::string kind;         // of the agent: "alloc"
+    std::string once_broken;  // the scope of a fault for good: "function", "kind"
+    size_t quick = 0;         // points of the quick form
+    // Functions that the row ought to know and does not; empty: there are none.
+    std::function<std::vector<std::string>()> unknown;
+    // How a call of this function can fail; none: it cannot.
+    std::function<std::vector<Way>(const std::string &function)> ways;
+};
+
+// Runs the row; the status of main().
+int run_call_row(int argc, char **argv, const CallRow &row);
+
+}  // namespace proof
