@@ -1,10 +1,13 @@
 #include "conformance/contract.h"
 
+#include <signal.h>
+
 #include <algorithm>
 #include <fstream>
 #include <iterator>
 #include <map>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <regex>
 #include <sstream>
 
@@ -16,11 +19,13 @@ std::string library;
 
 namespace {
 
+// Real seconds after which a process is killed.
+constexpr double patience = 60;
 constexpr char installed[] = "/usr/quill/tessera/lib/libtimefinder_fim.so";
 
 struct Kept {
-    std::unique_ptr<SharedWorld> world;
-    std::string picture;  // of the world as every case finds it
+    std::unique_ptr<LabWorld> world;
+    std::string state;  // of the world as every case finds it
     bool furnished = false;
 };
 
@@ -29,13 +34,11 @@ std::map<std::string, Kept> &worlds() {
     return all;
 }
 
+// A world says, too, when a loop device was left in it.
 void end_world(const std::string &scenario) {
-    worlds()[scenario].world->close();
-    worlds().erase(scenario);
+    const auto kept = worlds().extract(scenario);
+    kept.mapped().world->stop();
 }
-
-// Seconds of the array's clock in which every pair comes to rest.
-constexpr char time_to_rest[] = "clock advance 60";
 
 // What a red case shows of a text: of two long ones, the lines that differ.
 std::string part_to_show(const std::string &text, const std::string &other) {
@@ -70,17 +73,37 @@ void Contract::furnish() {
     world().synchronise();
 }
 
+std::string Contract::state() {
+    std::string text;
+    const auto shown = nlohmann::json::parse(array("show --json"), nullptr, false);
+    for (const auto &one : shown["arrays"]) {
+        for (const auto &pair : one["pairs"])
+            text += "pair " + pair["bcv"].get<std::string>() + " " + pair["state"].dump() + "\n";
+    }
+    for (const std::string &name : hosts_) {
+        world_->on(name);
+        text += name + ":\n" +
+                host(
+                    "cd /usr/quill/tessera/online_util/db_cntl && for f in *; do [ ! -e \"$f\" ] ||"
+                    " ls -ld --time-style=+ $f; [ ! -f $f ] || od -An -tx1 $f; done;"
+                    " cat /proc/self/mounts; ls -A /tmp");
+    }
+    world_->on(hosts_.front());
+    return text;
+}
+
 void Contract::SetUp() {
     Kept &kept = worlds()[scenario_];
     if (kept.world == nullptr) {
-        kept.world = std::make_unique<SharedWorld>(scenario_, hosts_);
-        kept.world->open();
+        kept.world = std::make_unique<LabWorld>(scenario_, hosts_);
+        kept.world->start();
     }
     world_ = kept.world.get();
     world_->on(hosts_.front());
-    if (!kept.furnished) {
+    if (kept.state.empty()) {
         if (!library.empty()) {
-            fs::copy_file(library, world_->exchange() / "library");
+            fs::copy_file(library, world_->exchange() / "library",
+                          fs::copy_options::overwrite_existing);
             for (const std::string &name : hosts_) {
                 world_->on(name);
                 host(std::string("cp /exchange/library ") + installed);
@@ -88,8 +111,7 @@ void Contract::SetUp() {
             world_->on(hosts_.front());
         }
         furnish();
-        kept.picture = world_->picture();
-        kept.furnished = !HasFailure();
+        kept.state = state();
     }
     for (const auto &entry : fs::directory_iterator(world_->exchange())) {
         const std::string name = entry.path().filename();
@@ -98,18 +120,26 @@ void Contract::SetUp() {
 }
 
 void Contract::TearDown() {
+    if (world_ == nullptr) return;
     world_->on(hosts_.front());
-    array(time_to_rest);
-    const std::string seen = world_->picture();
-    const std::string expected = worlds()[scenario_].picture;
+    array("clock advance 60");
+    const std::string seen = state(), expected = worlds()[scenario_].state;
     is("the world after the case", expected, seen);
     if (seen != expected) end_world(scenario_);
 }
 
-Phase Contract::run(const Words &steps, int level) {
-    Phase phase = world_->phase(steps, level);
+Phase Contract::judged(Phase phase) const {
+    is("how the process ended", 0, phase.status);
     is("what the process printed", "", phase.output);
+    for (const Call &call : phase.calls) {
+        for (const std::string &what : call.changed)
+            is("what " + call.step + " left changed in its process", "", what);
+    }
     return phase;
+}
+
+Phase Contract::run(const Words &steps, int level) {
+    return judged(world_->try_phase(steps, patience, level));
 }
 
 Phase Contract::run_with(const Words &first, const std::function<void()> &meanwhile,
@@ -117,12 +147,15 @@ Phase Contract::run_with(const Words &first, const std::function<void()> &meanwh
     const Words wait =
         shell("touch /exchange/here; while [ ! -e /exchange/go ]; do sleep 0.01; done");
     const test::Running running = world_->begin_phase(first + wait + rest, level);
-    world_->wait_for_file("here");
-    meanwhile();
+    try {
+        world_->wait_for_file("here");
+        meanwhile();
+    } catch (...) {
+        kill(running.pid, SIGKILL);
+        throw;
+    }
     world_->make_file("go");
-    Phase phase = world_->end_phase(running);
-    is("what the process printed", "", phase.output);
-    return phase;
+    return judged(world_->end_phase(running));
 }
 
 std::string Contract::file(const std::string &name) const {
@@ -236,6 +269,23 @@ Words fixed_names(const Words &lines) {
     for (const std::string &line : lines)
         fixed.push_back(std::regex_replace(line, temporary, "/tmp/$1??????"));
     return fixed;
+}
+
+Words commands(const Call &call) {
+    const std::string begin = "Executing command: ",
+                      end = " </dev/null >/tmp/QfMS?????? 2>/tmp/QfMS??????";
+    Words lines;
+    for (const std::string &line : fixed_names(call.log)) {
+        if (!line.starts_with(begin) || line.find("tqtpcinfo") != std::string::npos) continue;
+        is("streams of a command", end,
+           line.substr(line.size() - std::min(line.size(), end.size())));
+        lines.push_back(line.substr(begin.size(), line.size() - begin.size() - end.size()));
+    }
+    return lines;
+}
+
+void ran(const Call &call, const Words &lines) {
+    is("commands of " + call.step, joined(lines), joined(commands(call)));
 }
 
 void logs(const Call &call, const std::string &line) {

@@ -5,42 +5,19 @@
 // devices and temporary files. One that does not is red, and the next case gets a new world.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <functional>
 #include <string>
 
-#include "tests/support/world.h"
+#include "tests/support/lab_world.h"
 
 namespace conformance {
 
 using test::Call;
+using test::LabWorld;
 using test::Phase;
 using test::Words;
-
-// A world that outlives a case. All of what a world offers is open to the cases.
-class SharedWorld : public test::World {
-  public:
-    SharedWorld(const std::string &scenario, const Words &hosts) : World(scenario, hosts) {}
-    void open() { SetUp(); }
-    void close() { TearDown(); }
-
-    using World::array;
-    using World::begin_phase;
-    using World::counter_files;
-    using World::end_phase;
-    using World::exchange;
-    using World::host;
-    using World::make_file;
-    using World::mount_source;
-    using World::on;
-    using World::pair_state;
-    using World::phase;
-    using World::picture;
-    using World::synchronise;
-    using World::wait_for_file;
-
-  private:
-    void TestBody() override {}
-};
 
 // The library under test: a file, or empty for the one that was built with these cases.
 extern std::string library;
@@ -62,14 +39,14 @@ class Contract : public testing::Test {
     // The text that a case stands for; a red case shows it.
     static void contract(const std::string &text);
 
-    SharedWorld &world() { return *world_; }
+    LabWorld &world() { return *world_; }
     std::string host(const std::string &line) { return world_->host(line); }
     std::string array(const std::string &line) { return world_->array(line); }
     // The pair is split as before the first snapshot; every release joins it again.
     void split_the_pair() { array("split 000184500123 00A1 01A1"); }
 
-    // One process of the framework. It prints nothing: both its streams are the method's to leave
-    // alone.
+    // One process of the framework. It prints nothing, its two streams are none of the method's,
+    // and no call leaves anything changed in it: signals, directory, descriptors, children.
     Phase run(const Words &steps, int level = 2);
     // The same, with something done after the first steps while the process is alive.
     Phase run_with(const Words &first, const std::function<void()> &meanwhile, const Words &rest,
@@ -81,9 +58,13 @@ class Contract : public testing::Test {
     void has_line(const std::string &name, const std::string &line) const;
 
   private:
+    // Pairs, and of every host counter files, mounts and temporary files.
+    std::string state();
+    Phase judged(Phase phase) const;
+
     std::string scenario_;
     Words hosts_;
-    SharedWorld *world_ = nullptr;
+    LabWorld *world_ = nullptr;
 };
 
 // The steps of a process, to be put in a row with "+".
@@ -123,5 +104,9 @@ void log_is(const Call &call, const Words &lines);
 // A field of a record that record() told, of the n-th device where it is one of a device.
 void field_is(const Call &call, const std::string &name, const std::string &value, size_t n = 0);
 Words fixed_names(const Words &lines);
+// The commands that a call ran, without what follows their arguments, and without the question for
+// an array's serial number.
+Words commands(const Call &call);
+void ran(const Call &call, const Words &lines);
 
 }  // namespace conformance
