@@ -90,4 +90,27 @@ TEST_F(RefusedCommand, signal_from_elsewhere_comes_once) {
     signal(SIGPIPE, SIG_DFL);
 }
 
+TEST_F(RefusedCommand, stream_that_cannot_be_written_costs_the_line_alone) {
+    options.err_fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    expect_refused();
+}
+
+TEST_F(RefusedCommand, interrupted_take_up_of_the_signal_goes_on) {
+    give_closed_pipe();
+    const test::SystemFault fault("sigtimedwait", 1, EINTR);
+    expect_refused();
+    EXPECT_FALSE(is_pending(SIGPIPE));
+}
+
+// Somebody else may have taken the signal first.
+TEST_F(RefusedCommand, signal_that_cannot_be_taken_up_is_not_waited_for) {
+    seen = 0;
+    signal(SIGPIPE, count);
+    give_closed_pipe();
+    const test::SystemFault fault("sigtimedwait", 1, EAGAIN);
+    expect_refused();
+    EXPECT_EQ(seen, 1);
+    signal(SIGPIPE, SIG_DFL);
+}
+
 }  // namespace

@@ -189,4 +189,22 @@ TEST_F(HeldWrite, a_write_that_takes_nothing_fails_instead_of_being_tried_for_ev
     EXPECT_FALSE(tf::write_all(small_file(), "12", 2));
 }
 
+TEST_F(HeldWrite, an_interrupted_take_up_goes_on) {
+    const test::SystemFault fault("sigtimedwait", 1, EINTR);
+    EXPECT_EQ(tf::held_write(closed_pipe(), "x", 1), -1);
+    EXPECT_EQ(errno, EPIPE);
+    EXPECT_FALSE(is_pending(SIGPIPE));
+}
+
+// Somebody else may have taken the signal first.
+TEST_F(HeldWrite, a_signal_that_cannot_be_taken_up_is_not_waited_for) {
+    seen_pipes = 0;
+    signal(SIGPIPE, count_pipe);
+    const test::SystemFault fault("sigtimedwait", 1, EAGAIN);
+    EXPECT_EQ(tf::held_write(closed_pipe(), "x", 1), -1);
+    EXPECT_EQ(errno, EPIPE);
+    EXPECT_EQ(seen_pipes, 1);
+    signal(SIGPIPE, SIG_DFL);
+}
+
 }  // namespace

@@ -9,6 +9,7 @@
 
 #include "method/command.h"
 #include "method/device_information.h"
+#include "method/freeze.h"
 #include "tests/method/rebuild_fixture.h"
 
 namespace {
@@ -165,6 +166,8 @@ TEST_F(HostileNames, without_memory_for_the_quotes_nothing_is_run) {
 // all its names whole, or not at all.
 class HostileNamesWithoutMemory : public HostileNames {
   protected:
+    ~HostileNamesWithoutMemory() override { g_plexname = plex_before_; }
+
     using Prepare = std::function<void(hdef *)>;
     using Operation = std::function<int32_t(hdef *)>;
 
@@ -209,7 +212,11 @@ class HostileNamesWithoutMemory : public HostileNames {
         return found;
     }
 
+    char *const plex_before_ = g_plexname;
     int allocations_ = 0;
+
+  protected:
+    char plex[8] = "p;ran 1";
 };
 
 TEST_F(HostileNamesWithoutMemory, the_clone_tool_gets_whole_names_after_a_rebuild) {
@@ -223,6 +230,7 @@ TEST_F(HostileNamesWithoutMemory, the_clone_tool_gets_whole_names_after_a_rebuil
 }
 
 TEST_F(HostileNamesWithoutMemory, the_clone_tool_gets_whole_names_in_the_same_process) {
+    g_plexname = plex;
     expect_whole_names([](hdef *) {},
                        [this](hdef *object) { return TimeFinder_volumes(object, path, &count); });
 }
@@ -264,6 +272,7 @@ TEST_F(HostileNamesWithoutMemory, a_restore_gives_whole_names) {
 }
 
 TEST_F(HostileNamesWithoutMemory, the_clone_step_of_a_checkpoint_gets_whole_names) {
+    g_plexname = plex;
     expect_whole_names([](hdef *object) { tf::put(object->transfer_file, "/tmp/EMCTX 'a file'"); },
                        [](hdef *object) {
                            tf::HeapOwner<char> text;
@@ -286,8 +295,12 @@ TEST_F(HostileNamesWithoutMemory, the_disk_tool_of_a_rebuild_gets_a_whole_name) 
     const std::string disk = "c1 t'0;touch /tmp/ran";
     const std::string text =
         imported_target() + known_pair("00A1", "01A1", ("/dev/rdsk/" + disk).c_str());
-    expect_whole_names([](hdef *) {}, [&](hdef *) { return rebuild(text); },
-                       "[qzdisk][define][" + disk + "]");
+    const auto operation = [&](hdef *) { return rebuild(text); };
+    expect_whole_names([](hdef *) {}, operation, "[qzdisk][define][" + disk + "]");
+    test::write_script("/usr/sbin/qzdisk",
+                       "printf '[%s]' \"${0##*/}\" \"$@\" >>/tmp/words; echo >>/tmp/words\n"
+                       "[ \"$1\" != list ]");
+    expect_whole_names([](hdef *) {}, operation);
 }
 
 TEST_F(HostileNames, without_memory_for_the_quotes_of_a_capture_file_nothing_is_run) {

@@ -10,6 +10,7 @@
 
 #include "method/text.h"
 #include "tests/support/private_root.h"
+#include "tests/support/system_faults.h"
 
 namespace {
 
@@ -78,6 +79,13 @@ TEST_F(TransferFile, file_size_limit_is_a_failed_line_and_not_the_end) {
     EXPECT_EQ(errno, EFBIG);
     setrlimit(RLIMIT_FSIZE, &limit);
     EXPECT_EQ(test::read_file(path), "one line\n");
+}
+
+TEST_F(TransferFile, line_without_its_newline_is_a_failed_line) {
+    ASSERT_TRUE(file.create(path));
+    const test::SystemFault fault("write", 2, ENOSPC);
+    EXPECT_FALSE(file.write_line("a line"));
+    EXPECT_EQ(errno, ENOSPC);
 }
 
 TEST_F(TransferFile, discarding_deletes_the_file_and_empties_the_path) {

@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdio>
@@ -37,6 +38,8 @@ int __wrap_access(const char *path, int mode);
 int __wrap_fstat(int fd, struct stat *status);
 FILE *__wrap_fdopen(int fd, const char *mode);
 int __wrap_Q_snprintf(char *out, size_t size, const char *format, ...);
+int __real_sigtimedwait(const sigset_t *set, siginfo_t *info, const timespec *limit);
+int __wrap_sigtimedwait(const sigset_t *set, siginfo_t *info, const timespec *limit);
 }
 
 namespace {
@@ -142,4 +145,8 @@ int __wrap_Q_snprintf(char *out, size_t size, const char *format, ...) {
     const int length = vsnprintf(out, size, format, args);
     va_end(args);
     return length;
+}
+int __wrap_sigtimedwait(const sigset_t *set, siginfo_t *info, const timespec *limit) {
+    return answered("sigtimedwait") ? static_cast<int>(fault.result)
+                                    : __real_sigtimedwait(set, info, limit);
 }

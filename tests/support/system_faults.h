@@ -1,5 +1,6 @@
 // Calls of the code under test that fail or fall short on demand: read, write, lseek, ftruncate,
-// unlink, fcntl, fstat, fdopen, getpgid, getpid, access, system, and the host library's Q_snprintf.
+// unlink, fcntl, fstat, fdopen, getpgid, getpid, access, sigtimedwait, system, and the host
+// library's Q_snprintf.
 #pragma once
 
 #include <string>
