@@ -141,6 +141,7 @@ void __wrap_freeifaddrs(ifaddrs *first) {
     if (!replaced().interfaces && !replaced().interface_list) __real_freeifaddrs(first);
 }
 pid_t __wrap_waitpid(pid_t pid, int *status, int options) {
+    if (replaced().before_waiting) replaced().before_waiting();
     if (!fails("waitpid")) return __real_waitpid(pid, status, options);
     errno = ECHILD;
     return -1;

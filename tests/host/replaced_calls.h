@@ -18,6 +18,8 @@ struct ReplacedCalls {
     // The call of this name that fails: the n-th from now on (1 is the next one).
     std::string failing;
     int failing_call = 1;
+    // What happens before a program is waited for.
+    std::function<void()> before_waiting;
     // The text of every system error; the real one when there is none.
     std::optional<std::string> error_text;
     // The addresses of the interfaces, in version 4's dotted form; "" is an interface without one.

@@ -2,6 +2,10 @@
 #include "method/log.h"
 
 #include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstring>
 
 #include "method/interface.h"
 #include "method/report.h"
@@ -54,6 +58,22 @@ TEST_F(Log, a_text_of_exactly_1024_characters_is_one_call_and_of_1025_two) {
     text = alphabet(1025);
     emc_tf__log(text.data());
     EXPECT_EQ(line_lengths(), (std::vector<size_t>{1024, 1}));
+}
+
+// Not even for a moment: it may be another thread's, or no memory at all.
+TEST_F(Log, nothing_behind_a_text_is_touched) {
+    const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    void *const pages =
+        mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(pages, MAP_FAILED);
+    char *const end = static_cast<char *>(pages) + page;
+    ASSERT_EQ(mprotect(end, page, PROT_NONE), 0);
+    for (const size_t length : {1U, 1024U, 1025U, 2048U}) {
+        memcpy(end - length - 1, alphabet(length).c_str(), length + 1);
+        emc_tf__log(end - length - 1);
+        EXPECT_EQ(std::string(end - length - 1), alphabet(length));
+    }
+    munmap(pages, 2 * page);
 }
 
 TEST_F(Log, a_sink_that_switches_itself_off_gets_the_rest_of_its_text) {

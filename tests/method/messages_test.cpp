@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "include/timefinder.h"
 #include "method/report.h"
 #include "tests/support/private_root.h"
 
@@ -207,6 +208,18 @@ TEST(Messages, the_page_for_operators_has_a_line_for_every_row) {
         const std::string line = "| " + row.id + " | " + row.numbers + " | `" + format + "` |";
         EXPECT_NE(page.find(line), std::string::npos) << line;
     }
+}
+
+// The host library's own functions may not look for a missing one.
+TEST(MessageBuffersTest, are_the_framework_s_or_some_of_the_method_s) {
+    char errmsg[TF_MESSAGE_SIZE], logmsg[TF_MESSAGE_SIZE];
+    TimeFinder_init(nullptr, logmsg, errmsg);
+    EXPECT_EQ(tf::message_buffers().errmsg, errmsg);
+    EXPECT_EQ(tf::message_buffers().logmsg, logmsg);
+    TimeFinder_init(nullptr, nullptr, nullptr);
+    ASSERT_NE(tf::message_buffers().errmsg, nullptr);
+    ASSERT_NE(tf::message_buffers().logmsg, nullptr);
+    EXPECT_NE(tf::message_buffers().errmsg, tf::message_buffers().logmsg);
 }
 
 }  // namespace

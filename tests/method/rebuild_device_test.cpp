@@ -1,6 +1,9 @@
 #include <unistd.h>
 
+#include <cstring>
+
 #include "method/rebuild.h"
+#include "symapi/symapi_wrappers.h"
 #include "tests/method/rebuild_fixture.h"
 
 namespace {
@@ -108,6 +111,19 @@ TEST_F(RebuildDevice, failing_look_at_the_primary_is_ignored) {
     expect_no_failure();
     EXPECT_EQ(array.calls,
               (test::Lines{"SymDevShow 000184500123 00A1", "SymDevShow 000184500123 01A1"}));
+}
+
+// What a failed call has written is no answer.
+int show_that_fails_half_way(int32_t, const char *, const char *name, SymDevice *device) {
+    tf::put(device->pdevname, "/dev/rdsk/c0t0d0");
+    return strcmp(name, "00A1") == 0 ? 77 : 0;
+}
+
+TEST_F(RebuildDevice, path_that_a_failing_look_at_the_primary_leaves_is_not_believed) {
+    const std::string text = imported_target() + known_pair();
+    p_emc_tf_SymDevShow = show_that_fails_half_way;
+    EXPECT_EQ(rebuild(text), 0);
+    expect_no_failure();
 }
 
 TEST_F(RebuildDevice, visible_primary_matters_only_with_import_and_target_together) {

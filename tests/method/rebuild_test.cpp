@@ -194,7 +194,7 @@ TEST_F(Rebuild, unknown_key_is_accepted_without_a_word) {
 }
 
 TEST_F(Rebuild, key_that_only_begins_like_one_of_the_frameworks_is_unknown) {
-    EXPECT_EQ(rebuild("HDEF-restore_all=1\nHDEF-is_tgt2=1\nPRIM_MIR_INFO2=NEXT\n"), 0);
+    EXPECT_EQ(rebuild("HDEF-restore_1=1\nHDEF-is_tgt21=1\nPRIM_MIR_INFO2=NEXT\n"), 0);
     expect_no_failure();
     EXPECT_EQ(h->restore, 0);
     EXPECT_EQ(h->is_tgt, 0);

@@ -1,6 +1,7 @@
 #include "method/records.h"
 
 #include <malloc.h>
+#include <unistd.h>
 
 #include <algorithm>
 
@@ -119,6 +120,19 @@ TEST_F(Records, capture_file_without_its_twin_goes_with_the_record) {
         test::write_file("/tmp/QfMStest", "");
         tf::free_hdef(h);
         EXPECT_FALSE(test::exists("/tmp/QfMStest"));
+    }
+}
+
+// Operations remove both together, and only they know whether both are still the record's.
+TEST_F(Records, capture_files_that_a_record_has_both_of_are_left_to_the_operations) {
+    auto *const h = tf::make_zeroed<hdef>();
+    h->out_file = strdup("/tmp/QfMSout");
+    h->err_file = strdup("/tmp/QfMSerr");
+    for (const char *file : {h->out_file, h->err_file}) test::write_file(file, "");
+    tf::free_hdef(h);
+    for (const char *file : {"/tmp/QfMSout", "/tmp/QfMSerr"}) {
+        EXPECT_TRUE(test::exists(file)) << file;
+        unlink(file);
     }
 }
 
