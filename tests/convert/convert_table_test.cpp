@@ -99,9 +99,10 @@ TEST_F(Convert, a_negative_type_is_refused_but_stays_registered) {
 
 TEST_F(Convert, an_entry_of_no_type_puts_no_line_and_takes_no_value) {
     strncpy(text, "before", sizeof text);
+    add_number("m", &number);
     convert_add_ent(table, "x", text, sizeof text, 7, nullptr);
     add_number("n", &number);
-    EXPECT_EQ(external(), "n=0\n");
+    EXPECT_EQ(external(), "m=0\nn=0\n");
     EXPECT_EQ(internal("x=after"), 0u);
     EXPECT_STREQ(text, "before");
 }

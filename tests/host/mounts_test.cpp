@@ -52,6 +52,16 @@ TEST_F(MountTable, any_other_backslash_is_itself) {
     EXPECT_STREQ(found, "/mnt/b\\04");
 }
 
+TEST_F(MountTable, digits_without_a_backslash_are_themselves) {
+    look_up(line("/101/x1412"));
+    EXPECT_STREQ(found, "/101/x1412");
+}
+
+TEST_F(MountTable, half_a_number_is_nobody_s) {
+    test::replaced().mount_table = line("/mnt/a", "98:x") + line("/mnt/b", "98");
+    EXPECT_EQ(tessera::find_mount(makedev(98, 0), nullptr, found), Mounted::nowhere);
+}
+
 TEST_F(MountTable, mount_that_went_while_the_table_was_read_is_not_seen_there) {
     test::make_folders("/mnt/copy");
     test::replaced().failing = "stat";
