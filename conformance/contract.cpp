@@ -74,19 +74,26 @@ void Contract::furnish() {
 }
 
 std::string Contract::state() {
+    constexpr char between[] = "\n----\n";
+    constexpr char of_host[] =
+        "cd /usr/quill/tessera/online_util/db_cntl && for f in *; do [ ! -e \"$f\" ] ||"
+        " ls -ld --time-style=+ $f; [ ! -f $f ] || od -An -tx1 $f; done;"
+        " cat /proc/self/mounts; ls -A /tmp";
+    world_->on(hosts_.front());
+    const std::string seen = host(std::string("tfarray clock advance 60 >/dev/null;"
+                                              " tfarray show --json; printf '\\n----\\n'; ") +
+                                  of_host);
+    const size_t end = seen.find(between);
     std::string text;
-    const auto shown = nlohmann::json::parse(array("show --json"), nullptr, false);
+    const auto shown = nlohmann::json::parse(seen.substr(0, end), nullptr, false);
     for (const auto &one : shown["arrays"]) {
         for (const auto &pair : one["pairs"])
             text += "pair " + pair["bcv"].get<std::string>() + " " + pair["state"].dump() + "\n";
     }
-    for (const std::string &name : hosts_) {
-        world_->on(name);
-        text += name + ":\n" +
-                host(
-                    "cd /usr/quill/tessera/online_util/db_cntl && for f in *; do [ ! -e \"$f\" ] ||"
-                    " ls -ld --time-style=+ $f; [ ! -f $f ] || od -An -tx1 $f; done;"
-                    " cat /proc/self/mounts; ls -A /tmp");
+    text += hosts_.front() + seen.substr(end);
+    for (size_t i = 1; i < hosts_.size(); ++i) {
+        world_->on(hosts_[i]);
+        text += hosts_[i] + between + host(of_host);
     }
     world_->on(hosts_.front());
     return text;
@@ -121,8 +128,6 @@ void Contract::SetUp() {
 
 void Contract::TearDown() {
     if (world_ == nullptr) return;
-    world_->on(hosts_.front());
-    array("clock advance 60");
     const std::string seen = state(), expected = worlds()[scenario_].state;
     is("the world after the case", expected, seen);
     if (seen != expected) end_world(scenario_);

@@ -58,7 +58,8 @@ class Contract : public testing::Test {
     void has_line(const std::string &name, const std::string &line) const;
 
   private:
-    // Pairs, and of every host counter files, mounts and temporary files.
+    // Pairs when they have come to rest, and of every host counter files, mounts and temporary
+    // files.
     std::string state();
     Phase judged(Phase phase) const;
 

@@ -15,6 +15,16 @@ constexpr int32_t nobody = 0x7ffffff0;
 
 class Locks : public Contract {
   protected:
+    // A freeze with a device-information tool that prints these lines, and its release.
+    Phase frozen_with_tool_that_says(const std::string &lines) {
+        const std::string tool = "/usr/quill/tessera/bin/tqtpcinfo";
+        write_file("lines", lines);
+        host("cp " + tool + " /exchange/tool && printf '#!/bin/sh\\ncat /exchange/lines\\n' >" +
+             tool);
+        Phase seen = run(freeze() + record() + release());
+        host("cp /exchange/tool " + tool);
+        return seen;
+    }
     // A step that saves the counter file, and who takes the steps.
     static Words save(const std::string &name) {
         return shell(std::string("cp ") + counter + " /exchange/" + name +
@@ -215,6 +225,29 @@ TEST_F(Locks, a_lock_file_that_cannot_be_had_is_named) {
     host(std::string("rmdir ") + lock_file);
     fails(seen.at("freeze"), 3, refused);
     logs(seen.at("freeze"), std::string("could not open file: ") + lock_file);
+}
+
+TEST_F(Locks, are_named_by_the_serial_number_that_the_tool_tells) {
+    contract("find_device: lines with EMC alone; key s is the serial number, key p the path");
+    const Phase seen = frozen_with_tool_that_says(
+        "# EMC s=NO p=/no\n\nOTHER p=/dev/x s=WRONG\nEMC SYMMETRIX p=/dev/x s=SN12345 t=3\n");
+    all_succeed(seen);
+    field_is(seen.at("whole_record"), "pm.lock_file",
+             "/usr/quill/tessera/online_util/db_cntl/__LOCKFILE_SN12300");
+}
+
+TEST_F(Locks, cannot_be_had_when_the_tool_tells_no_serial_number) {
+    contract("find_device: no path or serial number: QfMEtf1214N, number 13, then the lock fails");
+    const Phase seen = frozen_with_tool_that_says("EMC SYMMETRIX p=/dev/x\n");
+    fails(seen.at("freeze"), 3, refused);
+    logs(seen.at("freeze"), "find_device: Cannot find devpath or sn");
+}
+
+TEST_F(Locks, cannot_be_had_when_the_tools_line_holds_no_pair) {
+    contract("find_device: a line with EMC and without an equals sign: QfMEtf1215N");
+    const Phase seen = frozen_with_tool_that_says("EMC SYMMETRIX\nEMC p=/dev/x s=SN12345\n");
+    fails(seen.at("freeze"), 3, refused);
+    logs(seen.at("freeze"), "find_device: Cannot process device");
 }
 
 }  // namespace
