@@ -94,6 +94,7 @@ TEST_F(Restore, mounted_file_system_is_unmounted_before_its_group_is_deported) {
     };
     EXPECT_EQ(TimeFinder_thaw_commit(h), 0);
     EXPECT_EQ(test::fake_host().calls[0], "umount /mnt/vola 0");
+    EXPECT_EQ(commands()[0], "/usr/sbin/qzdg deport datadg");
 }
 
 TEST_F(Restore, file_system_that_is_not_mounted_is_not_unmounted) {
@@ -335,6 +336,20 @@ TEST_F(Restore, every_file_system_is_checked_but_the_object_of_the_call_is_mount
                            "mount /dev/block_vola /mnt/vola type_of_vola 0"}));
     EXPECT_TRUE(has_no_capture_files(first));
     EXPECT_TRUE(has_no_capture_files(second));
+}
+
+TEST_F(Restore, file_systems_behind_one_that_failed_are_left_alone) {
+    total_freeze_volumes = 2;
+    hdef *first = new_restored("vola", "00A1", "01A1", TF_OBJECT_FILE_SYSTEM);
+    hdef *second = new_restored("volb", "00A2", "01A2", TF_OBJECT_FILE_SYSTEM);
+    test::fake_host().fsck_result = 1;
+    // Whatever comes next would succeed.
+    test::fake_host().on_command = [](const std::string &, const Q_sys_cmd_exec_options &) {
+        test::fake_host().fsck_result = 0;
+    };
+    EXPECT_EQ(TimeFinder_thaw_commit(second), 0);
+    EXPECT_EQ(TimeFinder_thaw_commit(first), 11);
+    EXPECT_EQ(test::fake_host().calls, test::Lines{"fsck /dev/raw_volb type_of_vola 0"});
 }
 
 TEST_F(Restore, failed_check_is_reported_and_dumped) {

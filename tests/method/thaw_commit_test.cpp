@@ -359,6 +359,17 @@ TEST_F(ThawCommit, locks_of_all_objects_are_released) {
     EXPECT_EQ(h->pminfo_list->lock_set, 0);
     EXPECT_EQ(other->pminfo_list->lock_set, 0);
     EXPECT_EQ(commands(), test::Lines{});
+    for (const std::string &line : test::log_lines()) {
+        EXPECT_FALSE(line.starts_with("could not unlock device")) << line;
+    }
+}
+
+TEST_F(ThawCommit, nothing_is_imported_or_mounted_without_a_restore) {
+    hdef *h = new_imported_volume("vola", "datadg", TF_OBJECT_FILE_SYSTEM);
+    add_pair(h, array_1, "00A1", "01A1", "/dev/qz/rdmp/p0", 5);
+    EXPECT_EQ(TimeFinder_thaw_commit(h), 0);
+    EXPECT_EQ(commands(), test::Lines{});
+    EXPECT_EQ(test::fake_host().calls, test::Lines{});
 }
 
 TEST_F(ThawCommit, lock_that_cannot_be_released_is_only_logged) {

@@ -81,6 +81,13 @@ TEST_F(TransferFile, file_size_limit_is_a_failed_line_and_not_the_end) {
     EXPECT_EQ(test::read_file(path), "one line\n");
 }
 
+TEST_F(TransferFile, line_whose_newline_alone_fits_is_a_failed_line) {
+    ASSERT_TRUE(file.create(path));
+    const test::SystemFault fault("write", 1, ENOSPC);
+    EXPECT_FALSE(file.write_line("a line"));
+    EXPECT_EQ(test::read_file(path), "");
+}
+
 TEST_F(TransferFile, line_without_its_newline_is_a_failed_line) {
     ASSERT_TRUE(file.create(path));
     const test::SystemFault fault("write", 2, ENOSPC);

@@ -314,6 +314,16 @@ TEST_F(ReleaseBcv, a_failed_sync_ends_the_wait_without_a_report) {
     expect_no_failure();
 }
 
+TEST_F(ReleaseBcv, a_sync_that_fails_while_the_split_goes_on_ends_the_wait) {
+    add("0101", 2, unlabelled, "OTHER");
+    split_ends_at_sleep(5);
+    array.script_call("SymDevSync", 2, 9);
+    EXPECT_EQ(choose(), "none");
+    EXPECT_EQ(need_establish, 1);
+    EXPECT_EQ(sleeps().size(), 2U);
+    expect_no_failure();
+}
+
 TEST_F(ReleaseBcv, a_failed_show_ends_the_wait_and_leaves_the_callers_record_whole) {
     add("0101", 2, unlabelled, "OTHER");
     add("0102", 5, unlabelled);

@@ -275,4 +275,15 @@ TEST_F(VolumeLists, two_thousand_devices_are_listed_in_order) {
     EXPECT_EQ(devices(), expected);
 }
 
+TEST_F(VolumeLists, a_list_that_fails_is_none) {
+    char before[] = "before";
+    char *out = before;
+    EXPECT_EQ(get_dg_vols(&group, &out), 11);
+    EXPECT_EQ(out, nullptr);
+    out = before;
+    test::fail_allocation(1);
+    EXPECT_EQ(form_device_list(&group, &out), 11);
+    EXPECT_EQ(out, nullptr);
+}
+
 }  // namespace

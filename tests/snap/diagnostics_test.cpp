@@ -95,6 +95,16 @@ TEST_F(Snap, with_the_newline_flag_three_characters_arrive_as_four_bytes) {
     EXPECT_STREQ(err_msg, "abc\n");
 }
 
+TEST_F(Snap, nothing_of_a_longer_message_before_it_follows_the_newline) {
+    sn_set_errf(&test::collect_event, 2, 1);
+    put_message("a longer message");
+    print_err();
+    memcpy(err_msg, "abc", 4);
+    print_err();
+    EXPECT_EQ(events().back(), "abc\n");
+    EXPECT_STREQ(err_msg, "abc\n");
+}
+
 TEST_F(Snap, an_empty_message_with_the_newline_flag_is_a_newline) {
     sn_set_errf(&test::collect_event, 2, 1);
     put_message("");

@@ -101,6 +101,21 @@ TEST_F(VolumeSets, a_path_outside_the_volume_manager_gives_minus_1_and_runs_noth
     EXPECT_TRUE(ran_nothing());
 }
 
+TEST_F(VolumeSets, a_path_that_only_has_the_length_of_the_volume_managers_runs_nothing) {
+    install_tool();
+    EXPECT_EQ(look_up("/dev/xx/rdsk/dg/d"), "-1 null null");
+    EXPECT_TRUE(ran_nothing());
+}
+
+TEST_F(VolumeSets, what_stands_in_memory_behind_a_short_path_is_not_read) {
+    install_tool();
+    const char memory[] = "/dev/qz/rds\0dg/d";
+    char *dir = nullptr;
+    char *type = nullptr;
+    EXPECT_EQ(rawtofs(memory, &dir, &type), -1);
+    EXPECT_TRUE(ran_nothing());
+}
+
 TEST_F(VolumeSets, the_group_is_read_from_the_13th_character_on_whatever_stands_before) {
     install_tool();
     EXPECT_EQ(look_up("/dev/qz/rdmp/dg/d"), "0 /sets qzfs");

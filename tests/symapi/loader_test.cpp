@@ -203,6 +203,17 @@ TEST_F(Loader, without_a_library_the_host_process_is_not_searched) {
     dlclose(global);
 }
 
+TEST_F(Loader, behind_a_library_that_was_closed_the_host_process_is_not_searched_either) {
+    EXPECT_EQ(emc_tf_openSymapiLibrary(fake_library_path), 0);
+    emc_tf_closeSymapiLibrary();
+    void *const global = dlopen(fake_library_path, RTLD_LAZY | RTLD_GLOBAL);
+    ASSERT_NE(dlsym(global, "SymExit"), nullptr);
+    EXPECT_EQ(emc_tf_openSymapiLibrary("/nowhere/libsymapi.so"), 4);
+    EXPECT_EQ(emc_tf_resolveSymapiSymbols(2), 13);
+    EXPECT_EQ(filled(), "");
+    dlclose(global);
+}
+
 // One life of the method's library, with everything that it keeps for its lifetime.
 void load_and_unload() {
     void *const method = dlopen(TF_BINARY_DIR "/lib/reloaded_method.so", RTLD_NOW);
