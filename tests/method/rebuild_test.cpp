@@ -193,12 +193,30 @@ TEST_F(Rebuild, unknown_key_is_accepted_without_a_word) {
     EXPECT_EQ(whole_log(), "");
 }
 
-TEST_F(Rebuild, key_that_only_begins_like_one_of_the_frameworks_is_unknown) {
-    EXPECT_EQ(rebuild("HDEF-restore_1=1\nHDEF-is_tgt21=1\nPRIM_MIR_INFO2=NEXT\n"), 0);
+TEST_F(Rebuild, key_that_only_begins_like_a_known_one_is_unknown) {
+    EXPECT_EQ(rebuild("H=1\nHX=1\nHD=1\nHDEF-restore_1=1\nHDEF-is_tgt21=1\n"
+                      "HDEF-CLONE_INFO_FILE2=START\nHDEF-CLONE_INFO_FILE=BEGIN\n"
+                      "P=1\nPX=1\nPR=1\nPRIM_MIR_INFO2=NEXT\nPRIM_MIR_INFO=NEXT2\n"),
+              0);
     expect_no_failure();
     EXPECT_EQ(h->restore, 0);
     EXPECT_EQ(h->is_tgt, 0);
     EXPECT_EQ(h->pminfo_list, nullptr);
+    EXPECT_EQ(test::read_file(h->transfer_file), "");
+}
+
+TEST_F(Rebuild, clone_line_that_only_begins_like_a_known_one_goes_into_the_file) {
+    const std::string block =
+        "\nT\nTX=1\nTR=1\nTRANSFER_FILE\nTRANSFER_FILE2=/tmp/stale\n"
+        "HDEF-CLONE_INFO_FILE=ENDS\nHDEF-CLONE_INFO_FILE2=END\n"
+        "PRIM_MIR_INFO=NEXT\nHDEF-restore=1\n";
+    test::write_file("/tmp/stale", "kept");
+    EXPECT_EQ(rebuild("HDEF-CLONE_INFO_FILE=START\n" + block + "HDEF-CLONE_INFO_FILE=END\n"), 0);
+    EXPECT_EQ(test::read_file(h->transfer_file), block);
+    EXPECT_EQ(h->restore, 0);
+    EXPECT_EQ(h->pminfo_list, nullptr);
+    EXPECT_EQ(test::read_file("/tmp/stale"), "kept");
+    unlink("/tmp/stale");
 }
 
 TEST_F(Rebuild, line_that_is_no_pair_is_reported_and_a_later_good_line_makes_up_for_it) {
