@@ -7,6 +7,7 @@
 #include <string>
 
 #include "tessera_host.h"
+#include "tests/support/allocation_faults.h"
 #include "tests/support/private_root.h"
 #include "tests/support/system_faults.h"
 
@@ -87,6 +88,14 @@ TEST_F(Configuration, long_value_is_cut_to_the_size) {
     write("a=" + std::string(9000, 'x') + "\nb=2\n");
     EXPECT_EQ(entry("a"), std::string(63, 'x'));
     EXPECT_EQ(entry("b"), "2");
+}
+
+TEST_F(Configuration, entries_are_found_without_memory) {
+    write("dgimport=1\n");
+    test::fail_allocations_from(1);
+    const int status = read_AD_HOC_config_entry(root, "dgimport", nullptr, 0);
+    test::no_more_faults();
+    EXPECT_EQ(status, 0);
 }
 
 TEST_F(Configuration, presence_can_be_asked_without_a_buffer) {
