@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 
 #include "tessera_host.h"
@@ -67,6 +68,15 @@ bool is_on_an_interface(const in6_addr &address, const ifaddrs *interfaces) {
     return false;
 }
 
+// The C library's name service ends the process where its own beginnings find no memory, so it is
+// asked only while there is more than enough.
+bool has_memory_to_resolve() {
+    constexpr size_t more_than_enough = 1 << 20;
+    void *const volatile reserve = malloc(more_than_enough);
+    free(reserve);
+    return reserve != nullptr;
+}
+
 }  // namespace
 
 int tq_gethostname(char *name, size_t size) {
@@ -90,6 +100,7 @@ int qnet_is_local_host(const char *name) {
     hints.ai_socktype = SOCK_STREAM;  // one answer an address, not one a protocol
     AddressList addresses;
     InterfaceList interfaces;
+    if (!has_memory_to_resolve()) return 0;
     if (getaddrinfo(name, nullptr, &hints, &addresses.first) != 0) return 0;
     if (getifaddrs(&interfaces.first) != 0) interfaces.first = nullptr;
     for (const addrinfo *a = addresses.first; a != nullptr; a = a->ai_next) {

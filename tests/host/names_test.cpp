@@ -11,6 +11,7 @@
 
 #include "tessera_host.h"
 #include "tests/host/replaced_calls.h"
+#include "tests/support/allocation_faults.h"
 #include "tests/support/private_root.h"
 
 namespace {
@@ -99,6 +100,14 @@ TEST_F(Names, name_of_another_address_is_not_local) {
 TEST_F(Names, one_local_address_of_several_is_enough) {
     write_hosts("192.0.2.77 both\n127.0.0.1 both\n");
     EXPECT_NE(qnet_is_local_host("both"), 0);
+}
+
+// The name service would end the process.
+TEST_F(Names, nothing_is_resolved_without_memory) {
+    test::fail_allocation(1);
+    EXPECT_EQ(qnet_is_local_host("127.0.0.1"), 0);
+    test::no_more_faults();
+    EXPECT_NE(qnet_is_local_host("127.0.0.1"), 0);
 }
 
 TEST_F(Names, unknown_empty_and_missing_names_are_not_local) {
