@@ -4,9 +4,9 @@
 #include "proof/kit/faulted_run.h"
 #include "proof/kit/row.h"
 
-int main() {
+int main(int argc, char **argv) {
     using namespace proof;
-    const Scenario &one = scenario("file_system");
+    const Scenario &one = scenario(argc > 1 ? argv[1] : "file_system");
     Bench bench(one, "array");
     for (size_t i = 0; i < one.processes.size(); ++i) {
         for (const Site &site : bench.sites(i)) {
@@ -14,6 +14,7 @@ int main() {
         }
     }
     printf("%f s\n", bench.seconds());
+    if (argc > 2) return 0;
     for (const Site &site : bench.sites(0)) {
         const Outcome outcome = bench.run(0, {"array", site, "fail", 114, "-", 1, "once"});
         printf("%s: %s\n", site.name.c_str(), outcome.line().c_str());

@@ -5,6 +5,7 @@
 #include <csignal>
 #include <fstream>
 #include <iterator>
+#include <set>
 #include <sstream>
 #include <stdexcept>
 
@@ -61,6 +62,24 @@ std::string told(const Phase &phase) {
         if (!call.errmsg.empty()) text += " (" + call.errmsg + ")";
     }
     return text;
+}
+
+// The lines that only one of two pictures has.
+std::string difference(const std::string &before, const std::string &after) {
+    std::multiset<std::string> missing, added;
+    std::istringstream first(before), second(after);
+    for (std::string line; std::getline(first, line);) missing.insert(line);
+    for (std::string line; std::getline(second, line);) {
+        const auto found = missing.find(line);
+        if (found == missing.end())
+            added.insert(line);
+        else
+            missing.erase(found);
+    }
+    std::string text;
+    for (const std::string &line : missing) text += "\n- " + line;
+    for (const std::string &line : added) text += "\n+ " + line;
+    return text.empty() ? "\nthe same lines in another order" : text;
 }
 
 Words agent_environment(const std::string &plan) {
@@ -132,7 +151,11 @@ Phase Bench::process(size_t number, const Words &environment, double limit) {
     world().on(one.host);
     for (const std::string &line : one.before) world_->host(line);
     fs::remove(world_->exchange() / "agent");
-    return world_->try_phase(one.steps, limit, 2, environment);
+    Phase phase = world_->try_phase(one.steps, limit, 2, environment);
+    if (succeeded(phase)) {
+        for (const std::string &line : one.after) world_->host(line);
+    }
+    return phase;
 }
 
 void Bench::record() {
@@ -153,8 +176,8 @@ void Bench::record() {
     seconds_ = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
     settle();
     if (const std::string after = whole_picture(); after != before_) {
-        throw std::runtime_error(scenario_.name + " changes its world without a fault:\n" +
-                                 before_ + "---\n" + after);
+        throw std::runtime_error(
+            scenario_.name + " changes its world without a fault:" + difference(before_, after));
     }
 }
 
@@ -223,6 +246,10 @@ void Bench::look(const Plan &plan, const Checks &checks, Outcome *outcome) {
 void Bench::finish(size_t number, Outcome *outcome) {
     const size_t first = succeeded(outcome->faulted) ? number + 1 : number;
     for (size_t i = first; i < scenario_.processes.size(); ++i) {
+        if (i == number) {
+            world_->on(scenario_.processes[i].host);
+            for (const std::string &line : scenario_.processes[i].repair) world_->host(line);
+        }
         const Phase again = process(i, {}, record_limit);
         if (succeeded(again)) continue;
         outcome->wrong.push_back(scenario_.processes[i].name +
@@ -231,7 +258,7 @@ void Bench::finish(size_t number, Outcome *outcome) {
     }
     settle();
     if (const std::string after = whole_picture(); after != before_) {
-        outcome->wrong.push_back("the world is another one:\n" + before_ + "---\n" + after);
+        outcome->wrong.push_back("the world is another one:" + difference(before_, after));
     }
 }
 

@@ -12,12 +12,14 @@ namespace proof {
 using test::Words;
 
 // One process of the framework on a host: the steps of tfphase, and what the framework, or an
-// administrator, does on that host before (lines of the shell; they must succeed).
+// administrator, does on that host (lines of the shell; they must succeed).
 struct Process {
     std::string name;  // "freeze", "volumes", "release", ...
     std::string host;
-    Words before;
+    Words before;  // each time that the process is to run
     Words steps;
+    Words after = {};   // once it has succeeded
+    Words repair = {};  // before it is repeated, because it failed
 };
 
 struct Scenario {
@@ -34,7 +36,14 @@ struct Scenario {
     Words content;
 };
 
-// file_system, block_device, two_objects, volumes, import, restore.
+// file_system   one ext4, its pair synchronised before, as between two snapshots
+// block_device  the device, its pair split before: established by control code 4
+// two_objects   two file systems on two arrays, their pairs split before and established together
+// multipath     an ext4 behind the multipath driver, established in full by the freeze
+// association   another group's BCV is synchronised with the primary, and is released first
+// volumes       two volumes of one disk group, by the clone tool on their host
+// import        the same read on the backup host, by import, and released on the primary
+// restore       the same, frozen for the backup host, and restored
 const std::vector<Scenario> &scenarios();
 // The scenario of a name; throws when there is none.
 const Scenario &scenario(const std::string &name);
