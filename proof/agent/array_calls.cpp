@@ -92,12 +92,15 @@ Result answer(long value) {
         return static_cast<Result>(value);
 }
 
-// A function that keeps being lied to.
-void end_when_it_waits(const agent::Order &order, size_t *lies) {
-    if (order.value <= 0 || ++*lies < static_cast<size_t>(order.value)) return;
+constexpr size_t more_than_bounded = 300;
+
+void end_when_it_waits(size_t met) {
+    if (met < more_than_bounded) return;
     agent::note("waits");
     agent::end();
 }
+
+bool mute;  // the array has no texts for its codes
 
 // What stands in front of one function.
 template <class Function>
@@ -107,8 +110,13 @@ template <class Result, class... Arguments>
 struct Front<Result(Arguments...)> {
     template <auto *Real, const char *Name>
     static Result call(Arguments... arguments) {
-        static size_t lies;
+        static size_t met;
         const agent::Order order = agent::at(kind, Name);
+        if (order.fate != agent::Fate::go_on) end_when_it_waits(++met);
+        if (strcmp(order.word, "mute") == 0) mute = true;
+        if constexpr (std::is_pointer_v<Result>) {
+            if (mute) return nullptr;
+        }
         switch (order.fate) {
         case agent::Fate::fail:
             return answer<Result>(order.value);
@@ -124,8 +132,7 @@ struct Front<Result(Arguments...)> {
             (*Real)(arguments...);
             agent::end();
         case agent::Fate::lie: {
-            end_when_it_waits(order, &lies);
-            if (strcmp(order.word, "text") == 0) return answer<Result>(0);
+            if (strcmp(order.word, "nothing") == 0) return answer<Result>(0);
             const Result result = (*Real)(arguments...);
             if (SymDevice *record = record_of(arguments...); record != nullptr) {
                 tell_lie(order.word, record);

@@ -1,23 +1,198 @@
 // The row "array calls": in every scenario every call of the array fails in turn, or lies.
+//
+// A point is SCENARIO/PROCESS/SITE/KIND/CALL/SCOPE: what is done (below) with which call of the
+// site (first, middle, last), and whether with that one alone (once) or with all calls of that
+// function from it on (function). With --record what comes is put into the expected table instead
+// of being compared.
 #include <cstdio>
+#include <cstring>
+#include <exception>
+#include <map>
+#include <memory>
 
+#include "proof/kit/expected.h"
 #include "proof/kit/faulted_run.h"
 #include "proof/kit/row.h"
 
-int main(int argc, char **argv) {
-    using namespace proof;
-    const Scenario &one = scenario(argc > 1 ? argv[1] : "file_system");
-    Bench bench(one, "array");
-    for (size_t i = 0; i < one.processes.size(); ++i) {
-        for (const Site &site : bench.sites(i)) {
-            printf("%s %s %zu\n", one.processes[i].name.c_str(), site.name.c_str(), site.calls);
+namespace proof {
+namespace {
+
+constexpr size_t quick_points = 60;
+
+// One way in which a call goes wrong.
+struct Kind {
+    const char *name, *fate;
+    long value;
+    const char *word;
+    // Which functions, and whether for each of the three calls or for the first one only.
+    enum { every, controls, shows, silent } functions;
+    bool all_calls;
+};
+
+const Kind kinds[] = {
+    // A code of the array's, before the effect, and after it.
+    {"114", "fail", 114, "-", Kind::every, true},
+    {"114_after", "fail_after", 114, "-", Kind::every, true},
+    // A code that the array has no text for.
+    {"114_mute", "fail", 114, "mute", Kind::every, false},
+    // What a wrapper answers for a function that the library lacks.
+    {"14", "fail", 14, "-", Kind::every, false},
+    // A split is still finishing: a wait for controls, a failure for others.
+    {"1012", "fail", 1012, "-", Kind::every, false},
+    {"1013", "fail", 1013, "-", Kind::every, false},
+    {"1012_after", "fail_after", 1012, "-", Kind::controls, false},
+    {"negative", "fail", -1, "-", Kind::every, false},
+    // Answers that lie.
+    {"nothing", "lie", 0, "nothing", Kind::silent, true},
+    {"empty", "lie", 0, "empty", Kind::shows, true},
+    {"unterminated", "lie", 0, "unterminated", Kind::shows, true},
+    {"counts", "lie", 0, "counts", Kind::shows, false},
+    {"negative_counts", "lie", 0, "negative", Kind::shows, false},
+    {"state_1", "lie", 0, "state:1", Kind::shows, false},
+    {"state_3", "lie", 0, "state:3", Kind::shows, false},
+    {"state_7", "lie", 0, "state:7", Kind::shows, false},
+    {"state_99", "lie", 0, "state:99", Kind::shows, false},
+};
+
+bool is_about(const Kind &kind, const std::string &function) {
+    const bool shows = function.ends_with("Show");
+    switch (kind.functions) {
+    case Kind::controls:
+        return function.ends_with("BcvControl");
+    case Kind::shows:
+        return shows;
+    case Kind::silent:
+        return !shows;
+    default:
+        return true;
+    }
+}
+
+struct Point {
+    const Scenario *scenario;
+    size_t process;
+    Site site;
+    const Kind *kind;
+    size_t call;
+    std::string which, scope;
+
+    // Without the kind of call, which is the same for all.
+    std::string section() const {
+        return scenario->processes[process].name + " " + site.name.substr(site.name.find(':') + 1);
+    }
+    std::string key() const { return std::string(kind->name) + "/" + which + "/" + scope; }
+    std::string name() const { return scenario->name + "/" + section() + "/" + key(); }
+    Plan plan() const { return {"array", site, kind->fate, kind->value, kind->word, call, scope}; }
+};
+
+void add_points(const Scenario &scenario, size_t process, const Site &site,
+                std::map<std::string, Point> *points, std::vector<std::string> *names) {
+    const std::pair<const char *, size_t> calls[] = {
+        {"first", 1},
+        {"middle", site.calls > 2 ? (site.calls + 1) / 2 : 0},
+        {"last", site.calls > 1 ? site.calls : 0}};
+    for (const Kind &kind : kinds) {
+        if (!is_about(kind, site.function)) continue;
+        for (const auto &[which, call] : calls) {
+            if (call == 0 || (call > 1 && !kind.all_calls)) continue;
+            for (const char *scope : {"once", "function"}) {
+                Point point = {&scenario, process, site, &kind, call, which, scope};
+                names->push_back(point.name());
+                points->emplace(names->back(), std::move(point));
+            }
         }
     }
-    printf("%f s\n", bench.seconds());
-    if (argc > 2) return 0;
-    for (const Site &site : bench.sites(0)) {
-        const Outcome outcome = bench.run(0, {"array", site, "fail", 114, "-", 1, "once"});
-        printf("%s: %s\n", site.name.c_str(), outcome.line().c_str());
-        for (const std::string &why : outcome.wrong) printf("  WRONG %s\n", why.c_str());
+}
+
+class ArrayCalls {
+  public:
+    ArrayCalls(Options options, bool recording)
+        : recording_(recording), row_("array calls", std::move(options), shipped_libraries()) {}
+
+    int run() {
+        std::vector<std::string> names;
+        for (const Scenario &one : scenarios()) {
+            collect(one, &names);
+        }
+        for (const std::string &name : row_.choose(names, quick_points))
+            try_point(points_.at(name));
+        if (recording_) expected_.write();
+        return row_.finish(std::to_string(sites_) + " sites in " +
+                           std::to_string(scenarios().size()) + " scenarios");
+    }
+
+  private:
+    void collect(const Scenario &one, std::vector<std::string> *names) {
+        benches_[one.name] = std::make_unique<Bench>(one, "array");
+        Bench &bench = *benches_[one.name];
+        for (size_t i = 0; i < one.processes.size(); ++i) {
+            for (const Site &site : bench.sites(i)) add_points(one, i, site, &points_, names);
+            sites_ += bench.sites(i).size();
+        }
+    }
+
+    void try_point(const Point &point) {
+        try {
+            judge(point, benches_.at(point.scenario->name)->run(point.process, point.plan()));
+        } catch (const std::exception &error) {
+            benches_.at(point.scenario->name)->renew();
+            row_.failed(point.name(), error.what());
+        }
+    }
+
+    void judge(const Point &point, const Outcome &outcome) {
+        const std::string came = outcome.line();
+        if (row_.verbose()) tell(came, outcome);
+        if (recording_)
+            expected_.put_down(point.scenario->name, point.section(), point.key(), came);
+        std::string why;
+        for (const std::string &one : outcome.wrong) why += one + "\n";
+        if (!recording_) {
+            const std::string *wanted =
+                expected_.find(point.scenario->name, point.section(), point.key());
+            if (wanted == nullptr) why += "nothing is expected; it gave " + came + "\n";
+            if (wanted != nullptr && *wanted != came)
+                why += "expected " + *wanted + "\nit gave  " + came + "\n";
+        }
+        if (why.empty())
+            row_.held(point.name());
+        else
+            row_.failed(point.name(), why);
+    }
+
+    static void tell(const std::string &came, const Outcome &outcome) {
+        for (const test::Call &call : outcome.faulted.calls) {
+            for (const std::string &line : call.log) printf("    %s\n", line.c_str());
+            printf("  %s %d %d %s\n", call.step.c_str(), call.status, call.number,
+                   call.errmsg.c_str());
+        }
+        printf("%s\n", came.c_str());
+    }
+
+    bool recording_;
+    Row row_;
+    Expected expected_{"array_calls"};
+    std::map<std::string, std::unique_ptr<Bench>> benches_;
+    std::map<std::string, Point> points_;
+    size_t sites_ = 0;
+};
+
+}  // namespace
+}  // namespace proof
+
+int main(int argc, char **argv) {
+    bool recording = false;
+    if (argc > 1 && strcmp(argv[argc - 1], "--record") == 0) {
+        recording = true;
+        argv[--argc] = nullptr;
+    }
+    try {
+        return proof::ArrayCalls(
+                   proof::options_of(argc, argv, "Every call of the array fails in turn, or lies"),
+                   recording)
+            .run();
+    } catch (const std::exception &error) {
+        fprintf(stderr, "array calls: %s\n", error.what());
+        return proof::row_missed;
     }
 }

@@ -82,6 +82,16 @@ std::string difference(const std::string &before, const std::string &after) {
     return text.empty() ? "\nthe same lines in another order" : text;
 }
 
+// What is mounted anew is listed last.
+std::string sorted_lines(const std::string &text) {
+    std::multiset<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) lines.insert(line);
+    std::string sorted;
+    for (const std::string &line : lines) sorted += line + "\n";
+    return sorted;
+}
+
 Words agent_environment(const std::string &plan) {
     return {std::string("LD_PRELOAD=") + agent_in_host, "TFAGENT_PLAN=" + plan,
             std::string("TFAGENT_REPORT=") + report_in_host};
@@ -138,7 +148,7 @@ std::string Bench::whole_picture() {
     std::string text;
     for (const std::string &host : scenario_.hosts) {
         world_->on(host);
-        text += "host " + host + "\n" + world_->picture();
+        text += "host " + host + "\n" + sorted_lines(world_->picture());
     }
     world_->on(scenario_.hosts.front());
     for (const std::string &line : scenario_.content) text += world_->host(line);
