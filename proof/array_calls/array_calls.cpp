@@ -2,13 +2,14 @@
 //
 // A point is SCENARIO/PROCESS/SITE/KIND/CALL/SCOPE: what is done (below) with which call of the
 // site (first, middle, last), and whether with that one alone (once) or with all calls of that
-// function from it on (function). With --record what comes is put into the expected table instead
-// of being compared.
+// function from it on (function). With --record SCENARIO at the end what comes there is put into
+// the expected table instead of being compared.
 #include <cstdio>
 #include <cstring>
 #include <exception>
 #include <map>
 #include <memory>
+#include <set>
 
 #include "proof/kit/expected.h"
 #include "proof/kit/faulted_run.h"
@@ -24,34 +25,37 @@ struct Kind {
     const char *name, *fate;
     long value;
     const char *word;
-    // Which functions, and whether for each of the three calls or for the first one only.
-    enum { every, controls, shows, silent } functions;
-    bool all_calls;
+    enum { every, controls, shows, silent } functions;  // of which functions
+    // Where: at the first, a middle and the last call, and at the first one from there on; at the
+    // first one in both ways; or at the first one alone, and not again where a later scenario or
+    // process comes by the same site, since what is told apart by it is the code and not the way.
+    enum { thorough, first, once_a_site } where;
 };
 
 const Kind kinds[] = {
     // A code of the array's, before the effect, and after it.
-    {"114", "fail", 114, "-", Kind::every, true},
-    {"114_after", "fail_after", 114, "-", Kind::every, true},
+    {"114", "fail", 114, "-", Kind::every, Kind::thorough},
+    {"114_after", "fail_after", 114, "-", Kind::every, Kind::thorough},
     // A code that the array has no text for.
-    {"114_mute", "fail", 114, "mute", Kind::every, false},
-    // What a wrapper answers for a function that the library lacks.
-    {"14", "fail", 14, "-", Kind::every, false},
-    // A split is still finishing: a wait for controls, a failure for others.
-    {"1012", "fail", 1012, "-", Kind::every, false},
-    {"1013", "fail", 1013, "-", Kind::every, false},
-    {"1012_after", "fail_after", 1012, "-", Kind::controls, false},
-    {"negative", "fail", -1, "-", Kind::every, false},
+    {"114_mute", "fail", 114, "mute", Kind::every, Kind::once_a_site},
+    // What a wrapper answers for a function that the library lacks, and a code below 0.
+    {"14", "fail", 14, "-", Kind::every, Kind::once_a_site},
+    {"-1", "fail", -1, "-", Kind::every, Kind::once_a_site},
+    // A split is still finishing: controls wait, everything else has failed.
+    {"1012", "fail", 1012, "-", Kind::every, Kind::once_a_site},
+    {"1013", "fail", 1013, "-", Kind::every, Kind::once_a_site},
+    {"1012_after", "fail_after", 1012, "-", Kind::controls, Kind::once_a_site},
+    {"1012_on", "fail", 1012, "-", Kind::controls, Kind::first},
     // Answers that lie.
-    {"nothing", "lie", 0, "nothing", Kind::silent, true},
-    {"empty", "lie", 0, "empty", Kind::shows, true},
-    {"unterminated", "lie", 0, "unterminated", Kind::shows, true},
-    {"counts", "lie", 0, "counts", Kind::shows, false},
-    {"negative_counts", "lie", 0, "negative", Kind::shows, false},
-    {"state_1", "lie", 0, "state:1", Kind::shows, false},
-    {"state_3", "lie", 0, "state:3", Kind::shows, false},
-    {"state_7", "lie", 0, "state:7", Kind::shows, false},
-    {"state_99", "lie", 0, "state:99", Kind::shows, false},
+    {"nothing", "lie", 0, "nothing", Kind::silent, Kind::first},
+    {"empty", "lie", 0, "empty", Kind::shows, Kind::first},
+    {"unterminated", "lie", 0, "unterminated", Kind::shows, Kind::once_a_site},
+    {"counts", "lie", 0, "counts", Kind::shows, Kind::once_a_site},
+    {"negative_counts", "lie", 0, "negative", Kind::shows, Kind::once_a_site},
+    {"state_1", "lie", 0, "state:1", Kind::shows, Kind::first},
+    {"state_3", "lie", 0, "state:3", Kind::shows, Kind::first},
+    {"state_7", "lie", 0, "state:7", Kind::shows, Kind::once_a_site},
+    {"state_99", "lie", 0, "state:99", Kind::shows, Kind::once_a_site},
 };
 
 bool is_about(const Kind &kind, const std::string &function) {
@@ -85,17 +89,19 @@ struct Point {
     Plan plan() const { return {"array", site, kind->fate, kind->value, kind->word, call, scope}; }
 };
 
-void add_points(const Scenario &scenario, size_t process, const Site &site,
+void add_points(const Scenario &scenario, size_t process, const Site &site, bool known,
                 std::map<std::string, Point> *points, std::vector<std::string> *names) {
     const std::pair<const char *, size_t> calls[] = {
         {"first", 1},
         {"middle", site.calls > 2 ? (site.calls + 1) / 2 : 0},
         {"last", site.calls > 1 ? site.calls : 0}};
     for (const Kind &kind : kinds) {
-        if (!is_about(kind, site.function)) continue;
+        if (!is_about(kind, site.function) || (known && kind.where == Kind::once_a_site)) continue;
         for (const auto &[which, call] : calls) {
-            if (call == 0 || (call > 1 && !kind.all_calls)) continue;
+            if (call == 0 || (call > 1 && kind.where != Kind::thorough)) continue;
             for (const char *scope : {"once", "function"}) {
+                const bool from_here_on = strcmp(scope, "function") == 0;
+                if (from_here_on && (call > 1 || kind.where == Kind::once_a_site)) continue;
                 Point point = {&scenario, process, site, &kind, call, which, scope};
                 names->push_back(point.name());
                 points->emplace(names->back(), std::move(point));
@@ -106,8 +112,9 @@ void add_points(const Scenario &scenario, size_t process, const Site &site,
 
 class ArrayCalls {
   public:
-    ArrayCalls(Options options, bool recording)
-        : recording_(recording), row_("array calls", std::move(options), shipped_libraries()) {}
+    ArrayCalls(Options options, const char *recorded)
+        : recorded_scenario_(recorded),
+          row_("array calls", std::move(options), shipped_libraries()) {}
 
     int run() {
         std::vector<std::string> names;
@@ -116,9 +123,9 @@ class ArrayCalls {
         }
         for (const std::string &name : row_.choose(names, quick_points))
             try_point(points_.at(name));
-        if (recording_) expected_.write();
-        return row_.finish(std::to_string(sites_) + " sites in " +
-                           std::to_string(scenarios().size()) + " scenarios");
+        if (recorded_scenario_ != nullptr) expected_.write();
+        return row_.finish(std::to_string(sites_) + " sites (" + std::to_string(known_.size()) +
+                           " by name) in " + std::to_string(scenarios().size()) + " scenarios");
     }
 
   private:
@@ -126,7 +133,11 @@ class ArrayCalls {
         benches_[one.name] = std::make_unique<Bench>(one, "array");
         Bench &bench = *benches_[one.name];
         for (size_t i = 0; i < one.processes.size(); ++i) {
-            for (const Site &site : bench.sites(i)) add_points(one, i, site, &points_, names);
+            const bool left_out = recorded_scenario_ != nullptr && one.name != recorded_scenario_;
+            for (const Site &site : bench.sites(i)) {
+                const bool known = !known_.insert(site.name).second;
+                if (!left_out) add_points(one, i, site, known, &points_, names);
+            }
             sites_ += bench.sites(i).size();
         }
     }
@@ -143,11 +154,10 @@ class ArrayCalls {
     void judge(const Point &point, const Outcome &outcome) {
         const std::string came = outcome.line();
         if (row_.verbose()) tell(came, outcome);
-        if (recording_)
-            expected_.put_down(point.scenario->name, point.section(), point.key(), came);
+        if (recorded_scenario_ != nullptr) record(point, came);
         std::string why;
         for (const std::string &one : outcome.wrong) why += one + "\n";
-        if (!recording_) {
+        if (recorded_scenario_ == nullptr) {
             const std::string *wanted =
                 expected_.find(point.scenario->name, point.section(), point.key());
             if (wanted == nullptr) why += "nothing is expected; it gave " + came + "\n";
@@ -160,6 +170,12 @@ class ArrayCalls {
             row_.failed(point.name(), why);
     }
 
+    // Written in between, since it takes long.
+    void record(const Point &point, const std::string &came) {
+        expected_.put_down(point.scenario->name, point.section(), point.key(), came);
+        if (++recorded_ % 50 == 0) expected_.write();
+    }
+
     static void tell(const std::string &came, const Outcome &outcome) {
         for (const test::Call &call : outcome.faulted.calls) {
             for (const std::string &line : call.log) printf("    %s\n", line.c_str());
@@ -169,27 +185,28 @@ class ArrayCalls {
         printf("%s\n", came.c_str());
     }
 
-    bool recording_;
+    const char *recorded_scenario_;  // null: nothing is recorded
     Row row_;
     Expected expected_{"array_calls"};
     std::map<std::string, std::unique_ptr<Bench>> benches_;
     std::map<std::string, Point> points_;
-    size_t sites_ = 0;
+    std::set<std::string> known_;  // the names of all sites
+    size_t sites_ = 0, recorded_ = 0;
 };
 
 }  // namespace
 }  // namespace proof
 
 int main(int argc, char **argv) {
-    bool recording = false;
-    if (argc > 1 && strcmp(argv[argc - 1], "--record") == 0) {
-        recording = true;
-        argv[--argc] = nullptr;
+    const char *recorded = nullptr;
+    if (argc > 2 && strcmp(argv[argc - 2], "--record") == 0) {
+        recorded = argv[argc - 1];
+        argv[argc -= 2] = nullptr;
     }
     try {
         return proof::ArrayCalls(
                    proof::options_of(argc, argv, "Every call of the array fails in turn, or lies"),
-                   recording)
+                   recorded)
             .run();
     } catch (const std::exception &error) {
         fprintf(stderr, "array calls: %s\n", error.what());

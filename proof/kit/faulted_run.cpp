@@ -19,6 +19,11 @@ using test::Phase;
 constexpr char agent_in_host[] = "/exchange/libtfagent.so";
 constexpr char report_in_host[] = "/exchange/agent";
 constexpr double record_limit = 60;
+constexpr char lock_files[] = "/usr/quill/tessera/online_util/db_cntl";
+// The states of the pairs in the array's order, on one line.
+constexpr char list_pairs[] =
+    "tfarray show --json | tr ',{}' '\\n\\n\\n' | sed -n 's/^ *\"state\": *//p' | tr '\\n' ' ' |"
+    " sed 's/ $//'";
 
 const SiteNames &site_names() {
     static const SiteNames names(TF_BINARY_DIR "/lib/libtimefinder_fim.so",
@@ -82,16 +87,6 @@ std::string difference(const std::string &before, const std::string &after) {
     return text.empty() ? "\nthe same lines in another order" : text;
 }
 
-// What is mounted anew is listed last.
-std::string sorted_lines(const std::string &text) {
-    std::multiset<std::string> lines;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) lines.insert(line);
-    std::string sorted;
-    for (const std::string &line : lines) sorted += line + "\n";
-    return sorted;
-}
-
 Words agent_environment(const std::string &plan) {
     return {std::string("LD_PRELOAD=") + agent_in_host, "TFAGENT_PLAN=" + plan,
             std::string("TFAGENT_REPORT=") + report_in_host};
@@ -129,7 +124,7 @@ test::LabWorld &Bench::world() {
     world_ = std::make_unique<test::LabWorld>(scenario_.world, scenario_.hosts);
     world_->start();
     fs::copy_file(TF_BINARY_DIR "/lib/libtfagent.so", world_->exchange() / "libtfagent.so");
-    for (const std::string &line : scenario_.prepare) world_->host(line);
+    run_lines(scenario_.prepare);
     settle();
     before_ = whole_picture();
     return *world_;
@@ -139,32 +134,41 @@ void Bench::renew() {
     world_.reset();
 }
 
-void Bench::settle() {
-    world_->on(scenario_.hosts.front());
-    for (const std::string &line : scenario_.settle) world_->host(line);
+void Bench::run_lines(const Words &lines) {
+    std::string all = "set -e";
+    for (const std::string &line : lines) all += "\n" + line;
+    if (!lines.empty()) world_->host(all);
 }
 
-std::string Bench::whole_picture() {
-    std::string text;
-    for (const std::string &host : scenario_.hosts) {
-        world_->on(host);
-        text += "host " + host + "\n" + sorted_lines(world_->picture());
-    }
+void Bench::settle() {
     world_->on(scenario_.hosts.front());
-    for (const std::string &line : scenario_.content) text += world_->host(line);
-    world_->array("check");
+    run_lines(scenario_.settle);
+}
+
+// Everything in as few processes as there are hosts, since it is looked at after every point.
+std::string Bench::whole_picture() {
+    std::string text = world_->loops();
+    for (size_t i = scenario_.hosts.size(); i-- > 0;) {
+        world_->on(scenario_.hosts[i]);
+        std::string line = "set -e\nsort /proc/self/mounts\nls -A /tmp\ncd " +
+                           std::string(lock_files) + " 2>/dev/null && ls -A || true\ncd /\n";
+        if (i == 0) {
+            for (const std::string &content : scenario_.content) line += content + "\n";
+            line += "tfarray check >/tmp/check || { cat /tmp/check; exit 1; }\nrm /tmp/check\n" +
+                    std::string(list_pairs);
+        }
+        text += "host " + scenario_.hosts[i] + "\n" + world_->host(line);
+    }
     return text;
 }
 
 Phase Bench::process(size_t number, const Words &environment, double limit) {
     const Process &one = scenario_.processes[number];
     world().on(one.host);
-    for (const std::string &line : one.before) world_->host(line);
+    run_lines(one.before);
     fs::remove(world_->exchange() / "agent");
     Phase phase = world_->try_phase(one.steps, limit, 2, environment);
-    if (succeeded(phase)) {
-        for (const std::string &line : one.after) world_->host(line);
-    }
+    if (succeeded(phase)) run_lines(one.after);
     return phase;
 }
 
@@ -244,11 +248,10 @@ void Bench::look(const Plan &plan, const Checks &checks, Outcome *outcome) {
         }
     }
     world_->on(scenario_.processes.front().host);
-    outcome->left = world_->host(
-        "printf 'pairs'; tfarray show --json | tr ',{}' '\\n' | sed -n 's/^ *\"state\": *//p' |"
-        " tr '\\n' ' ' | sed 's/^/ /;s/ $//'; printf '; locks %s; captures %s; mounts %s'"
-        " $(ls -A /usr/quill/tessera/online_util/db_cntl 2>/dev/null | wc -l)"
-        " $(ls -A /tmp | wc -l) $(grep -c ' /copy' /proc/self/mounts)");
+    outcome->left = world_->host("printf 'pairs %s; locks %s; captures %s; mounts %s' \"$(" +
+                                 std::string(list_pairs) + ")\" $(ls -A " + lock_files +
+                                 " 2>/dev/null | wc -l) $(ls -A /tmp | wc -l)" +
+                                 " $(grep -c ' /copy' /proc/self/mounts)");
 }
 
 // The same again without a fault unless it succeeded all the same, the rest, and the world as it
@@ -258,7 +261,7 @@ void Bench::finish(size_t number, Outcome *outcome) {
     for (size_t i = first; i < scenario_.processes.size(); ++i) {
         if (i == number) {
             world_->on(scenario_.processes[i].host);
-            for (const std::string &line : scenario_.processes[i].repair) world_->host(line);
+            run_lines(scenario_.processes[i].repair);
         }
         const Phase again = process(i, {}, record_limit);
         if (succeeded(again)) continue;

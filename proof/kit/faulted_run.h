@@ -92,6 +92,7 @@ class Bench {
     void record();
     test::Phase process(size_t number, const Words &environment, double limit);
     std::string whole_picture();
+    void run_lines(const Words &lines);
     void settle();
     void look(const Plan &plan, const Checks &checks, Outcome *outcome);
     void finish(size_t number, Outcome *outcome);

@@ -332,16 +332,20 @@ std::string LabWorld::picture() {
                  << "\n";
         }
     }
-    text << counter_files() << host("cat /proc/self/mounts; ls -A /tmp");
-    const fs::path output = scratch_ + "/output";
+    text << counter_files() << host("cat /proc/self/mounts; ls -A /tmp") << loops();
+    return text.str();
+}
+
+std::string LabWorld::loops() {
     lab({"loops", "--world", std::to_string(first_)});
-    std::ifstream in(output);
+    std::ifstream in(scratch_ + "/output");
     Words loops;
     for (std::string number, sequence, file; in >> number >> sequence >> file;)
         loops.push_back(file);
     std::sort(loops.begin(), loops.end());
-    for (const std::string &file : loops) text << "loop " << file << "\n";
-    return text.str();
+    std::string text;
+    for (const std::string &file : loops) text += "loop " + file + "\n";
+    return text;
 }
 
 void LabWorld::wait_for_file(const std::string &name) {

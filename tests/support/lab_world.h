@@ -94,6 +94,7 @@ class LabWorld {
     // Pair states, counter files, mounts, loop devices, temporary files: what a failure must not
     // change.
     std::string picture();
+    std::string loops();  // a line for each loop device of the world
     std::string counter_files();
 
     // The daemon of the array ends, and starts again with what it had.
