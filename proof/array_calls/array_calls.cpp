@@ -187,7 +187,7 @@ class ArrayCalls {
 
     const char *recorded_scenario_;  // null: nothing is recorded
     Row row_;
-    Expected expected_{"array_calls"};
+    Expected expected_{TF_SOURCE_DIR "/proof/expected/array_calls"};
     std::map<std::string, std::unique_ptr<Bench>> benches_;
     std::map<std::string, Point> points_;
     std::set<std::string> known_;  // the names of all sites

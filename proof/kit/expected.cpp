@@ -1,6 +1,5 @@
 #include "proof/kit/expected.h"
 
-#include <filesystem>
 #include <fstream>
 #include <set>
 #include <sstream>
@@ -53,16 +52,10 @@ std::set<std::string> shortest(const std::map<std::string, std::string> &keys,
 
 }  // namespace
 
-Expected::Expected(std::string row) : row_(std::move(row)) {}
-
-std::string Expected::file(const std::string &scenario) const {
-    return TF_SOURCE_DIR "/proof/expected/" + row_ + "/" + scenario;
-}
-
 Expected::Sections &Expected::of(const std::string &scenario) {
     if (const auto found = read_.find(scenario); found != read_.end()) return found->second;
     Sections &sections = read_[scenario];
-    std::ifstream in(file(scenario));
+    std::ifstream in(folder_ / scenario);
     std::string section;
     for (std::string line; std::getline(in, line);) {
         if (line.empty() || line[0] == '#') continue;
@@ -98,8 +91,8 @@ void Expected::write() {
     for (const auto &[scenario, sections] : put_down_) {
         Sections all = of(scenario);
         for (const auto &[section, keys] : sections) all[section] = keys;
-        std::filesystem::create_directories(std::filesystem::path(file(scenario)).parent_path());
-        std::ofstream out(file(scenario));
+        std::filesystem::create_directories(folder_);
+        std::ofstream out(folder_ / scenario);
         for (const auto &[section, keys] : all) {
             out << section << "\n";
             std::map<std::string, std::set<std::string>> lines;  // outcome -> keys

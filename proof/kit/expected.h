@@ -9,14 +9,17 @@
 // "KIND" stand for all keys that begin or fit so; the longest one holds.
 #pragma once
 
+#include <filesystem>
 #include <map>
 #include <string>
+#include <utility>
 
 namespace proof {
 
 class Expected {
   public:
-    explicit Expected(std::string row);
+    // The folder of a row's tables, a file for each scenario.
+    explicit Expected(std::filesystem::path folder) : folder_(std::move(folder)) {}
 
     // Null where no line is about it.
     const std::string *find(const std::string &scenario, const std::string &section,
@@ -33,9 +36,7 @@ class Expected {
     using Keys = std::map<std::string, std::string>;  // key -> outcome
     using Sections = std::map<std::string, Keys>;     // what is broken -> its keys
     Sections &of(const std::string &scenario);
-    std::string file(const std::string &scenario) const;
-
-    std::string row_;
+    std::filesystem::path folder_;
     std::map<std::string, Sections> read_, put_down_;
 };
 
