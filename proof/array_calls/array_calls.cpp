@@ -72,6 +72,28 @@ bool is_about(const Kind &kind, const std::string &function) {
     }
 }
 
+// The scenarios with an array whose time passes by the sleeps of the processes alone, and which
+// takes its time in some of them, so that what is polled is met, too.
+const std::vector<Scenario> &slow_scenarios() {
+    static const std::vector<Scenario> all = [] {
+        const std::map<std::string, std::string> settings = {
+            {"block_device", "tfarray rate 1; tfarray split-time 3"},
+            {"two_objects", "tfarray rate 1"},
+            {"multipath", "tfarray rate 8"},
+            {"association", "tfarray rate 1; tfarray split-time 2; tfarray background-time 15"}};
+        std::vector<Scenario> slow = scenarios();
+        for (Scenario &one : slow) {
+            one.prepare.push_back("tfarray clock stop");
+            const auto found = settings.find(one.name);
+            if (found != settings.end()) one.prepare.push_back(found->second);
+            // An establish in full that is under way is not begun again: it is waited for.
+            if (one.name == "multipath") one.processes[0].repair = {"tfarray clock advance 60"};
+        }
+        return slow;
+    }();
+    return all;
+}
+
 struct Point {
     const Scenario *scenario;
     size_t process;
@@ -114,18 +136,19 @@ class ArrayCalls {
   public:
     ArrayCalls(Options options, const char *recorded)
         : recorded_scenario_(recorded),
-          row_("array calls", std::move(options), shipped_libraries()) {}
+          row_("array_calls", std::move(options), shipped_libraries()) {}
 
     int run() {
         std::vector<std::string> names;
-        for (const Scenario &one : scenarios()) {
+        for (const Scenario &one : slow_scenarios()) {
             collect(one, &names);
         }
         for (const std::string &name : row_.choose(names, quick_points))
             try_point(points_.at(name));
         if (recorded_scenario_ != nullptr) expected_.write();
         return row_.finish(std::to_string(sites_) + " sites (" + std::to_string(known_.size()) +
-                           " by name) in " + std::to_string(scenarios().size()) + " scenarios");
+                           " by name) in " + std::to_string(slow_scenarios().size()) +
+                           " scenarios");
     }
 
   private:

@@ -172,8 +172,14 @@ Phase Bench::process(size_t number, const Words &environment, double limit) {
     return phase;
 }
 
+// After a first round, since pairs that were never joined have more to do than those that were.
 void Bench::record() {
     world();
+    for (size_t i = 0; i < scenario_.processes.size(); ++i) {
+        if (const Phase phase = process(i, {}, record_limit); !succeeded(phase))
+            throw std::runtime_error(scenario_.name + " fails without a fault: " + told(phase));
+    }
+    settle();
     const auto begin = std::chrono::steady_clock::now();
     for (size_t i = 0; i < scenario_.processes.size(); ++i) {
         const Phase phase = process(i, agent_environment("record " + kind_), record_limit);

@@ -56,7 +56,8 @@ Scenario file_system() {
             {"client1"},
             {ext4_on("/dev/qz/dmp/p0"), "tfarray establish --full " + pair},
             processes_of(file_on_data()),
-            {part::remove_captures, part::forget_the_snapshot, part::let_the_array_settle},
+            {part::remove_captures, part::forget_the_snapshot, part::let_the_array_settle,
+             part::establish(pair), part::let_the_array_settle},
             {same_file}};
 }
 
@@ -208,8 +209,7 @@ Scenario association() {
             processes_of(file_on_data()),
             {part::remove_captures, part::forget_the_snapshot, part::let_the_array_settle,
              part::split("000184500123 00A3 03A2"), part::let_the_array_settle,
-             "tfarray establish 000184500123 00A3 03A1 >/dev/null 2>&1 || true",
-             part::let_the_array_settle},
+             part::establish("000184500123 00A3 03A1"), part::let_the_array_settle},
             {same_file}};
 }
 

@@ -18,6 +18,11 @@ inline std::string split(const std::string &pair) {
     return "tfarray split " + pair + " >/dev/null 2>&1 || true";
 }
 
+// Establishes a pair whether it is established or not.
+inline std::string establish(const std::string &pair) {
+    return "tfarray establish " + pair + " >/dev/null 2>&1 || true";
+}
+
 Scenario volumes();
 Scenario imported();
 Scenario restored();
