@@ -12,5 +12,9 @@ int main(int argc, char **argv) {
     row.ways = [](const std::string &) {
         return std::vector<proof::Way>{{"ENOMEM", "fail", "-", 0, true}};
     };
+    // The C library's name service asserts that it has memory for its own beginnings. The host
+    // library asks it only when there is plenty; one that fails all the same cannot be survived
+    // from here.
+    row.left_out = {">getaddrinfo"};
     return proof::run_call_row(argc, argv, row);
 }

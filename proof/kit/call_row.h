@@ -2,7 +2,11 @@
 // first, a middle and its last call, once and for good, in every way that it can fail.
 //
 //   ROW --full|--quick --seed N --state DIR [--point NAME...]
-//   ROW --full --state DIR --record      takes what is seen for the tables, to be read by a person
+//   ROW --full --state DIR --record      takes what is seen for the tables, to be read by a person:
+//                                        of each place the error that stands for all. The next full
+//                                        run shows which others end differently
+//   ROW --full --state DIR --record --point NAME...      those, then
+//   ROW --full --state DIR --record=S    only for scenario S, in DIR/recorded, not yet in a table
 //
 // What is expected stands in proof/expected/ROW/SCENARIO (see outcomes.h), the places that were
 // reached when it was written in proof/expected/ROW/sites: "SCENARIO PROCESS CALLS SITE". The quick
@@ -35,6 +39,8 @@ struct CallRow {
     std::function<std::vector<std::string>()> unknown;
     // How a call of this function can fail; none: it cannot.
     std::function<std::vector<Way>(const std::string &function)> ways;
+    // Places that are left out, by the ends of their names, each for a reason that stands with it.
+    std::vector<std::string> left_out{};
 };
 
 // Runs the row; the status of main().

@@ -18,20 +18,21 @@ namespace {
 #define FALLS_SHORT(function, bytes, why) \
     { function, "lie", "short_" #bytes, bytes, true, why }
 
-// One function's rows stand together. What is left out cannot happen to these calls: a wrong
+// One function's rows stand together; the first of them stands for all at a place's later calls and
+// for good. What is left out cannot happen to these calls: a wrong
 // pointer, a descriptor that is not open, a signal while a regular file is read.
 constexpr Fault faults[] = {
+    FAILS("open", EMFILE, "the framework has used its descriptors up"),
     FAILS("open", ENOENT, "the file went away between two looks"),
     FAILS("open", EACCES, "a security module, or root squashed on a network file system"),
-    FAILS("open", EMFILE, "the framework has used its descriptors up"),
     FAILS("open", EIO, "the disk below is dying"),
     FAILS("open", ELOOP, "a link stands where the file was"),
 
+    FAILS("create", ENOSPC, "the disk is full, or out of inodes"),
     FAILS("create", ENOENT, "the folder went away"),
     FAILS("create", EACCES, "a security module, or root squashed on a network file system"),
     FAILS("create", EEXIST, "somebody else made the name"),
     FAILS("create", EMFILE, "the framework has used its descriptors up"),
-    FAILS("create", ENOSPC, "the disk is full, or out of inodes"),
     FAILS("create", EROFS, "the file system went read-only behind an error"),
     FAILS("create", ELOOP, "a link stands in the file's place"),
 
@@ -62,42 +63,42 @@ constexpr Fault faults[] = {
     FAILS_ONCE("lock", EINTR, "a signal of the framework's"),
     FAILS("duplicate", EMFILE, "the framework has used its descriptors up"),
 
+    FAILS("stat", EIO, "the disk below is dying"),
     FAILS("stat", ENOENT, "the file went away between two looks"),
     FAILS("stat", EACCES, "a folder that may not be searched"),
-    FAILS("stat", EIO, "the disk below is dying"),
     FAILS("stat", ENOMEM, "the kernel is out of memory"),
+    FAILS("lstat", EIO, "the disk below is dying"),
     FAILS("lstat", ENOENT, "the file went away between two looks"),
     FAILS("lstat", EACCES, "a folder that may not be searched"),
-    FAILS("lstat", EIO, "the disk below is dying"),
     FAILS("fstat", EIO, "the disk below is dying"),
     FAILS("fstat", ENOMEM, "the kernel is out of memory"),
+    FAILS("access", EIO, "the disk below is dying"),
     FAILS("access", ENOENT, "the file went away between two looks"),
     FAILS("access", EACCES, "a folder that may not be searched"),
-    FAILS("access", EIO, "the disk below is dying"),
 
+    FAILS("unlink", EROFS, "the file system went read-only behind an error"),
     FAILS("unlink", ENOENT, "somebody else cleans up, too"),
     FAILS("unlink", EACCES, "a security module"),
-    FAILS("unlink", EROFS, "the file system went read-only behind an error"),
     FAILS("unlink", EIO, "the disk below is dying"),
-    FAILS("mkdir", EACCES, "a security module"),
     FAILS("mkdir", ENOSPC, "the disk is full"),
+    FAILS("mkdir", EACCES, "a security module"),
     FAILS("mkdir", EROFS, "the file system went read-only behind an error"),
     FAILS("mkdir", EEXIST, "the array's own tools made it meanwhile"),
+    FAILS("chown", EROFS, "the file system went read-only behind an error"),
     FAILS("chown", EPERM, "no right to give files away in a user namespace"),
     FAILS("chown", ENOENT, "the device node went away"),
-    FAILS("chown", EROFS, "the file system went read-only behind an error"),
     FAILS("chown", EIO, "the disk below is dying"),
-    FAILS("realpath", ENOENT, "the directory went away"),
     FAILS("realpath", EACCES, "a folder that may not be searched"),
+    FAILS("realpath", ENOENT, "the directory went away"),
     FAILS("realpath", ENOMEM, "no memory"),
 
     FAILS("tempnam", EEXIST, "no name is free"),
     FAILS("tempnam", ENOENT, "there is no folder for temporary files"),
     FAILS("tempnam", ENOMEM, "no memory"),
 
+    FAILS("fopen", EMFILE, "the framework has used its descriptors up"),
     FAILS("fopen", ENOENT, "the file is not there"),
     FAILS("fopen", EACCES, "a security module"),
-    FAILS("fopen", EMFILE, "the framework has used its descriptors up"),
     FAILS("fopen", ENOMEM, "no memory"),
     FAILS("fdopen", ENOMEM, "no memory"),
     FAILS_AFTER("fclose", EIO, true, "the disk below is dying"),
@@ -105,9 +106,9 @@ constexpr Fault faults[] = {
     FAILS("getc", EIO, "the disk below is dying"),
     FAILS("getline", EIO, "the disk below is dying"),
     FAILS("getline", ENOMEM, "no memory for a line"),
+    FAILS("setmntent", EMFILE, "the framework has used its descriptors up"),
     FAILS("setmntent", ENOENT, "no mount table"),
     FAILS("setmntent", EACCES, "a security module"),
-    FAILS("setmntent", EMFILE, "the framework has used its descriptors up"),
     FAILS("getmntent", EIO, "the mount table breaks off"),
 
     FAILS("system", EAGAIN, "the limit of processes"),
@@ -124,8 +125,8 @@ constexpr Fault faults[] = {
     FAILS("posix_spawn_file_actions_addopen", ENOMEM, "no memory"),
     FAILS("posix_spawn_file_actions_adddup2", ENOMEM, "no memory"),
     FAILS("posix_spawn_file_actions_addclosefrom_np", ENOMEM, "no memory"),
+    // Not ECHILD: a handler that reaps every child is held off until the status is there.
     FAILS_ONCE("waitpid", EINTR, "a signal of the framework's"),
-    FAILS_AFTER("waitpid", ECHILD, false, "the framework reaps every child"),
     FAILS("getpgid", ESRCH, "the process has ended"),
     FAILS("getpgid", EPERM, "a security module hides other processes"),
 

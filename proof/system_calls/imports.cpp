@@ -60,6 +60,7 @@ constexpr std::string_view cannot_fail[] = {
     "strncmp",
     "strnlen",
     "strsep",
+    "strspn",
     "strstr",
     "strtok_r",
     "strtol",
