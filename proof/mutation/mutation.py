@@ -347,7 +347,12 @@ def main():
         for number, m in enumerate(chosen):
             point = point_of(m)
             if point not in result:
-                result[point] = run.killer(m) is not None
+                # The quick form takes the list's word; the full one looks whether it still holds.
+                known_survivor = not options.full and key_of(m) in reviewed
+                result[point] = not known_survivor and (
+                    run.killer(m) is not None or
+                    # Once more: what depends on the moment may have passed it.
+                    key_of(m) not in reviewed and run.killer(m) is not None)
                 log.write(f"{'noticed' if result[point] else 'unnoticed'} {point}\n")
             if not result[point] and key_of(m) not in reviewed:
                 red.append(m)
@@ -371,7 +376,7 @@ def main():
         print(f"no longer a survivor: {key[0]} {key[1]} {key[3]} = {key[2]}")
     killed = sum(result.values())
     known_survivors = len(chosen) - killed - len(red)
-    note = (f"{score:.1f} % noticed ({raw:.1f} % with the equivalent ones), "
+    note = (f"{score:.1f} % killed ({raw:.1f} % with the equivalent ones), "
             f"{known_survivors} reviewed survivors")
     if not options.full:
         note += f", seed {options.seed}"

@@ -158,6 +158,7 @@ TEST_F(HostileNames, without_memory_for_the_quotes_nothing_is_run) {
     EXPECT_EQ(TimeFinder_thaw(object), 11);
     test::no_more_faults();
     EXPECT_EQ(words(), "");
+    EXPECT_TRUE(logged("do_cmd: Out of available memory"));
     expect_failure(11,
                    "TimeFinder_thaw: Unable to clean up disk group " + name + ", volume " + name);
 }
