@@ -12,7 +12,7 @@ sources() {
 
 check_format() {
     local files
-    mapfile -t files < <(sources "${shipped[@]}" "${own[@]}" tests fuzz conformance)
+    mapfile -t files < <(sources "${shipped[@]}" "${own[@]}" tests fuzz conformance proof bench)
     clang-format-14 --dry-run --Werror "${files[@]}"
 }
 
