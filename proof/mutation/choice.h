@@ -23,10 +23,14 @@ constexpr bool condition(int place, bool value) {
     if (std::is_constant_evaluated()) return value;
     seen[place] = static_cast<unsigned char>(seen[place] | (value ? was_true : was_false));
     switch (chosen - place) {
-    case flipped: return !value;
-    case always_true: return true;
-    case always_false: return false;
-    default: return value;
+    case flipped:
+        return !value;
+    case always_true:
+        return true;
+    case always_false:
+        return false;
+    default:
+        return value;
     }
 }
 
