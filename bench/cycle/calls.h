@@ -11,18 +11,14 @@
 namespace bench {
 
 // Every kind of call, under the name of its function.
-#define BENCH_CALLS(X)                                                                            \
-    X(open)                                                                                       \
-    X(close)                                                                                      \
-    X(read)                                                                                       \
-    X(write)                                                                                      \
-    X(lseek)                                                                                      \
-    X(ftruncate)                                                                                  \
-    X(fcntl) X(fcntl_lock) X(unlink) X(stat) X(lstat) X(fstat) X(access) X(system) X(getpgid)     \
-        X(fdopen) X(fgets) X(fclose) X(setmntent) X(getmntent) X(endmntent) X(tempnam) X(sigmask) \
-            X(sigpending) X(sleep) X(sync) X(SymInitV) X(SymExit) X(SymPerror) X(SymPdevSync)     \
-                X(SymPdevShow) X(SymDevSync) X(SymDevShow) X(SymDevListBcvControl)                \
-                    X(SymDevBcvControl) X(other_array_call)
+// clang-format off
+#define BENCH_CALLS(X) \
+    X(open) X(close) X(read) X(write) X(lseek) X(ftruncate) X(fcntl) X(fcntl_lock) X(unlink) \
+    X(stat) X(lstat) X(fstat) X(access) X(system) X(getpgid) X(fdopen) X(fgets) X(fclose) \
+    X(setmntent) X(getmntent) X(endmntent) X(tempnam) X(sigmask) X(sigpending) X(sleep) \
+    X(sync) X(SymInitV) X(SymExit) X(SymPerror) X(SymPdevSync) X(SymPdevShow) X(SymDevSync) \
+    X(SymDevShow) X(SymDevListBcvControl) X(SymDevBcvControl) X(other_array_call)
+// clang-format on
 
 enum class Kind : uint32_t {
 #define BENCH_KIND(name) name,
