@@ -1,8 +1,10 @@
 #include "conformance/contract.h"
 
 #include <signal.h>
+#include <sys/wait.h>
 
 #include <algorithm>
+#include <chrono>
 #include <fstream>
 #include <iterator>
 #include <map>
@@ -10,6 +12,7 @@
 #include <nlohmann/json.hpp>
 #include <regex>
 #include <sstream>
+#include <thread>
 
 namespace conformance {
 
@@ -38,6 +41,19 @@ std::map<std::string, Kept> &worlds() {
 void end_world(const std::string &scenario) {
     const auto kept = worlds().extract(scenario);
     kept.mapped().world->stop();
+}
+
+// Leaves the child to be waited for.
+bool ends_in_time(pid_t child) {
+    const auto deadline =
+        std::chrono::steady_clock::now() + std::chrono::duration<double>(patience);
+    for (siginfo_t ended = {}; std::chrono::steady_clock::now() < deadline;) {
+        if (waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOHANG | WNOWAIT) != 0)
+            return true;
+        if (ended.si_pid == child) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return false;
 }
 
 // What a red case shows of a text: of two long ones, the lines that differ.
@@ -160,6 +176,11 @@ Phase Contract::run_with(const Words &first, const std::function<void()> &meanwh
         throw;
     }
     world_->make_file("go");
+    if (!ends_in_time(running.pid)) {
+        kill(running.pid, SIGKILL);
+        ADD_FAILURE() << "how the process ended\nexpected: 0\nseen:     still at it after "
+                      << patience << " seconds";
+    }
     return judged(world_->end_phase(running));
 }
 
