@@ -6,6 +6,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <filesystem>
 
 #include "conformance/contract.h"
@@ -49,6 +50,8 @@ std::string without_heading(const std::string &message) {
     return message.starts_with(heading) ? message.substr(strlen(heading)) : message;
 }
 
+bool worlds_end_well = true;
+
 class Judgement : public testing::EmptyTestEventListener {
     void OnTestEnd(const testing::TestInfo &test) override {
         const testing::TestResult &result = *test.result();
@@ -78,7 +81,15 @@ class Judgement : public testing::EmptyTestEventListener {
               stdout);
     }
 
-    void OnTestSuiteEnd(const testing::TestSuite &) override { conformance::close_worlds(); }
+    void OnTestSuiteEnd(const testing::TestSuite &suite) override {
+        try {
+            conformance::close_worlds();
+        } catch (const std::exception &left) {
+            worlds_end_well = false;
+            printf("not ok   %s: its world ends and leaves no loop device\n%s",
+                   topic(suite.name()).c_str(), indented(left.what()).c_str());
+        }
+    }
 
     void OnTestProgramEnd(const testing::UnitTest &all) override {
         printf("\n%d cases: %d ok, %d not ok, %d skipped, %lld s\n", all.test_to_run_count(),
@@ -109,5 +120,6 @@ int main(int argc, char **argv) {
     testing::TestEventListeners &listeners = testing::UnitTest::GetInstance()->listeners();
     delete listeners.Release(listeners.default_result_printer());
     listeners.Append(new Judgement);
-    return RUN_ALL_TESTS();
+    const int status = RUN_ALL_TESTS();
+    return status == 0 && worlds_end_well ? 0 : 1;
 }
