@@ -16,16 +16,6 @@ namespace {
 
 constexpr char counter_file[] =
     "/usr/quill/tessera/online_util/db_cntl/__LOCKFILE_0001845001230000";
-constexpr char stale_copy[] = "TRANSFER_FILE=";
-
-// The stale copies that a text names: nothing else of this host may be deleted.
-void allow_stale_copies(Machine &machine, const std::string &text) {
-    for (const std::string &line : lines_of(text)) {
-        if (line.starts_with(stale_copy)) {
-            machine.may_unlink.insert(line.c_str() + sizeof stale_copy - 1);
-        }
-    }
-}
 
 // Every command of a rebuild makes a disk known or asks for a device.
 void expect_commands(const Machine &machine) {
@@ -52,31 +42,39 @@ void expect_locks(const Machine &machine, const hdef *h, int32_t status) {
 
 }  // namespace
 
-int32_t rebuild_and_write(const std::string &text, std::string *again, Additions *additions) {
+Rebuilt rebuild_and_write(const std::string &text, const std::vector<std::string> &stale) {
     Machine machine;
     machine.on_command = answer_of_tools;
-    allow_stale_copies(machine, text);
+    for (const std::string &path : stale) {
+        machine.may_unlink.insert(path);
+        machine.put_file(path, "stale");
+    }
     const EveryDevice array;
     Framework framework;
     ExactText copy(text);
     hdef *h = nullptr;
-    const int32_t status = TimeFinder_rebuild(&h, copy.get());
+    Rebuilt result;
+    result.status = TimeFinder_rebuild(&h, copy.get());
     expect_commands(machine);
     if (h == nullptr) finding("a rebuild without a record");
-    expect_locks(machine, h, status);
-    *additions = {h->is_tgt, h->restore};
-    if (status != 0) {
-        framework.expect_report("TimeFinder_rebuild");
-        return status;
+    expect_locks(machine, h, result.status);
+    for (const std::string &path : stale) {
+        if (machine.has_file(path)) finding("the stale copy %s is still there", path.c_str());
     }
+    result.additions = {h->is_tgt, h->restore};
+    if (result.status != 0) {
+        framework.expect_report("TimeFinder_rebuild");
+        return result;
+    }
+    result.clone_information = machine.file(h->transfer_file);
     char *written = nullptr;
     framework.forget();
     if (TimeFinder_ckpt(h, &written) != 0) finding("a rebuilt record has no checkpoint");
-    *again = written;
+    result.text = written;
     free(written);
     const std::vector<std::string> left = machine.temporary_files();
     if (left.size() != 1 || left[0] != h->transfer_file) finding("a temporary file was left");
-    return status;
+    return result;
 }
 
 std::string with_additions(const std::string &text, const Additions &additions) {

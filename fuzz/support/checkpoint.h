@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "include/records.h"
 
@@ -15,10 +16,17 @@ struct Additions {
     int32_t restore = 0;
 };
 
-// Rebuilds the text in a process of its own. Returns the status; after a success *again is the
-// checkpoint of the record, and *additions what the text had added. Whatever the library must not
-// do is a finding.
-int32_t rebuild_and_write(const std::string &text, std::string *again, Additions *additions);
+// What a rebuild gave.
+struct Rebuilt {
+    int32_t status = 0;
+    Additions additions;            // what the text had added
+    std::string text;               // after a success, the checkpoint of the record
+    std::string clone_information;  // and what stands in its transfer file
+};
+
+// Rebuilds the text in a process of its own, on a host where these stale copies lie: each of them
+// has to be deleted. Whatever else the library must not do is a finding.
+Rebuilt rebuild_and_write(const std::string &text, const std::vector<std::string> &stale = {});
 // The text with these additions in front.
 std::string with_additions(const std::string &text, const Additions &additions);
 

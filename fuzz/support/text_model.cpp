@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <map>
+#include <string_view>
 #include <vector>
 
 #include "fuzz/support/input.h"
@@ -100,7 +101,7 @@ class Rebuild {
             in_clone_ = file_open_ = false;
             return true;
         }
-        if (in_clone_) return file_open_ || line.starts_with("TRANSFER_FILE=");
+        if (in_clone_) return take_clone_line(line);
         if (line == "PRIM_MIR_INFO=START" || line == "PRIM_MIR_INFO=END") return true;
         return line == "PRIM_MIR_INFO=NEXT" ? commit() : convert(line);
     }
@@ -120,12 +121,24 @@ class Rebuild {
         return text + "PRIM_MIR_INFO=END\n";
     }
 
+    const std::string &clone_information() const { return clone_information_; }
+    const std::vector<std::string> &deleted() const { return deleted_; }
+
   private:
     static bool is_set(const Values &values, const char *key) {
         const auto found = values.find(key);
         return found != values.end() && found->second != "0";
     }
 
+    bool take_clone_line(const std::string &line) {
+        constexpr std::string_view stale = "TRANSFER_FILE=";
+        if (line.starts_with(stale)) {
+            deleted_.push_back(line.substr(stale.size()));
+            return true;
+        }
+        if (file_open_) clone_information_ += line + "\n";
+        return file_open_;
+    }
     bool convert(const std::string &line) {
         const size_t equals = line.find('=');
         const std::string name = line.substr(0, equals);
@@ -163,6 +176,8 @@ class Rebuild {
         return true;
     }
 
+    std::string clone_information_;
+    std::vector<std::string> deleted_;
     Values object_, added_, scratch_;
     std::vector<Values> devices_;
     bool in_clone_ = false, file_open_ = true, last_line_good_ = true;
@@ -175,10 +190,10 @@ Expected expected_rebuild(const std::string &text) {
     std::string rest = text;
     // What follows the last newline is no line.
     while (rest.find('\n') != std::string::npos) {
-        if (!rebuild.take(take_line_off(rest))) return {failed, ""};
+        if (!rebuild.take(take_line_off(rest))) return {failed, "", "", rebuild.deleted()};
     }
-    if (!rebuild.finish()) return {failed, ""};
-    return {0, rebuild.text()};
+    if (!rebuild.finish()) return {failed, "", "", rebuild.deleted()};
+    return {0, rebuild.text(), rebuild.clone_information(), rebuild.deleted()};
 }
 
 }  // namespace fuzz

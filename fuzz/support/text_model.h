@@ -4,12 +4,15 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace fuzz {
 
 struct Expected {
     int32_t status = 0;
-    std::string text;  // the checkpoint of the rebuilt record, after a success
+    std::string text;                  // the checkpoint of the rebuilt record, after a success
+    std::string clone_information;     // what stands in its transfer file then
+    std::vector<std::string> deleted;  // the stale copies that the text names, in their order
 };
 
 Expected expected_rebuild(const std::string &text);
