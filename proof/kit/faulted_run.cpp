@@ -211,14 +211,29 @@ const Phase &Bench::without_fault(size_t process) {
     return without_fault_.at(process);
 }
 
-Outcome Bench::run(size_t number, const Plan &plan, const Checks &checks) {
-    Outcome outcome;
+void Bench::run_before(size_t number) {
     world();
     for (size_t i = 0; i < number; ++i) {
         if (const Phase before = process(i, {}, record_limit); !succeeded(before)) {
             throw std::runtime_error("before the fault: " + told(before));
         }
     }
+}
+
+Outcome Bench::run_in(size_t number, const Words &environment) {
+    Outcome outcome;
+    run_before(number);
+    outcome.faulted = process(number, environment, Checks().limit);
+    outcome.fired = true;
+    look({}, {}, &outcome);
+    finish(number, &outcome);
+    if (!outcome.wrong.empty()) renew();
+    return outcome;
+}
+
+Outcome Bench::run(size_t number, const Plan &plan, const Checks &checks) {
+    Outcome outcome;
+    run_before(number);
     outcome.faulted = process(number, agent_environment(plan.text()), checks.limit);
     for (const std::string &line : lines_of(world_->exchange() / "agent")) {
         outcome.fired = outcome.fired || line.starts_with("met ");

@@ -81,6 +81,9 @@ class Bench {
     Outcome run(size_t process, const Plan &plan, const Checks &checks);
     Outcome run(size_t process, const Plan &plan) { return run(process, plan, Checks()); }
 
+    // The same with no call met, but a process of another kind: NAME=VALUE of its environment.
+    Outcome run_in(size_t process, const Words &environment);
+
     // The world, for rows that look at more; made when there is none.
     test::LabWorld &world();
     // Throws the world away.
@@ -90,6 +93,7 @@ class Bench {
 
   private:
     void record();
+    void run_before(size_t number);
     test::Phase process(size_t number, const Words &environment, double limit);
     std::string whole_picture();
     void run_lines(const Words &lines);

@@ -4,6 +4,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -67,9 +68,27 @@ int fetch_text(lab::Function function, char *text, size_t size, ReplyHead *reply
     return answer;
 }
 
+// A file-size limit of the host process is an error here, not its end.
+ssize_t write_some(int fd, const char *text, size_t size) {
+    sigset_t one, mask, pending;
+    sigemptyset(&one);
+    sigaddset(&one, SIGXFSZ);
+    pthread_sigmask(SIG_BLOCK, &one, &mask);
+    sigpending(&pending);
+    const ssize_t done = write(fd, text, size);
+    const int error = errno;
+    const struct timespec at_once = {0, 0};
+    if (done < 0 && error == EFBIG && sigismember(&pending, SIGXFSZ) == 0) {
+        sigtimedwait(&one, nullptr, &at_once);
+    }
+    pthread_sigmask(SIG_SETMASK, &mask, nullptr);
+    errno = error;
+    return done;
+}
+
 bool write_all(int fd, const char *text, size_t size) {
     while (size > 0) {
-        const ssize_t done = write(fd, text, size);
+        const ssize_t done = write_some(fd, text, size);
         if (done < 0 && errno == EINTR) continue;
         if (done <= 0) return false;
         text += done;

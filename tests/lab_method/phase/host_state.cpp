@@ -61,6 +61,9 @@ void add_signals(Facts *facts) {
     pthread_sigmask(SIG_SETMASK, nullptr, &set);
     facts->push_back("held signals:" + set_of(set));
     sigpending(&set);
+    // A child that ended tells so. While the process holds that back it stays, whoever waited for
+    // the child.
+    sigdelset(&set, SIGCHLD);
     facts->push_back("pending signals:" + set_of(set));
 }
 

@@ -38,12 +38,14 @@
 #include <iterator>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "include/records.h"
 #include "include/timefinder.h"
 #include "tests/lab_method/phase/host_state.h"
 #include "tests/lab_method/phase/parse.h"
 #include "tests/lab_method/phase/record_fields.h"
+#include "tests/lab_method/phase/surroundings.h"
 
 namespace {
 
@@ -52,6 +54,9 @@ constexpr int32_t no_number = -1;
 constexpr size_t most_objects = 16;
 
 FILE *report;
+phase::Surroundings surroundings;
+// Lines that were logged where nothing can be written to the report.
+std::vector<std::string> kept_log;
 
 void tell(const char *key, const std::string &text) {
     fprintf(report, "%s ", key);
@@ -88,9 +93,14 @@ class Method {
         number_ = no_number;
         errmsg_[0] = logmsg_[0] = '\0';
         Entry *const call = entry<Entry>(symbol);
+        int32_t status = -1;
+        surroundings.enter();
         const phase::HostState before;
-        const int32_t status = call(arguments...);
-        const auto changes = before.changes(phase::HostState());
+        surroundings.call([&] { status = call(arguments...); });
+        auto changes = before.changes(phase::HostState());
+        surroundings.leave();
+        tell_kept_log();
+        if (surroundings.printed_into_a_file()) changes.push_back("what it opened took a print");
         failed_ = status != 0;
         tell("step", name);
         tell("status", std::to_string(status));
@@ -266,7 +276,15 @@ class Method {
         return reinterpret_cast<Entry *>(found);
     }
 
-    static void log_line(const char *line) { tell("log", line); }
+    static void log_line(const char *line) {
+        if (surroundings.ordinary()) return tell("log", line);
+        surroundings.print(line);
+        kept_log.emplace_back(line);
+    }
+    static void tell_kept_log() {
+        for (const std::string &line : kept_log) tell("log", line);
+        kept_log.clear();
+    }
 
     const phase::HostState before_load_;
     void *library_;

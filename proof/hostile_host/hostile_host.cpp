@@ -1,0 +1,155 @@
+// The row "hostile host": every process of every scenario in surroundings that a framework may call
+// from. What has to come of it stands in proof/expected/hostile_host (see proof/kit/outcomes.h; the
+// surroundings stand in the place of a site).
+//
+//   hostile_host ... --record    writes what is seen into the tables, to be read by a person
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <map>
+#include <memory>
+
+#include "proof/kit/faulted_run.h"
+#include "proof/kit/outcomes.h"
+#include "proof/kit/row.h"
+#include "tests/lab_method/phase/surroundings.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using proof::CallPoint;
+using proof::OutcomeText;
+
+constexpr size_t sample = 14;
+
+fs::path table_of(const std::string &scenario) {
+    return fs::path(TF_SOURCE_DIR) / "proof/expected/hostile_host" / scenario;
+}
+
+// All points by their names, those of one scenario together.
+struct Points {
+    std::vector<std::string> names;
+    std::map<std::string, CallPoint> points;
+    std::map<std::string, size_t> processes;  // the number of a point's process
+};
+
+// A scenario without a table has no points until somebody has read what it gives; it is named.
+Points all_points(bool record, std::string *unread) {
+    Points all;
+    for (const proof::Scenario &scenario : proof::scenarios()) {
+        if (!record && !fs::exists(table_of(scenario.name))) {
+            *unread += (unread->empty() ? ", no table yet: " : " ") + scenario.name;
+            continue;
+        }
+        for (size_t i = 0; i < scenario.processes.size(); ++i) {
+            for (const std::string &name : phase::surroundings_names()) {
+                const CallPoint point = {
+                    scenario.name, scenario.processes[i].name, name, "-", "-", "-"};
+                const std::string text = point.scenario + "/" + point.process + "/" + point.site;
+                all.names.push_back(text);
+                all.points[text] = point;
+                all.processes[text] = i;
+            }
+        }
+    }
+    return all;
+}
+
+// Removes a flag from the arguments. Returns whether it was there.
+bool take_flag(int *argc, char **argv, const char *flag) {
+    for (int i = 1; i < *argc; ++i) {
+        if (strcmp(argv[i], flag) != 0) continue;
+        for (; i + 1 < *argc; ++i) argv[i] = argv[i + 1];
+        argv[--*argc] = nullptr;
+        return true;
+    }
+    return false;
+}
+
+class HostileHost {
+  public:
+    HostileHost(proof::Row *row, bool record) : row_(row), record_(record) {}
+
+    void try_all(const Points &all, const std::vector<std::string> &chosen) {
+        for (const std::string &name : chosen) {
+            const CallPoint &point = all.points.at(name);
+            enter(point.scenario);
+            const std::string wrong = try_point(point, all.processes.at(name));
+            if (wrong.empty()) {
+                row_->held(name);
+            } else {
+                row_->failed(name, wrong);
+            }
+        }
+        if (!record_) return;
+        for (const auto &[scenario, seen] : seen_) {
+            proof::OutcomeTable(table_of(scenario)).write(seen);
+        }
+    }
+
+  private:
+    // One world at a time.
+    void enter(const std::string &scenario) {
+        if (scenario == scenario_) return;
+        scenario_ = scenario;
+        bench_ = std::make_unique<proof::Bench>(proof::scenario(scenario), "array");
+        table_ = std::make_unique<proof::OutcomeTable>(table_of(scenario));
+    }
+
+    std::string try_point(const CallPoint &point, size_t process) {
+        const proof::Outcome outcome =
+            bench_->run_in(process, {"TFPHASE_SURROUNDINGS=" + point.site});
+        const OutcomeText seen = {outcome.line()};
+        if (row_->verbose()) tell(outcome);
+        seen_[point.scenario].emplace_back(point, seen);
+        std::string wrong;
+        for (const std::string &what : outcome.wrong) wrong += what + "\n    ";
+        if (record_) return wrong;
+        const OutcomeText *const expected = table_->expected(point);
+        if (expected == nullptr) return wrong + "nothing is expected; seen: " + seen[0];
+        if (*expected != seen) wrong += "expected " + expected->front() + "\n    seen " + seen[0];
+        return wrong;
+    }
+
+    static void tell(const proof::Outcome &outcome) {
+        for (const test::Call &call : outcome.faulted.calls) {
+            for (const std::string &line : call.log) printf("  %s\n", line.c_str());
+            printf("%s: %d, error number %d, %s\n", call.step.c_str(), call.status, call.number,
+                   call.errmsg.c_str());
+        }
+        printf("%s\n%s", outcome.line().c_str(), outcome.faulted.output.c_str());
+    }
+
+    proof::Row *row_;
+    bool record_;
+    std::string scenario_;
+    std::unique_ptr<proof::Bench> bench_;
+    std::unique_ptr<proof::OutcomeTable> table_;
+    std::map<std::string, std::vector<std::pair<CallPoint, OutcomeText>>> seen_;
+};
+
+int run(int argc, char **argv) {
+    const bool record = take_flag(&argc, argv, "--record");
+    const proof::Options options =
+        proof::options_of(argc, argv, "Every process in surroundings that are odd or narrow");
+    if (geteuid() != 0) return proof::Row::cannot_run("worlds need root");
+    proof::Row row("hostile_host", options, proof::shipped_libraries());
+    std::string unread;
+    const Points all = all_points(record, &unread);
+    HostileHost(&row, record).try_all(all, row.choose(all.names, sample));
+    return row.finish(std::to_string(phase::surroundings_names().size()) + " surroundings" +
+                      unread);
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    try {
+        return run(argc, argv);
+    } catch (const std::exception &error) {
+        fprintf(stderr, "hostile_host: %s\n", error.what());
+        return proof::row_missed;
+    }
+}
