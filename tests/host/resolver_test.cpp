@@ -29,6 +29,12 @@ struct Address {
         }
         node.ai_addr = socket_address();
     }
+    Address(const Address &) = delete;
+    // The node goes on naming this record's own bytes, not those of one that is soon gone.
+    Address &operator=(const Address &other) {
+        bytes = other.bytes;
+        return *this;
+    }
     sockaddr *socket_address() { return reinterpret_cast<sockaddr *>(&bytes); }
 
     sockaddr_storage bytes = {};
