@@ -121,10 +121,23 @@ void remember(const Phase &phase, std::set<std::string> *lines) {
     }
 }
 
+// Whether the copy of one object came up, and that of a later one did not.
+bool half_presented(const Outcome &outcome) {
+    bool presented = false;
+    for (const Call &call : outcome.faulted.calls) {
+        if (call.step != "volumes") continue;
+        if (call.status != 0) return presented;
+        presented = true;
+    }
+    return false;
+}
+
 // A fault can change what the framework has to do next, and so the scenario's further processes:
 // the table has to know.
-bool is_told_by_table(const std::string &wrong) {
+bool is_told_by_table(const Outcome &outcome, const std::string &wrong) {
     if (wrong.find(" after it: ") != std::string::npos) return true;
+    // With two objects: the first one's copy is mounted, and would have to be thawed before.
+    if (wrong.find(" again: ") != std::string::npos && half_presented(outcome)) return true;
     // A lock that could not be released stays until its next owner takes it over.
     static const std::regex counter_file_stays(
         "the world is another one:(\n\\+ __LOCKFILE_[0-9A-Za-z]+)+");
@@ -134,8 +147,9 @@ bool is_told_by_table(const std::string &wrong) {
 // What holds of every failure, whatever the table says.
 std::vector<std::string> judge(const Outcome &outcome) {
     std::vector<std::string> wrong;
-    std::remove_copy_if(outcome.wrong.begin(), outcome.wrong.end(), std::back_inserter(wrong),
-                        is_told_by_table);
+    std::remove_copy_if(
+        outcome.wrong.begin(), outcome.wrong.end(), std::back_inserter(wrong),
+        [&outcome](const std::string &one) { return is_told_by_table(outcome, one); });
     for (const Call &call : outcome.faulted.calls) {
         if (call.status == 0 || call.errmsg.empty()) continue;
         if (!call.logged(call.errmsg)) wrong.push_back(call.step + " did not log its message");
@@ -241,7 +255,7 @@ class Runner {
             }
         }
         for (const std::string &wrong : outcome.wrong) {
-            if (is_told_by_table(wrong)) text.push_back("then " + one_line(plain(wrong)));
+            if (is_told_by_table(outcome, wrong)) text.push_back("then " + one_line(plain(wrong)));
         }
         return text;
     }
