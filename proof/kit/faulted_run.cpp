@@ -9,6 +9,8 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "proof/kit/scenario_parts.h"
+
 namespace proof {
 namespace {
 
@@ -141,7 +143,11 @@ void Bench::run_lines(const Words &lines) {
 }
 
 void Bench::settle() {
-    world_->on(scenario_.hosts.front());
+    // The captures of commands that failed stay, for the administrator of the host.
+    for (size_t i = scenario_.hosts.size(); i-- > 0;) {
+        world_->on(scenario_.hosts[i]);
+        world_->host(part::remove_captures);
+    }
     run_lines(scenario_.settle);
 }
 
