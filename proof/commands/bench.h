@@ -63,6 +63,7 @@ class CommandBench {
     std::string picture();
     std::string left();
     std::string counter_files();
+    bool is_as_before();
     std::string finish(size_t number, const test::Phase &phase, Result *result);
 
     const CommandScenario &all_;
