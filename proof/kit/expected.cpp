@@ -90,13 +90,26 @@ void Expected::put_down(const std::string &scenario, const std::string &section,
 void Expected::write() {
     for (const auto &[scenario, sections] : put_down_) {
         Sections all = of(scenario);
-        for (const auto &[section, keys] : sections) all[section] = keys;
+        for (const auto &[section, keys] : sections) {
+            // What was there before is kept, with what differs from it behind.
+            const bool is_new = !all.contains(section);
+            for (const auto &[key, outcome] : keys) {
+                const std::string *known = is_new ? nullptr : find(scenario, section, key);
+                if (known == nullptr || *known != outcome) all[section][key] = outcome;
+            }
+        }
         std::filesystem::create_directories(folder_);
         std::ofstream out(folder_ / scenario);
         for (const auto &[section, keys] : all) {
             out << section << "\n";
+            const bool is_old = of(scenario).contains(section);
             std::map<std::string, std::set<std::string>> lines;  // outcome -> keys
-            for (const auto &[key, outcome] : keys) lines[outcome] = shortest(keys, outcome);
+            for (const auto &[key, outcome] : keys) {
+                if (is_old)
+                    lines[outcome].insert(key);
+                else
+                    lines[outcome] = shortest(keys, outcome);
+            }
             for (const auto &[outcome, patterns] : lines) {
                 out << "   ";
                 for (const std::string &pattern : patterns) out << " " << pattern;

@@ -168,13 +168,20 @@ std::string Bench::whole_picture() {
     return text;
 }
 
-Phase Bench::process(size_t number, const Words &environment, double limit) {
+Phase Bench::process(size_t number, const Words &environment, double limit, bool *done) {
     const Process &one = scenario_.processes[number];
     world().on(one.host);
     run_lines(one.before);
     fs::remove(world_->exchange() / "agent");
     Phase phase = world_->try_phase(one.steps, limit, 2, environment);
-    if (succeeded(phase)) run_lines(one.after);
+    bool right = succeeded(phase);
+    try {
+        if (right) run_lines(one.after);
+    } catch (const std::runtime_error &) {
+        if (done == nullptr) throw;
+        right = false;
+    }
+    if (done != nullptr) *done = right;
     return phase;
 }
 
@@ -229,7 +236,7 @@ void Bench::run_before(size_t number) {
 Outcome Bench::run_in(size_t number, const Words &environment) {
     Outcome outcome;
     run_before(number);
-    outcome.faulted = process(number, environment, Checks().limit);
+    outcome.faulted = process(number, environment, Checks().limit, &outcome.done);
     outcome.fired = true;
     look({}, {}, &outcome);
     finish(number, &outcome);
@@ -240,7 +247,7 @@ Outcome Bench::run_in(size_t number, const Words &environment) {
 Outcome Bench::run(size_t number, const Plan &plan, const Checks &checks) {
     Outcome outcome;
     run_before(number);
-    outcome.faulted = process(number, agent_environment(plan.text()), checks.limit);
+    outcome.faulted = process(number, agent_environment(plan.text()), checks.limit, &outcome.done);
     for (const std::string &line : lines_of(world_->exchange() / "agent")) {
         outcome.fired = outcome.fired || line.starts_with("met ");
         if (!line.starts_with("site ")) outcome.notes.push_back(line);
@@ -279,12 +286,13 @@ void Bench::look(const Plan &plan, const Checks &checks, Outcome *outcome) {
                                  std::string(list_pairs) + ")\" $(ls -A " + lock_files +
                                  " 2>/dev/null | wc -l) $(ls -A /tmp | wc -l)" +
                                  " $(grep -c ' /copy' /proc/self/mounts)");
+    if (succeeded(faulted) && !outcome->done) outcome->left += "; nothing done";
 }
 
 // The same again without a fault unless it succeeded all the same, the rest, and the world as it
 // was.
 void Bench::finish(size_t number, Outcome *outcome) {
-    const size_t first = succeeded(outcome->faulted) ? number + 1 : number;
+    const size_t first = outcome->done ? number + 1 : number;
     for (size_t i = first; i < scenario_.processes.size(); ++i) {
         if (i == number) {
             world_->on(scenario_.processes[i].host);

@@ -47,6 +47,7 @@ struct Outcome {
     test::Phase faulted;             // what the faulted process gave
     std::vector<std::string> notes;  // what the agent noted
     bool fired = false;              // the plan met its call
+    bool done = false;               // every call succeeded, and what was to come of it came
     int killed_by = 0;  // the signal that ended the faulted process; 0: it ended by itself
     // What is left by the faulted process, before anything is repeated: states of the pairs,
     // counter files, captures. "pairs 2 2; locks 0; captures 2; mounts 0".
@@ -94,7 +95,10 @@ class Bench {
   private:
     void record();
     void run_before(size_t number);
-    test::Phase process(size_t number, const Words &environment, double limit);
+    // done: whether it succeeded, and what comes after it did, too; null: that is taken for
+    // granted.
+    test::Phase process(size_t number, const Words &environment, double limit,
+                        bool *done = nullptr);
     std::string whole_picture();
     void run_lines(const Words &lines);
     void settle();
