@@ -111,6 +111,13 @@ struct Point {
     Plan plan() const { return {"array", site, kind->fate, kind->value, kind->word, call, scope}; }
 };
 
+// What the array's word makes of one pair of a group leaves the others restored, and those it
+// refuses to restore again: an administrator has to split them first. docs/testing.md lists it.
+bool is_not_promised(const Scenario &scenario, const Site &site, const Kind &kind) {
+    return scenario.name == "restore" && strcmp(kind.name, "state_1") == 0 &&
+           site.name.ends_with(">show_pair_state>show_primary");
+}
+
 void add_points(const Scenario &scenario, size_t process, const Site &site, bool known,
                 std::map<std::string, Point> *points, std::vector<std::string> *names) {
     const std::pair<const char *, size_t> calls[] = {
@@ -119,6 +126,7 @@ void add_points(const Scenario &scenario, size_t process, const Site &site, bool
         {"last", site.calls > 1 ? site.calls : 0}};
     for (const Kind &kind : kinds) {
         if (!is_about(kind, site.function) || (known && kind.where == Kind::once_a_site)) continue;
+        if (is_not_promised(scenario, site, kind)) continue;
         for (const auto &[which, call] : calls) {
             if (call == 0 || (call > 1 && kind.where != Kind::thorough)) continue;
             for (const char *scope : {"once", "function"}) {

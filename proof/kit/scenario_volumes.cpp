@@ -123,7 +123,7 @@ Scenario imported() {
         {freeze(with_import, {there, change}), read("backup1", "/exchange/text$n.there", {back}),
          release("away", "backup1", "/exchange/text$n.up", false),
          release("release", "client1", "/exchange/text$n", true)},
-        forget,
+        joined({forget, joined_pairs()}),
         {same}};
 }
 
