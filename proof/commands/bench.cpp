@@ -141,6 +141,8 @@ void CommandBench::start() {
     run_lines(scenario_.prepare);
     settle();
     before_ = picture();
+    usleep(200'000);  // what the preparation began may still be on its way out
+    for (std::string next = picture(); next != before_; next = picture()) before_ = next;
 }
 
 void CommandBench::settle() {
