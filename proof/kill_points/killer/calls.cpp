@@ -90,10 +90,13 @@ std::string lasting(const std::string &path) {
     static const std::regex number(
         "(symapi_db\\.bin\\.|/fimctl/tmp/|/mnt/client1-|/run/fimctl/[^/]+/)[0-9]+");
     static const std::regex catalogue("(/run/fimctl/)[0-9a-f]+-[0-9a-f]+");
+    // The processes before the killed one have made theirs in the common folder.
+    static const std::regex folder("^(/tmp|/exchange/killed)/(QfMS|EMC)");
     static const std::regex deleted(" \\(deleted\\)$");
     std::string name = path;
     for (const std::regex *one : {&temporary, &number, &catalogue})
         name = std::regex_replace(name, *one, "$1*");
+    name = std::regex_replace(name, folder, "TMPDIR/$2");
     return std::regex_replace(name, deleted, "");
 }
 
