@@ -1,7 +1,6 @@
 #include "fimctl/snapshot_lock.h"
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -15,9 +14,14 @@
 namespace fimctl {
 namespace {
 
-// Whoever only looks at a lock holds it for an instant.
-constexpr int tries = 5;
-constexpr useconds_t between_tries_us = 20000;
+// The whole file. Such a lock belongs to the open file, so a phase that inherits the descriptor
+// holds it too, and it can be looked at without being taken.
+struct flock whole_file() {
+    struct flock lock = {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    return lock;
+}
 
 [[noreturn]] void give_up_on(const std::string &name, int reason) {
     throw Failure(Step::catalogue,
@@ -64,32 +68,27 @@ SnapshotLock::SnapshotLock(const std::string &directory, int64_t id) {
     make_private(path::runtime_directory);
     make_private(folder);
     name_ = folder + "/" + std::to_string(id);
-    for (int refused = 0;;) {
+    for (;;) {
         file_ = open(name_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
         if (file_ < 0) give_up_on(name_, errno);
-        if (flock(file_, LOCK_EX | LOCK_NB) != 0) {
-            if (errno != EWOULDBLOCK || ++refused == tries) break;
-            close(file_);
-            usleep(between_tries_us);
-            continue;
-        }
+        struct flock lock = whole_file();
+        if (fcntl(file_, F_OFD_SETLK, &lock) != 0) break;
         if (is_same(file_, name_)) return;
         close(file_);
     }
     const int reason = errno;
     close(file_);
-    if (reason != EWOULDBLOCK) give_up_on(name_, reason);
+    if (reason != EAGAIN && reason != EACCES) give_up_on(name_, reason);
     throw Failure(Step::catalogue, ExitCode::owned,
                   "another fimctl works on snapshot " + std::to_string(id));
 }
 
-// Asked with a shared lock that is given back at once: the kernel has no way to look at a lock of
-// this kind. Who takes it just then tries again.
 LockState SnapshotLock::state_of(const std::string &directory, int64_t id) {
     const std::string name = lock_folder_of(directory) + "/" + std::to_string(id);
     const int file = open(name.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
     if (file < 0) return LockState::none;
-    const bool is_free = flock(file, LOCK_SH | LOCK_NB) == 0;
+    struct flock lock = whole_file();
+    const bool is_free = fcntl(file, F_OFD_GETLK, &lock) == 0 && lock.l_type == F_UNLCK;
     const bool is_named = is_same(file, name);
     close(file);
     if (!is_free) return LockState::held;

@@ -333,7 +333,8 @@ tflab host start client1
 on qzdg list
 for disk in p0 p1; do on qzdisk define $disk; on qzdisk online $disk; done
 on qzdg import datadg
-on qzvol -g datadg startall
+# The stopped host's mount lets its disk go a moment after its last process.
+until on qzvol -g datadg startall 2>/dev/null; do sleep 0.02; done
 on mount /dev/qz/dsk/datadg/vol1 /mnt
 on cat /mnt/file
 )"),
