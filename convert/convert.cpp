@@ -194,7 +194,7 @@ uint32_t convert_add_ent(convert_table *table, const char *name, void *value, ui
         table->entries = static_cast<convert_ent *>(grown);
         table->slots = table->capacity;
     }
-    table->entries[table->count++] = {name, value, value_size, type, 0, conv_func};
+    table->entries[table->count++] = {name, value, value_size, type, conv_func, 0};
 
     // Checked only now: a caller that ignores the refusal keeps the entry, as it always has, and
     // its text keeps the line.

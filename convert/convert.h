@@ -33,9 +33,9 @@ struct convert_ent {
     void *value;          // the variable; not owned
     uint64_t value_size;  // bytes at value
     int32_t type;         // CTYPE_*; an entry refused for its type keeps what it was given
-    int32_t follower;     // number, from 1, of the entry that the line behind this one's named the
-                          // last time; 0 for none yet. Internal, in what would be padding.
     convert_function conv_func;
+    int32_t follower;  // internal: number, from 1, of the entry that the line behind this one's
+                       // named the last time; 0 for none yet
 };
 
 // A table. Only the functions below change it; tests look into it.

@@ -46,11 +46,12 @@ bool is_own_plain_file(const struct stat &status) {
 }
 
 // A file that cannot be looked at is removed all the same: most likely it is the method's own, and
-// unlink takes no folder and follows no link.
+// unlink takes no folder and follows no link. So is a file that a tool has put in its place, or
+// that belongs to another user by now: with it only its name goes.
 void remove_private_file(const char *path) {
     if (path == nullptr) return;
     struct stat status = {};
-    if (lstat(path, &status) == 0 && !is_own_plain_file(status)) return;
+    if (lstat(path, &status) == 0 && !S_ISREG(status.st_mode)) return;
     unlink(path);
 }
 

@@ -22,8 +22,8 @@ bool create_private_file(const char *path);
 // is there already.
 bool is_own_plain_file(const struct stat &status);
 
-// Removes a file that was made under a temporary name; null is none. What somebody else put in its
-// place is left alone: a link, a pipe, another user's file.
+// Removes a file that was made under a temporary name; null is none. What is no file is left alone:
+// a link or a pipe that somebody put in its place.
 void remove_private_file(const char *path);
 
 }  // namespace tf

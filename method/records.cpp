@@ -1,13 +1,12 @@
 #include "method/records.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
 #include "method/log.h"
 #include "method/pair_index.h"
+#include "method/private_file.h"
 #include "method/report.h"
 #include "method/text.h"
 
@@ -185,8 +184,8 @@ void free_hdef(hdef *h) {
     if (h == nullptr) return;
     // Operations remove the capture files of a record that has both; where only one name could be
     // had, that file stays until here.
-    if (h->out_file == nullptr && h->err_file != nullptr) unlink(h->err_file);
-    if (h->err_file == nullptr && h->out_file != nullptr) unlink(h->out_file);
+    if (h->out_file == nullptr) tf::remove_private_file(h->err_file);
+    if (h->err_file == nullptr) tf::remove_private_file(h->out_file);
     free_devices(h->pminfo_list);
     free(h->out_file);
     free(h->err_file);
