@@ -2,7 +2,8 @@
 // from. What has to come of it stands in proof/expected/hostile_host (see proof/kit/outcomes.h; the
 // surroundings stand in the place of a site).
 //
-//   hostile_host ... --record    writes what is seen into the tables, to be read by a person
+//   hostile_host --full --record ...    writes what is seen into the tables that are missing, for a
+//                                       person to read
 #include <unistd.h>
 
 #include <cstdio>
@@ -10,6 +11,7 @@
 #include <exception>
 #include <map>
 #include <memory>
+#include <stdexcept>
 
 #include "proof/kit/faulted_run.h"
 #include "proof/kit/outcomes.h"
@@ -28,6 +30,38 @@ fs::path table_of(const std::string &scenario) {
     return fs::path(TF_SOURCE_DIR) / "proof/expected/hostile_host" / scenario;
 }
 
+// A command that did its work and is taken for a failure leaves what it made: the copy stays
+// imported on the backup host, until an administrator unmounts and deports it there.
+constexpr char is_gone[] = "! qzdg list client1_datadg_clone >/dev/null 2>&1";
+constexpr char deport_copy[] =
+    "for v in vol1 vol3; do umount /copy/$v || true; done >/dev/null 2>&1;"
+    " ! qzdg list client1_datadg_clone >/dev/null 2>&1 ||"
+    " qzdg -n datadg deport client1_datadg_clone";
+
+// A thaw that leaves the copy there has "nothing done".
+const std::vector<proof::Scenario> &hostile_scenarios() {
+    static const std::vector<proof::Scenario> all = [] {
+        std::vector<proof::Scenario> made = proof::scenarios();
+        for (proof::Scenario &one : made) {
+            if (one.name != "import") continue;
+            for (proof::Process &process : one.processes) {
+                if (process.host != "backup1") continue;
+                process.repair.emplace_back(deport_copy);
+                if (process.name == "away") process.after.emplace_back(is_gone);
+            }
+        }
+        return made;
+    }();
+    return all;
+}
+
+const proof::Scenario &hostile_scenario(const std::string &name) {
+    for (const proof::Scenario &one : hostile_scenarios()) {
+        if (one.name == name) return one;
+    }
+    throw std::runtime_error("there is no scenario " + name);
+}
+
 // All points by their names, those of one scenario together.
 struct Points {
     std::vector<std::string> names;
@@ -35,11 +69,14 @@ struct Points {
     std::map<std::string, size_t> processes;  // the number of a point's process
 };
 
-// A scenario without a table has no points until somebody has read what it gives; it is named.
+// A scenario without a table has no points until somebody has read what it gives; it is named. Only
+// such scenarios are recorded: a table that was read is not written over.
 Points all_points(bool record, std::string *unread) {
     Points all;
-    for (const proof::Scenario &scenario : proof::scenarios()) {
-        if (!record && !fs::exists(table_of(scenario.name))) {
+    for (const proof::Scenario &scenario : hostile_scenarios()) {
+        const bool has_table = fs::exists(table_of(scenario.name));
+        if (record && has_table) continue;
+        if (!record && !has_table) {
             *unread += (unread->empty() ? ", no table yet: " : " ") + scenario.name;
             continue;
         }
@@ -76,26 +113,44 @@ class HostileHost {
         for (const std::string &name : chosen) {
             const CallPoint &point = all.points.at(name);
             enter(point.scenario);
-            const std::string wrong = try_point(point, all.processes.at(name));
+            const std::string wrong = try_whole_point(point, all.processes.at(name));
             if (wrong.empty()) {
                 row_->held(name);
             } else {
                 row_->failed(name, wrong);
             }
         }
-        if (!record_) return;
-        for (const auto &[scenario, seen] : seen_) {
-            proof::OutcomeTable(table_of(scenario)).write(seen);
-        }
+        write_seen();
     }
 
   private:
+    using Seen = std::map<std::string, std::vector<std::pair<CallPoint, OutcomeText>>>;
+
     // One world at a time.
     void enter(const std::string &scenario) {
         if (scenario == scenario_) return;
+        write_seen();
         scenario_ = scenario;
-        bench_ = std::make_unique<proof::Bench>(proof::scenario(scenario), "array");
+        bench_ = std::make_unique<proof::Bench>(hostile_scenario(scenario), "array");
         table_ = std::make_unique<proof::OutcomeTable>(table_of(scenario));
+    }
+
+    // As soon as a scenario is over: a recording that is broken off keeps what it has.
+    void write_seen() {
+        for (const auto &[scenario, seen] : record_ ? seen_ : Seen()) {
+            proof::OutcomeTable(table_of(scenario)).write(seen);
+        }
+        seen_.clear();
+    }
+
+    // What goes wrong around the process is this point's as well, and takes the world with it.
+    std::string try_whole_point(const CallPoint &point, size_t process) {
+        try {
+            return try_point(point, process);
+        } catch (const std::runtime_error &error) {
+            bench_->renew();
+            return error.what();
+        }
     }
 
     std::string try_point(const CallPoint &point, size_t process) {
@@ -127,7 +182,7 @@ class HostileHost {
     std::string scenario_;
     std::unique_ptr<proof::Bench> bench_;
     std::unique_ptr<proof::OutcomeTable> table_;
-    std::map<std::string, std::vector<std::pair<CallPoint, OutcomeText>>> seen_;
+    Seen seen_;
 };
 
 int run(int argc, char **argv) {
