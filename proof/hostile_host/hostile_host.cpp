@@ -38,6 +38,11 @@ constexpr char deport_copy[] =
     " ! qzdg list client1_datadg_clone >/dev/null 2>&1 ||"
     " qzdg -n datadg deport client1_datadg_clone";
 
+// The first rebuild of a world would have to define the disks, and say so, and later ones not.
+constexpr char know_disks[] =
+    "for d in c2t0d1 c2t0d2 c2t0d3; do"
+    " qzdisk list $d >/dev/null 2>&1 || qzdisk define $d || exit 1; done";
+
 // A thaw that leaves the copy there has "nothing done".
 const std::vector<proof::Scenario> &hostile_scenarios() {
     static const std::vector<proof::Scenario> all = [] {
@@ -46,6 +51,7 @@ const std::vector<proof::Scenario> &hostile_scenarios() {
             if (one.name != "import") continue;
             for (proof::Process &process : one.processes) {
                 if (process.host != "backup1") continue;
+                process.before.emplace_back(know_disks);
                 process.repair.emplace_back(deport_copy);
                 if (process.name == "away") process.after.emplace_back(is_gone);
             }
