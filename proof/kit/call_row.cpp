@@ -105,7 +105,10 @@ std::string one_line(std::string text) {
 
 // Where the fault's own error is told: so that a place ends alike with whatever error.
 std::string without_error(std::string line, const Way &way) {
-    if (way.value <= 0 || way.fate == "lie") return line;
+    // A program's own exit status is told in the same words.
+    if (way.value <= 0 || way.fate == "lie" || line.find("exit_status=") != std::string::npos) {
+        return line;
+    }
     const std::string number = std::to_string(way.value);
     for (const std::string &told : {std::string(strerror(static_cast<int>(way.value))),
                                     "errno = " + number, "errno=" + number}) {
@@ -121,12 +124,14 @@ void remember(const Phase &phase, std::set<std::string> *lines) {
     }
 }
 
-// Whether the copy of one object came up, and that of a later one did not.
+// Whether something of a copy came up that the next try finds in its way: the first of two objects,
+// or a disk group whose volumes were not started.
 bool half_presented(const Outcome &outcome) {
     bool presented = false;
     for (const Call &call : outcome.faulted.calls) {
         if (call.step != "volumes") continue;
-        if (call.status != 0) return presented;
+        if (call.status != 0)
+            return presented || call.errmsg.find(" startall ") != std::string::npos;
         presented = true;
     }
     return false;
@@ -136,7 +141,6 @@ bool half_presented(const Outcome &outcome) {
 // the table has to know.
 bool is_told_by_table(const Outcome &outcome, const std::string &wrong) {
     if (wrong.find(" after it: ") != std::string::npos) return true;
-    // With two objects: the first one's copy is mounted, and would have to be thawed before.
     if (wrong.find(" again: ") != std::string::npos && half_presented(outcome)) return true;
     // A lock that could not be released stays until its next owner takes it over.
     static const std::regex counter_file_stays(
