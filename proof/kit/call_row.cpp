@@ -125,14 +125,17 @@ void remember(const Phase &phase, std::set<std::string> *lines) {
 }
 
 // Whether something of a copy came up that the next try finds in its way: the first of two objects,
-// or a disk group whose volumes were not started.
+// or a disk group that was not started, or that came up although its import lost its status.
 bool half_presented(const Outcome &outcome) {
     bool presented = false;
     for (const Call &call : outcome.faulted.calls) {
         if (call.step != "volumes") continue;
-        if (call.status != 0)
-            return presented || call.errmsg.find(" startall ") != std::string::npos;
-        presented = true;
+        if (call.status == 0) {
+            presented = true;
+            continue;
+        }
+        return presented || call.errmsg.find(" startall ") != std::string::npos ||
+               call.errmsg.find(" import ") != std::string::npos;
     }
     return false;
 }
