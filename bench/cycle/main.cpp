@@ -23,6 +23,7 @@
 #include "bench/cycle/pairs.h"
 #include "bench/kit/comparison.h"
 #include "bench/kit/heap.h"
+#include "bench/kit/statistics.h"
 #include "include/records.h"
 #include "include/timefinder.h"
 #include "method/interface.h"
@@ -157,11 +158,6 @@ void make_devices(int pairs) {
     test::write_file("/bench/devices", list);
 }
 
-double median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
-}
-
 struct Measured {
     double method_wall, method_cpu, floor_wall, floor_cpu;  // medians
     std::map<std::string, int64_t> calls;
@@ -213,10 +209,10 @@ Measured measure(int pairs, int repetitions) {
         costs[2].push_back(floor.wall);
         costs[3].push_back(floor.cpu);
     }
-    measured.method_wall = median(costs[0]);
-    measured.method_cpu = median(costs[1]);
-    measured.floor_wall = median(costs[2]);
-    measured.floor_cpu = median(costs[3]);
+    measured.method_wall = bench::median(costs[0]);
+    measured.method_cpu = bench::median(costs[1]);
+    measured.floor_wall = bench::median(costs[2]);
+    measured.floor_cpu = bench::median(costs[3]);
     return measured;
 }
 

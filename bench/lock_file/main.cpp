@@ -4,7 +4,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <ctime>
@@ -12,6 +11,7 @@
 #include <vector>
 
 #include "bench/kit/comparison.h"
+#include "bench/kit/statistics.h"
 #include "include/records.h"
 #include "method/lock_file.h"
 #include "method/paths.h"
@@ -108,11 +108,6 @@ double contend(int processes, int rounds, void (*round)()) {
     return wall.count();
 }
 
-double median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
-}
-
 bool print_contention(int processes) {
     constexpr int rounds = 2048, repetitions = 7;
     std::vector<double> method, calls;
@@ -126,7 +121,7 @@ bool print_contention(int processes) {
     result.measure = "wall time";
     result.subject = "the method";
     result.against = "bare calls";
-    result.ratio = median(method) / median(calls);
+    result.ratio = bench::median(method) / bench::median(calls);
     // Throughput no worse, but for what two runs of the same differ by.
     result.target = 1.1;
     return bench::print(result);
