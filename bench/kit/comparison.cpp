@@ -12,18 +12,13 @@
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
+#include "bench/kit/statistics.h"
+
 namespace bench {
 namespace {
 
 // Costs of one variant, by measure ("cpu time", "instructions", ...).
 using Costs = std::map<std::string, double>;
-
-double median(std::vector<double> values) {
-    if (values.empty()) throw std::runtime_error("nothing was measured");
-    std::sort(values.begin(), values.end());
-    const size_t half = values.size() / 2;
-    return values.size() % 2 == 1 ? values[half] : (values[half - 1] + values[half]) / 2;
-}
 
 // Keeps every repetition and prints nothing.
 class Collector : public benchmark::BenchmarkReporter {

@@ -2,16 +2,16 @@
 #pragma once
 
 #include <algorithm>
-#include <cstddef>
+#include <stdexcept>
 #include <vector>
 
 namespace bench {
 
-// Of at least one value; of two in the middle the higher one.
 inline double median(std::vector<double> values) {
-    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
+    if (values.empty()) throw std::runtime_error("nothing was measured");
+    std::sort(values.begin(), values.end());
+    const size_t half = values.size() / 2;
+    return values.size() % 2 == 1 ? values[half] : (values[half - 1] + values[half]) / 2;
 }
 
 }  // namespace bench
