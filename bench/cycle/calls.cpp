@@ -25,6 +25,7 @@ struct Call {
     bench::Kind kind;
     int64_t numbers[3];
     int64_t result;
+    const char *phase;  // at the same place in every process of the benchmark
 };
 
 using bench::Kind;
@@ -37,6 +38,7 @@ struct Log {
 
 Log *call_log;
 bool recording;
+const char *current_phase = "";
 
 void put_down(bench::Kind kind, int64_t result, const char *first = "", const char *second = "",
               int64_t one = 0, int64_t two = 0, int64_t three = 0) {
@@ -46,7 +48,7 @@ void put_down(bench::Kind kind, int64_t result, const char *first = "", const ch
     if (call_log->used + size > log_size - sizeof(Log)) abort();
     char *const at = call_log->calls() + call_log->used;
     auto *call = reinterpret_cast<Call *>(at);
-    *call = {static_cast<uint32_t>(size), kind, {one, two, three}, result};
+    *call = {static_cast<uint32_t>(size), kind, {one, two, three}, result, current_phase};
     memcpy(at + sizeof(Call), first, first_size);
     memcpy(at + sizeof(Call) + first_size, second, second_size);
     call_log->used += size;
@@ -68,7 +70,12 @@ int __real_stat(const char *path, struct stat *status);
 int __real_lstat(const char *path, struct stat *status);
 int __real_fstat(int fd, struct stat *status);
 int __real_access(const char *path, int mode);
+int __real_mkdir(const char *path, mode_t mode);
+int __real_chown(const char *path, uid_t user, gid_t group);
 int __real_system(const char *line);
+FILE *__real_popen(const char *line, const char *mode);
+pid_t __real_getpid();
+uid_t __real_geteuid();
 int __real_getpgid(pid_t pid);
 FILE *__real_fdopen(int fd, const char *mode);
 char *__real_fgets(char *text, int size, FILE *stream);
@@ -147,10 +154,35 @@ int __wrap_access(const char *path, int mode) {
     put_down(Kind::access, 0, path, "", mode);
     return __real_access(path, mode);
 }
+int __wrap_mkdir(const char *path, mode_t mode);
+int __wrap_mkdir(const char *path, mode_t mode) {
+    put_down(Kind::mkdir, 0, path);
+    return __real_mkdir(path, mode);
+}
+int __wrap_chown(const char *path, uid_t user, gid_t group);
+int __wrap_chown(const char *path, uid_t user, gid_t group) {
+    put_down(Kind::chown, 0, path);
+    return __real_chown(path, user, group);
+}
 int __wrap_system(const char *line);
 int __wrap_system(const char *line) {
     put_down(Kind::system, 0, line);
     return __real_system(line);
+}
+FILE *__wrap_popen(const char *line, const char *mode);
+FILE *__wrap_popen(const char *line, const char *mode) {
+    put_down(Kind::popen, 0, line);
+    return __real_popen(line, mode);
+}
+pid_t __wrap_getpid();
+pid_t __wrap_getpid() {
+    put_down(Kind::getpid, 0);
+    return __real_getpid();
+}
+uid_t __wrap_geteuid();
+uid_t __wrap_geteuid() {
+    put_down(Kind::geteuid, 0);
+    return __real_geteuid();
 }
 int __wrap_getpgid(pid_t pid);
 int __wrap_getpgid(pid_t pid) {
@@ -285,6 +317,12 @@ void repeat(const Call &call, const char *first, const char *second, Replay &rep
     case Kind::system:
         if (__real_system(first) != 0) abort();
         return;
+    case Kind::getpid:
+        __real_getpid();
+        return;
+    case Kind::geteuid:
+        __real_geteuid();
+        return;
     case Kind::getpgid:
         __real_getpgid(static_cast<pid_t>(n[0]));
         return;
@@ -325,6 +363,10 @@ void repeat(const Call &call, const char *first, const char *second, Replay &rep
     case Kind::sleep:
     case Kind::sync:
         return;
+    case Kind::mkdir:
+    case Kind::chown:
+    case Kind::popen:
+        abort();  // watched only: a cycle makes none
     default:
         repeat_array_call(call.kind, first, second, n[0]);
     }
@@ -374,10 +416,15 @@ void replay_calls() {
     });
 }
 
-std::map<std::string, int64_t> count_calls() {
-    std::map<std::string, int64_t> counts;
-    for_each_call(
-        [&](const Call &call, const char *, const char *) { ++counts[name_of(call.kind)]; });
+void enter_phase(const char *name) {
+    current_phase = name;
+}
+
+Calls count_calls() {
+    Calls counts;
+    for_each_call([&](const Call &call, const char *, const char *) {
+        ++counts[{call.phase, name_of(call.kind)}];
+    });
     return counts;
 }
 

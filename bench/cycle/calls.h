@@ -3,6 +3,7 @@
 // else: same calls, same arguments, same number, same order.
 #pragma once
 
+#include <compare>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -14,7 +15,8 @@ namespace bench {
 // clang-format off
 #define BENCH_CALLS(X) \
     X(open) X(close) X(read) X(write) X(lseek) X(ftruncate) X(fcntl) X(fcntl_lock) X(unlink) \
-    X(stat) X(lstat) X(fstat) X(access) X(system) X(getpgid) X(fdopen) X(fgets) X(fclose) \
+    X(stat) X(lstat) X(fstat) X(access) X(mkdir) X(chown) X(system) X(popen) X(getpid) \
+    X(geteuid) X(getpgid) X(fdopen) X(fgets) X(fclose) \
     X(setmntent) X(getmntent) X(endmntent) X(tempnam) X(sigmask) X(sigpending) X(sleep) \
     X(sync) X(SymInitV) X(SymExit) X(SymPerror) X(SymPdevSync) X(SymPdevShow) X(SymDevSync) \
     X(SymDevShow) X(SymDevListBcvControl) X(SymDevBcvControl) X(other_array_call)
@@ -34,9 +36,17 @@ void empty_call_log();
 void record_calls(Recording recording);
 // Makes all calls of the log again, in this process.
 void replay_calls();
-// How many calls of each kind are in the log, under the names of the functions ("open",
-// "SymDevShow").
-std::map<std::string, int64_t> count_calls();
+// What is called from now on belongs to this phase of the cycle. The name is not copied.
+void enter_phase(const char *name);
+
+// A function ("open", "SymDevShow") as a phase calls it.
+struct PhaseCall {
+    std::string phase, function;
+    auto operator<=>(const PhaseCall &) const = default;
+};
+using Calls = std::map<PhaseCall, int64_t>;
+// How often each is in the log.
+Calls count_calls();
 // The array's functions answer from this moment on; see array.cpp.
 void bind_array();
 // Sets every pair of the array to this state.

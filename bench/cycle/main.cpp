@@ -20,7 +20,9 @@
 #include <vector>
 
 #include "bench/cycle/calls.h"
+#include "bench/cycle/calls_per_pair.h"
 #include "bench/cycle/pairs.h"
+#include "bench/cycle/phases.h"
 #include "bench/kit/comparison.h"
 #include "bench/kit/heap.h"
 #include "bench/kit/statistics.h"
@@ -31,6 +33,8 @@
 
 namespace {
 
+namespace phase = bench::phase;
+
 constexpr char row[] = "cycle";
 constexpr char text_file[] = "/bench/checkpoint";
 constexpr char volume[] = "/dev/qz/dsk/datadg/vol1";
@@ -39,9 +43,13 @@ constexpr long split = 5;
 int32_t number;
 char errmsg[TF_MESSAGE_SIZE], logmsg[TF_MESSAGE_SIZE];
 
-void must(int32_t status, const char *step) {
+// One call of the framework.
+template <class Call>
+void step(const char *phase, Call call) {
+    bench::enter_phase(phase);
+    const int32_t status = call();
     if (status == 0) return;
-    fprintf(stderr, "%s: %d, %s\n", step, status, errmsg);
+    fprintf(stderr, "%s: %d, %s\n", phase, status, errmsg);
     _exit(1);
 }
 
@@ -49,13 +57,14 @@ void must(int32_t status, const char *step) {
 void freeze_and_cut() {
     hdef *h = nullptr;
     int32_t volumes = 0;
-    must(TimeFinder_freeze("sync_at_start=1", "/data", "/bench/fifs", nullptr, &volumes,
-                           TF_FREEZE_WAIT, &h),
-         "freeze");
-    must(TimeFinder_ctl(h, TF_CTL_RESYNC_AT_START), "ctl");
-    must(TimeFinder_freeze_commit(h), "freeze commit");
     char *text = nullptr;
-    must(TimeFinder_ckpt(h, &text), "checkpoint");
+    step(phase::freeze, [&] {
+        return TimeFinder_freeze("sync_at_start=1", "/data", "/bench/fifs", nullptr, &volumes,
+                                 TF_FREEZE_WAIT, &h);
+    });
+    step(phase::control, [&] { return TimeFinder_ctl(h, TF_CTL_RESYNC_AT_START); });
+    step(phase::freeze_commit, [&] { return TimeFinder_freeze_commit(h); });
+    step(phase::checkpoint, [&] { return TimeFinder_ckpt(h, &text); });
     std::ofstream(text_file) << text;
     free(text);
 }
@@ -65,12 +74,12 @@ void read_and_release() {
     std::ifstream in(text_file);
     std::string text((std::istreambuf_iterator<char>(in)), {});
     hdef *h = nullptr;
-    must(TimeFinder_rebuild(&h, text.data()), "rebuild");
     char path[TF_VOLPATH_SIZE] = "";
     int32_t volumes = 0;
-    must(TimeFinder_volumes(h, path, &volumes), "volumes");
-    must(TimeFinder_thaw(h), "thaw");
-    must(TimeFinder_thaw_commit(h), "thaw commit");
+    step(phase::rebuild, [&] { return TimeFinder_rebuild(&h, text.data()); });
+    step(phase::volumes, [&] { return TimeFinder_volumes(h, path, &volumes); });
+    step(phase::thaw, [&] { return TimeFinder_thaw(h); });
+    step(phase::thaw_commit, [&] { return TimeFinder_thaw_commit(h); });
 }
 
 struct Cost {
@@ -160,7 +169,7 @@ void make_devices(int pairs) {
 
 struct Measured {
     double method_wall, method_cpu, floor_wall, floor_cpu;  // medians
-    std::map<std::string, int64_t> calls;
+    bench::Calls calls;
 };
 
 bench::Result result(const std::string &what, const std::string &measure,
@@ -216,33 +225,6 @@ Measured measure(int pairs, int repetitions) {
     return measured;
 }
 
-// What one pair more may cost in calls: in the freezing process its lock, its discovery, the choice
-// of its BCV, the waits and the split; in the releasing one its rebuild, its lock and the way back.
-// Every one of them is asked for by a step of the cycle, so none may come on top.
-constexpr std::pair<const char *, int> calls_per_pair[] = {
-    {"SymPdevSync", 1}, {"SymPdevShow", 8}, {"SymDevSync", 7}, {"SymDevShow", 4}, {"system", 2},
-    {"open", 8},        {"fcntl_lock", 3},  {"read", 12},      {"write", 9},      {"lseek", 6},
-    {"close", 6},       {"fdopen", 2},      {"fgets", 5},      {"fclose", 2},     {"lstat", 4},
-    {"stat", 0},        {"unlink", 0},      {"fstat", 0},      {"access", 0},     {"getpgid", 0},
-    {"ftruncate", 0},   {"tempnam", 0},     {"sigmask", 18},   {"sigpending", 9},
-};
-
-bool print_calls(const Measured &few, int few_pairs, const Measured &many, int many_pairs) {
-    const auto number_of = [](const Measured &measured, const char *name) {
-        const auto found = measured.calls.find(name);
-        return found == measured.calls.end() ? 0 : found->second;
-    };
-    bool held = true;
-    for (const auto &[name, most] : calls_per_pair) {
-        const double each = static_cast<double>(number_of(many, name) - number_of(few, name)) /
-                            (many_pairs - few_pairs);
-        held = bench::print(result(std::string("calls of ") + name, "calls", "the method",
-                                   "the number of pairs", each, most)) &&
-               held;
-    }
-    return held;
-}
-
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -294,6 +276,8 @@ int main(int argc, char **argv) {
         }
     }
     const int few = sizes.front(), many = sizes.back();
-    if (few != many) held = print_calls(all[few], few, all[many], many) && held;
+    if (few != many) {
+        held = bench::print_calls_per_pair(row, all[few].calls, few, all[many].calls, many) && held;
+    }
     return held ? 0 : 1;
 }
