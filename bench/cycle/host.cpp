@@ -1,4 +1,6 @@
 // The host library's commands, which do nothing here.
+#include <cstring>
+
 #include "method/text.h"
 #include "tessera_host.h"
 
@@ -19,8 +21,9 @@ int tq_gethostname(char *name, size_t size) {
     return 0;
 }
 int qnet_is_local_host(const char *) {
-    return 1;
+    return 0;
 }
-int read_AD_HOC_config_entry(const char *, const char *, char *, size_t) {
-    return 1;
+// The one entry that is there asks for the import of the disk group on the backup client.
+int read_AD_HOC_config_entry(const char *, const char *key, char *, size_t) {
+    return strcmp(key, "dgimport") == 0 ? 0 : 1;
 }

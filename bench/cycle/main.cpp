@@ -38,6 +38,9 @@ namespace phase = bench::phase;
 constexpr char row[] = "cycle";
 constexpr char text_file[] = "/bench/checkpoint";
 constexpr char volume[] = "/dev/qz/dsk/datadg/vol1";
+// Every pair is established at the start. The copy is for another host, so its disk group is
+// imported: to clone it names the paths of all pairs in one command line, which holds some 400.
+constexpr char config[] = "sync_at_start=1,alternate_backup_client=backup1";
 constexpr long split = 5;
 
 int32_t number;
@@ -59,8 +62,8 @@ void freeze_and_cut() {
     int32_t volumes = 0;
     char *text = nullptr;
     step(phase::freeze, [&] {
-        return TimeFinder_freeze("sync_at_start=1", "/data", "/bench/fifs", nullptr, &volumes,
-                                 TF_FREEZE_WAIT, &h);
+        return TimeFinder_freeze(config, "/data", "/bench/fifs", nullptr, &volumes, TF_FREEZE_WAIT,
+                                 &h);
     });
     step(phase::control, [&] { return TimeFinder_ctl(h, TF_CTL_RESYNC_AT_START); });
     step(phase::freeze_commit, [&] { return TimeFinder_freeze_commit(h); });
