@@ -99,6 +99,33 @@ TEST_F(DaemonSockets, a_text_without_its_nul_ends_with_the_payload) {
     EXPECT_EQ(raw(head, "/dev/sdq"), code::session_unknown);
 }
 
+// The daemon reads pieces of 64 KiB, and takes a shorter one for all that is there.
+TEST_F(DaemonSockets, a_request_of_one_or_two_whole_pieces_is_answered) {
+    for (const size_t whole : {65535, 65536, 65537, 131072}) {
+        lab::RequestHead head = {};
+        head.magic = lab::wire_magic;
+        head.function = lab::function_SymPdevShow;
+        head.session = 4711;
+        head.size = static_cast<uint32_t>(whole - sizeof head);
+        EXPECT_EQ(raw(head, std::string(head.size, 'x')), code::session_unknown) << whole;
+    }
+}
+
+TEST_F(DaemonSockets, a_request_that_comes_byte_by_byte_is_answered) {
+    lab::RequestHead head = {};
+    head.magic = lab::wire_magic;
+    head.function = lab::function_SymPdevShow;
+    head.session = 4711;
+    head.size = 8;
+    std::string request(reinterpret_cast<const char *>(&head), sizeof head);
+    request += "/dev/sdq";
+    const lab::Fd fd(lab::connect_to(lab::host_socket));
+    for (const char &byte : request) EXPECT_TRUE(lab::send_all(fd.get(), &byte, 1));
+    lab::ReplyHead reply = {};
+    EXPECT_TRUE(lab::receive_all(fd.get(), &reply, sizeof reply));
+    EXPECT_EQ(reply.code, code::session_unknown);
+}
+
 TEST_F(DaemonSockets, half_a_request_is_forgotten_with_its_connection) {
     {
         const lab::Fd fd(lab::connect_to(lab::host_socket));

@@ -3,11 +3,15 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
+#include <system_error>
 #include <thread>
 
+#include "lab/array/media/media.h"
 #include "lab/array/model/codes.h"
 #include "tests/lab_array/array_daemon.h"
 #include "tests/support/private_root.h"
@@ -28,6 +32,15 @@ class RealDevicesNeedRoot : public test::WithArray {
     static off_t capacity(const std::string &device) {
         const lab::Fd fd(open(device.c_str(), O_RDONLY | O_CLOEXEC));
         return lseek(fd.get(), 0, SEEK_END);
+    }
+};
+
+class LoopMediaNeedsRoot : public test::NeedsRoot {
+  protected:
+    static rlim_t address_space() {
+        rlim_t pages = 0;
+        std::ifstream("/proc/self/statm") >> pages;
+        return pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE));
     }
 };
 
@@ -220,6 +233,34 @@ TEST_F(RealDevicesNeedRoot, a_daemon_started_again_takes_over_what_a_host_still_
     block.set_number(6);
     ASSERT_EQ(pwrite(held.get(), block.bytes, sizeof block.bytes, 0), 4096);
     EXPECT_EQ(number_at(primary, 0), 6u);
+}
+
+// Changing many devices at a time only saves time.
+TEST_F(LoopMediaNeedsRoot, changes_many_devices_where_no_thread_can_be_started) {
+    if (address_space() >> 40 != 0) GTEST_SKIP() << "a sanitizer has taken all address space";
+    const test::RealStore store;
+    const std::unique_ptr<lab::Media> media = lab::make_loop_media(store.path);
+    std::vector<lab::Device> devices(4);
+    std::vector<const lab::Device *> bcvs;
+    for (lab::Device &device : devices) {
+        device.id = static_cast<int64_t>(bcvs.size()) + 1;
+        device.symid = ArrayDaemon::symid;
+        device.name = "01A" + std::to_string(device.id);
+        device.size = lab::size_unit;
+        device.bcv = true;
+        media->attach(device, true);
+        bcvs.push_back(&device);
+    }
+    struct rlimit before = {};
+    ASSERT_EQ(getrlimit(RLIMIT_AS, &before), 0);
+    // What the process has, and some memory, but no room for another stack.
+    const rlim_t room = address_space() + (rlim_t{4} << 20);
+    const struct rlimit little = {room, before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_AS, &little), 0);
+    EXPECT_THROW(std::thread([] {}).join(), std::system_error);
+    media->set_ready(bcvs, false);
+    ASSERT_EQ(setrlimit(RLIMIT_AS, &before), 0);
+    for (const lab::Device *device : bcvs) EXPECT_FALSE(media->ready(*device)) << device->name;
 }
 
 TEST_F(RealDevicesNeedRoot, check_is_content_at_every_step) {

@@ -48,9 +48,13 @@ bool ensure_connected() {
     return true;
 }
 
+// In one piece where it can be: the daemon would be woken once for the head and once for the texts.
 bool send_request(const Request &request) {
-    return send_all(connection.fd, &request.head, sizeof request.head) &&
-           send_all(connection.fd, request.texts, request.head.size);
+    struct iovec pieces[] = {
+        {const_cast<RequestHead *>(&request.head), sizeof request.head},
+        {request.texts, request.head.size},
+    };
+    return send_pieces(connection.fd, pieces, 2);
 }
 
 // A request that could not be sent whole was never executed, so it may be sent again: the daemon

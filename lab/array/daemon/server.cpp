@@ -153,6 +153,8 @@ void Server::read_from(Connection *connection) {
             return;
         }
         connection->in.append(buffer, static_cast<size_t>(got));
+        // Whatever comes after a piece that is shorter than the room for it wakes the daemon again.
+        if (static_cast<size_t>(got) < sizeof buffer) break;
     }
     // One call at a time: the next one waits for an answer that is kept back.
     while (connection->due == 0 && !connection->ended &&

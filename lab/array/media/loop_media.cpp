@@ -21,6 +21,7 @@
 #include <exception>
 #include <map>
 #include <mutex>
+#include <system_error>
 #include <thread>
 
 #include "lab/array/media/extents.h"
@@ -32,7 +33,7 @@ namespace {
 // A major number that no driver has: opening a node of it answers ENXIO, as a dead path does.
 constexpr unsigned dead_major = 120;
 
-constexpr size_t most_threads = 32;
+constexpr size_t most_threads = 256;
 
 struct ClaimedLoop : Claim {
     explicit ClaimedLoop(Fd held) : fd(std::move(held)) {}
@@ -85,8 +86,8 @@ class LoopMedia : public Media {
             "device " + device.symid + " " + device.name + " is held or mounted by a host");
     }
 
-    // The kernel takes some 20 ms to change one loop device, most of it waiting; many at a time
-    // wait together.
+    // The kernel takes up to 20 ms to change one loop device, nearly all of it waiting; many at a
+    // time wait together, so as many wait as there may be, whatever the number of processors.
     void set_ready(const std::vector<const Device *> &bcvs, bool ready) override {
         std::atomic<size_t> next = 0;
         std::mutex lock;
@@ -103,8 +104,12 @@ class LoopMedia : public Media {
         };
         {
             std::vector<std::jthread> others;
-            for (size_t i = 1; i < std::min(bcvs.size(), most_threads); ++i) {
-                others.emplace_back(work);
+            try {
+                for (size_t i = 1; i < std::min(bcvs.size(), most_threads); ++i) {
+                    others.emplace_back(work);
+                }
+            } catch (const std::system_error &) {
+                // Fewer do it as well, and be it this one alone.
             }
             work();
         }

@@ -45,15 +45,31 @@ int connect_to(const char *path) {
 }
 
 bool send_all(int fd, const void *data, size_t size) {
-    const char *at = static_cast<const char *>(data);
-    while (size > 0) {
-        const ssize_t done = send(fd, at, size, MSG_NOSIGNAL);
+    struct iovec piece = {const_cast<void *>(data), size};
+    return send_pieces(fd, &piece, 1);
+}
+
+bool send_pieces(int fd, struct iovec *pieces, size_t count) {
+    for (;;) {
+        while (count > 0 && pieces->iov_len == 0) {
+            ++pieces;
+            --count;
+        }
+        if (count == 0) return true;
+        struct msghdr message = {};
+        message.msg_iov = pieces;
+        message.msg_iovlen = count;
+        const ssize_t done = sendmsg(fd, &message, MSG_NOSIGNAL);
         if (done < 0 && errno == EINTR) continue;
         if (done <= 0) return false;
-        at += done;
-        size -= static_cast<size_t>(done);
+        size_t left = static_cast<size_t>(done);
+        for (struct iovec *piece = pieces; left > 0; ++piece) {
+            const size_t part = left < piece->iov_len ? left : piece->iov_len;
+            piece->iov_base = static_cast<char *>(piece->iov_base) + part;
+            piece->iov_len -= part;
+            left -= part;
+        }
     }
-    return true;
 }
 
 bool receive_all(int fd, void *data, size_t size) {

@@ -8,6 +8,7 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <sys/uio.h>
 
 namespace lab {
 
@@ -43,6 +44,8 @@ constexpr char host_socket[] = "/run/tfarray.sock";
 int connect_to(const char *path);
 // All of it or false. A peer that is gone is no signal.
 bool send_all(int fd, const void *data, size_t size);
+// The same for several pieces, one after the other, which may be sent together. Changes them.
+bool send_pieces(int fd, struct iovec *pieces, size_t count);
 bool receive_all(int fd, void *data, size_t size);
 
 }  // namespace lab
