@@ -170,6 +170,11 @@ Exchange sessions() {
     return one;
 }
 
+std::string text_of(const Exchange &exchange, int clients) {
+    return exchange.name + ", " + std::to_string(clients) +
+           (clients == 1 ? " client" : " clients at once");
+}
+
 void measure(const Exchange &exchange, int clients, const CallOptions &options) {
     const Echo echo(tflab::place::run / "echo.sock", exchange.request, exchange.reply);
     const Client bare = [&] {
@@ -190,18 +195,17 @@ void measure(const Exchange &exchange, int clients, const CallOptions &options) 
     }
     Result result;
     result.row = "array daemon";
-    result.what = exchange.name + ", " + std::to_string(clients) +
-                  (clients == 1 ? " client" : " clients at once");
+    result.what = text_of(exchange, clients);
     result.measure = "time of a call";
     result.against = "an echo";
     result.note = std::to_string(exchange.request) + " bytes out, " +
                   std::to_string(exchange.reply) + " back";
     result.subject = "host library and daemon";
-    result.ratio = median(library) / median(floor);
+    result.ratio = median_ratio(library, floor);
     print(result);
     if (daemon.empty()) return;
     result.subject = "the daemon alone";
-    result.ratio = median(daemon) / median(floor);
+    result.ratio = median_ratio(daemon, floor);
     print(result);
 }
 
@@ -209,7 +213,10 @@ void measure(const Exchange &exchange, int clients, const CallOptions &options) 
 
 void measure_calls(const CallOptions &options) {
     for (const Exchange &exchange : {version(), show(), refused_control(), sessions()}) {
-        for (const int clients : {1, 8}) measure(exchange, clients, options);
+        for (const int clients : {1, 8}) {
+            if (text_of(exchange, clients).find(options.only) == std::string::npos) continue;
+            measure(exchange, clients, options);
+        }
     }
 }
 

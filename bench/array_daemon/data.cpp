@@ -216,8 +216,8 @@ void print_times(const Kind &kind, const Times &times) {
         result.measure = "wall time";
         result.subject = "the array";
         result.against = against;
-        result.ratio = median(own) / median(others);
-        result.beside = {{besides, median(own) / median(third)}};
+        result.ratio = median_ratio(own, others);
+        result.beside = {{besides, median_ratio(own, third)}};
         result.note = note;
         print(result);
     };
@@ -241,8 +241,9 @@ void check_memory() {
 
 }  // namespace
 
-void measure_data(int repetitions) {
+void measure_data(int repetitions, const std::string &only) {
     for (const Kind &kind : kinds()) {
+        if (text_of(kind).find(only) == std::string::npos) continue;
         Ground ground(kind);
         Times times;
         measure_round(&ground, &times);  // makes what the later ones replace

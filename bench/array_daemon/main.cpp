@@ -13,7 +13,7 @@
 #include "lab/host/world.h"
 
 int main(int argc, char **argv) try {
-    bench::CallOptions calls = {7, 4000};
+    bench::CallOptions calls = {21, 1600, ""};
     int repetitions = 5;
     CLI::App app("the array daemon against an echo and against cp");
     app.add_option("--call-repetitions", calls.repetitions, "0: no calls")
@@ -21,6 +21,7 @@ int main(int argc, char **argv) try {
     app.add_option("--calls", calls.calls, "in one repetition")->check(CLI::Range(16, 1000000));
     app.add_option("--repetitions", repetitions, "of splits and establishes; 0: none")
         ->check(CLI::Range(0, 1000));
+    app.add_option("--only", calls.only, "results whose name holds this text");
     CLI11_PARSE(app, argc, argv);
     if (geteuid() != 0) throw std::runtime_error("a world needs root");
     tflab::die_with_any_parent();
@@ -29,7 +30,7 @@ int main(int argc, char **argv) try {
     return tflab::run_world(options, [&] {
         bench::build_arrays();
         if (calls.repetitions > 0) bench::measure_calls(calls);
-        if (repetitions > 0) bench::measure_data(repetitions);
+        if (repetitions > 0) bench::measure_data(repetitions, calls.only);
         return 0;
     });
 } catch (const std::exception &error) {
