@@ -57,6 +57,7 @@ double time_clients(int clients, int rounds, const Client &client) {
             const Call call = client();
             call();
             tell(ready.write);
+            ready.write.reset();  // so that the end of the last client that is not ready is seen
             char byte = 0;
             if (read(go.read.get(), &byte, 1) != 0) throw std::runtime_error("no start");
             for (int k = 0; k < rounds / clients; ++k) call();
