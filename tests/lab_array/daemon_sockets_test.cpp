@@ -101,7 +101,7 @@ TEST_F(DaemonSockets, a_text_without_its_nul_ends_with_the_payload) {
 
 // The daemon reads pieces of 64 KiB, and takes a shorter one for all that is there.
 TEST_F(DaemonSockets, a_request_of_one_or_two_whole_pieces_is_answered) {
-    for (const size_t whole : {65535, 65536, 65537, 131072}) {
+    for (const size_t whole : {65535U, 65536U, 65537U, 131072U}) {
         lab::RequestHead head = {};
         head.magic = lab::wire_magic;
         head.function = lab::function_SymPdevShow;

@@ -25,7 +25,8 @@ struct Sockets {
 
 std::string pattern(size_t size, char first) {
     std::string text(size, '\0');
-    for (size_t i = 0; i < size; ++i) text[i] = static_cast<char>(first + i % 61);
+    for (size_t i = 0; i < size; ++i)
+        text[i] = static_cast<char>(first + static_cast<char>(i % 61));
     return text;
 }
 
