@@ -13,7 +13,7 @@
 #include "lab/host/world.h"
 
 int main(int argc, char **argv) try {
-    bench::CallOptions calls = {21, 1600, ""};
+    bench::CallOptions calls = {31, 2400, ""};
     int repetitions = 5;
     CLI::App app("the array daemon against an echo and against cp");
     app.add_option("--call-repetitions", calls.repetitions, "0: no calls")
