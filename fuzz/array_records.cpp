@@ -113,7 +113,9 @@ void take_setting(Plan &plan, const std::string &key, const std::string &value) 
     if (key == "dgimport") plan.settings.dgimport = number;
     if (key == "is_tgt") plan.settings.is_tgt = number;
     if (key == "query_only") plan.query_only = number;
-    if (key == "path") plan.path = value;
+    // Long texts are logged in pieces. None that begins within the path may look like a record's
+    // line.
+    if (key == "path" && value.find('\t') == std::string::npos) plan.path = value;
     if (!key.starts_with("Sym")) return;
     std::istringstream in(value);
     for (int code; in >> code;) plan.codes[key].push_back(code);
