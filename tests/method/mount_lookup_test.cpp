@@ -1,5 +1,6 @@
 #include "method/mount_lookup.h"
 
+#include <malloc.h>
 #include <sys/epoll.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
@@ -379,6 +380,20 @@ TEST_F(ManyMounts, every_device_of_a_long_table_is_found) {
     test::no_more_faults();
     expect_all_found();
     EXPECT_EQ(test::allocations_seen(), 0);
+}
+
+TEST_F(ManyMounts, a_cache_that_is_given_back_gives_its_index_back) {
+    mount_devices(33);
+    const auto read_and_give_back = [this] {
+        lookup("/tmp/m0");
+        tf::clear_mount_cache();
+    };
+    // What the C library keeps for later it has after the first times.
+    for (int i = 0; i < 8; ++i) read_and_give_back();
+    const size_t before = mallinfo2().uordblks;
+    constexpr size_t rounds = 16, smallest_index = 128 * sizeof(void *);
+    for (size_t i = 0; i < rounds; ++i) read_and_give_back();
+    EXPECT_LT(mallinfo2().uordblks, before + rounds / 2 * smallest_index);
 }
 
 TEST_F(ManyMounts, without_memory_for_the_index_the_list_is_searched) {
