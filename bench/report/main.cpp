@@ -59,21 +59,25 @@ std::string machine() {
     char day[32];
     const time_t now = time(nullptr);
     strftime(day, sizeof day, "%Y-%m-%d", gmtime(&now));
-    return first_match("/proc/cpuinfo", "model name\\s*: (.*)") + ", Linux " + name.release + ", " +
+    const std::string release = name.release;
+    return first_match("/proc/cpuinfo", "model name\\s*: (.*)") + ", Linux " +
+           release.substr(0, release.find('-')) + ", " +
            first_match("/etc/os-release", "PRETTY_NAME=\"(.*)\"") + ", " + day;
 }
 
+constexpr char introduction[] = R"(# Speed and scale
+
+Written by `./dev bench`. Every figure is the ratio of two things that were measured in one run on the
+same work. *ahead of*: how many times faster the first is; *to*: how many times the cost of the second
+the first has; *beside it*: the same of the first and others. Median of the repetitions; wall time has
+the machine's other work in it. `./dev bench --quick` asserts what does not depend on the machine. How
+it is measured: [testing.md](testing.md).
+
+Measured on: )";
+
 void write_page(const std::vector<Json> &results, const Path &page, bool plotted) {
     std::ofstream out(page);
-    out << "# Speed and scale\n\n"
-           "Written by `./dev bench`. Every figure is the ratio of two things that were measured "
-           "in "
-           "one run on\nthe same work. *ahead of*: how many times faster the first is; *to*: how "
-           "many "
-           "times the cost of the\nsecond the first has. Median of the repetitions; wall time has "
-           "the machine's other work in it.\n`./dev bench --quick` asserts what does not depend on "
-           "the machine.\n\nMeasured on: "
-        << machine() << ".\n";
+    out << introduction << machine() << ".\n";
     if (plotted) out << "\n![cost against the number of pairs](bench.svg)\n";
     std::string row;
     for (const Json &one : results) {
