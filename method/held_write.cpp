@@ -15,50 +15,49 @@ int signal_of(int error) {
     return error == EPIPE ? SIGPIPE : 0;
 }
 
-// Both signals, blocked in this thread's mask alone for as long as it lives.
-class HeldSignals {
-  public:
-    HeldSignals() {
-        sigset_t both;
-        sigemptyset(&both);
-        sigaddset(&both, SIGXFSZ);
-        sigaddset(&both, SIGPIPE);
-        pthread_sigmask(SIG_BLOCK, &both, &mask_);
-        sigpending(&pending_);
+// One that was pending before the write has become one with the write's, and stays for whoever
+// waits for it. A signal to the thread is taken before one to the process, so what somebody sent
+// meanwhile stays too.
+void take_up(int raised, const sigset_t &pending) {
+    if (raised == 0 || sigismember(&pending, raised) == 1) return;
+    sigset_t one;
+    sigemptyset(&one);
+    sigaddset(&one, raised);
+    const timespec at_once = {};
+    while (sigtimedwait(&one, nullptr, &at_once) == -1 && errno == EINTR) {
     }
-    ~HeldSignals() { pthread_sigmask(SIG_SETMASK, &mask_, nullptr); }
-    HeldSignals(const HeldSignals &) = delete;
-    HeldSignals &operator=(const HeldSignals &) = delete;
-
-    // Takes up what the failed write has raised. One that was pending before it has become one with
-    // the write's, and stays for whoever waits for it. A signal to the thread is taken before one
-    // to the process, so what somebody sent meanwhile stays too.
-    void take_up(int error) const {
-        const int raised = signal_of(error);
-        if (raised == 0 || sigismember(&pending_, raised) == 1) return;
-        sigset_t one;
-        sigemptyset(&one);
-        sigaddset(&one, raised);
-        const timespec at_once = {};
-        while (sigtimedwait(&one, nullptr, &at_once) == -1 && errno == EINTR) {
-        }
-    }
-
-  private:
-    sigset_t mask_ = {};
-    sigset_t pending_ = {};
-};
+}
 
 }  // namespace
 
-ssize_t held_write(int fd, const void *data, size_t size) {
-    const HeldSignals held;
-    const ssize_t written = write(fd, data, size);
+HeldSignals::HeldSignals() {
+    sigset_t both;
+    sigemptyset(&both);
+    sigaddset(&both, SIGXFSZ);
+    sigaddset(&both, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &both, &mask_);
+    sigpending(&pending_);
+}
+
+HeldSignals::~HeldSignals() {
+    pthread_sigmask(SIG_SETMASK, &mask_, nullptr);
+}
+
+ssize_t HeldSignals::settle(ssize_t written) const {
     if (written >= 0) return written;
     const int error = errno;
-    held.take_up(error);
+    take_up(signal_of(error), pending_);
     errno = error;
     return written;
+}
+
+ssize_t held_write(int fd, const void *data, size_t size) {
+    const HeldSignals held;
+    return held.settle(write(fd, data, size));
+}
+
+ssize_t held_write(const HeldSignals &held, int fd, const void *data, size_t size) {
+    return held.settle(write(fd, data, size));
 }
 
 bool write_all(int fd, const char *data, size_t size) {

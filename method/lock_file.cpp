@@ -59,8 +59,8 @@ Field read_field(int fd, int32_t *value) {
     return got == field_size ? Field::read : Field::missing;
 }
 
-bool write_field(int fd, int32_t value) {
-    return tf::held_write(fd, &value, sizeof value) == field_size;
+bool write_field(const tf::HeldSignals &held, int fd, int32_t value) {
+    return tf::held_write(held, fd, &value, sizeof value) == field_size;
 }
 
 // Only a process that surely is no more loses its file; one that cannot be asked about counts as
@@ -134,11 +134,13 @@ int read_counter(prim_mir_info *pm, int fd, bool increment, Counter *counter) {
 
 int write_counter(const prim_mir_info *pm, int fd, const Counter &counter) {
     if (lseek(fd, 0, SEEK_SET) == -1) return complain("could not lseek file: %s", pm->lock_file);
-    if (!write_field(fd, counter.owner) || !write_field(fd, counter.objects) ||
-        !write_field(fd, counter.is_split)) {
-        return complain("could not write to file: %s", pm->lock_file);
+    bool written = false;
+    {
+        const tf::HeldSignals held;  // let go before the framework's log is called
+        written = write_field(held, fd, counter.owner) && write_field(held, fd, counter.objects) &&
+                  write_field(held, fd, counter.is_split);
     }
-    return tf::success;
+    return written ? tf::success : complain("could not write to file: %s", pm->lock_file);
 }
 
 // The last clear takes the file away. Whatever goes wrong here, the count that was written says

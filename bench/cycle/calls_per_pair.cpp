@@ -38,7 +38,8 @@ constexpr Step name_counter_file[] = {
 
 // One update under the host-wide lock. The owner is read twice: when the file is opened, since it
 // may have to be taken over, and when it is changed, from its start on. Its three fields are read
-// and written one by one, and every write holds back the signals that a failing one would raise.
+// and written one by one; the signals that a failing write would raise are held back for all three
+// at once.
 constexpr Step update_counter_file[] = {
     {"open", "the host-wide lock file", 1},
     {"fcntl_lock", "the host-wide lock", 1},
@@ -49,8 +50,8 @@ constexpr Step update_counter_file[] = {
     {"read", "owner and count and flag", 3},
     {"getpid", "the new owner", 1},
     {"lseek", "to the start before writing", 1},
-    {"sigmask", "a write's signals held back and let go", 6},
-    {"sigpending", "which of them were there before", 3},
+    {"sigmask", "the writes' signals held back and let go", 2},
+    {"sigpending", "which of them were there before", 1},
     {"write", "owner and count and flag", 3},
     {"close", "the counter file and the lock file", 2},
 };
