@@ -1,12 +1,11 @@
 #include "method/bcv_control.h"
 
-#include <unistd.h>
-
 #include <cstdlib>
 #include <cstring>
 
 #include "method/log.h"
 #include "method/numbers.h"
+#include "method/pause.h"
 #include "method/records.h"
 #include "method/report.h"
 #include "method/text.h"
@@ -53,7 +52,7 @@ int32_t Control::control_array(prim_mir_info *const *group, int32_t count) const
     int code = call();
     while (tf::split_in_background(code)) {
         tf::log_progress("Waiting split in background to finish");
-        sleep(tf::background_split_pause);
+        tf::pause_for(tf::background_split_pause);
         code = call();
     }
     if (code == 0) return tf::success;
@@ -118,7 +117,7 @@ int32_t emc_tf_wait_for_establish(const hdef *, prim_mir_info *pm, int32_t *stat
             polls = 0;
         }
         ++polls;
-        sleep(tf::state_poll_pause);
+        tf::pause_for(tf::state_poll_pause);
         // A show that fails while polling has always been reported as the sync it belongs to: the
         // pair was shown before, so what the operator has to look at is the refresh.
         result = read_state(pm, "SymDevSync", state);

@@ -1,12 +1,11 @@
 #include "method/valid_bcv.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstring>
 
 #include "method/log.h"
 #include "method/numbers.h"
+#include "method/pause.h"
 #include "method/records.h"
 #include "method/report.h"
 #include "method/text.h"
@@ -166,7 +165,7 @@ int32_t Selection::release(const SymBcvInfo &entry, const SymDevice &bcv) {
 void Selection::wait_for_release(const char *bcv) {
     const SymBcvInfo *entry = nullptr;
     do {
-        sleep(tf::state_poll_pause);
+        tf::pause_for(tf::state_poll_pause);
         if (!refresh(bcv) || find_bcv_info(&device_, bcv, &entry) != 0) return;
     } while (entry->bcv_pair_state == tf::PairState::splitting);
 }

@@ -1,8 +1,7 @@
 // Freeze commit, after the split: waiting until the array has split every pair.
-#include <unistd.h>
-
 #include "method/freeze_commit.h"
 #include "method/log.h"
+#include "method/pause.h"
 #include "method/report.h"
 
 namespace tf {
@@ -31,14 +30,14 @@ int32_t wait_for_pair(const prim_mir_info &pm) {
             return success;
         }
         if (state == PairState::splitting) {
-            sleep(state_poll_pause);
+            pause_for(state_poll_pause);
             continue;
         }
         if (retry == retry_limit) {
             return fail(ErrorNumber::limit, msg::cannot_split, reporter, pm.p_dev_raw_device,
                         static_cast<int>(state));
         }
-        sleep(retry_pause);
+        pause_for(retry_pause);
         ++retry;
     }
 }

@@ -74,6 +74,7 @@ constexpr std::string_view cannot_fail[] = {
     "posix_spawnattr_destroy",
     // the process and its streams
     "clock_gettime",
+    "clock_nanosleep",
     "dlerror",
     "feof",
     "ferror",
