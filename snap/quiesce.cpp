@@ -53,7 +53,7 @@ int lock_qzfs(const char *path) {
         diagnose("open of %s failed, errno %d", path, errno);
         return -1;
     }
-    if (ioctl(fd, QZ_FREEZE, lock_fs_seconds) == 0) return fd;
+    if (ioctl(fd, QZ_FREEZE, lock_fs_seconds) >= 0) return fd;
     diagnose("QZ_FREEZE of %s failed errno %d", path, errno);
     close(fd);
     return -1;
@@ -65,7 +65,7 @@ int unlock_qzfs(const char *path, int fd) {
         return -1;
     }
     int result = 0;
-    if (ioctl(fd, QZ_THAW, 0UL) != 0) {
+    if (ioctl(fd, QZ_THAW, 0UL) < 0) {
         diagnose("QZ_THAW of %s failed, errno %d", path, errno);
         result = -1;
     }
@@ -87,7 +87,7 @@ int locksnap_qzfs(const char *path) {
     qz_fd = open_directory(path);
     if (qz_fd >= 0) {
         clock_gettime(CLOCK_REALTIME, &snap::freeze_asked);
-        if (ioctl(qz_fd, QZ_FREEZE, locksnap_seconds) == 0) {
+        if (ioctl(qz_fd, QZ_FREEZE, locksnap_seconds) >= 0) {
             clock_gettime(CLOCK_REALTIME, &snap::freeze_done);
             return 0;
         }
@@ -133,7 +133,7 @@ int unlocksnap(const char *path, int is_ufs, int is_qzfs) {
     }
     if (is_qzfs == 0 || qz_fd < 0) return 0;
     int result = 0;
-    if (ioctl(qz_fd, QZ_THAW, 0UL) != 0) {
+    if (ioctl(qz_fd, QZ_THAW, 0UL) < 0) {
         result = errno;
         diagnose("QZ_THAW returned %d", result);
     }

@@ -26,10 +26,12 @@ class SetListing {
     SetListing &operator=(const SetListing &) = delete;
 
     explicit operator bool() const { return pipe_ != nullptr; }
-    // The first word of the next line; null at the end of the output or for a line without a word.
+    // The first word of the next line, "" for a line without one; null at the end of the output.
     const char *next_word() {
         if (!read_line()) return nullptr;
-        return Q_sscanf(line_, "%1023s", word_) == 1 ? word_ : nullptr;
+        word_[0] = '\0';
+        Q_sscanf(line_, "%1023s", word_);
+        return word_;
     }
 
   private:
@@ -43,12 +45,15 @@ class SetListing {
         return popen(command, "re");
     }
     // The rest of a line that is longer than the buffer is dropped; it is not a line of its own.
+    // Nor does a NUL end one: what is lost is that line's rest, not the line behind it.
     bool read_line() {
-        if (fgets(line_, sizeof line_, pipe_) == nullptr) return false;
-        if (strchr(line_, '\n') == nullptr) {
-            int c = getc(pipe_);
-            while (c != EOF && c != '\n') c = getc(pipe_);
+        int c = getc(pipe_);
+        if (c == EOF) return false;
+        size_t length = 0;
+        for (; c != EOF && c != '\n'; c = getc(pipe_)) {
+            if (length < sizeof line_ - 1) line_[length++] = static_cast<char>(c);
         }
+        line_[length] = '\0';
         return true;
     }
 
@@ -110,10 +115,12 @@ struct Volume {
     }
 };
 
+// The list of sets ends at a line without a word: what the tool prints behind it is no list.
 bool read_set_names(const Volume &volume, NameList &names) {
     SetListing listing(volume.group, "");
     if (!listing) return false;
-    while (const char *word = listing.next_word()) {
+    for (const char *word = listing.next_word(); word != nullptr && *word != '\0';
+         word = listing.next_word()) {
         if (!names.add(word)) return false;
     }
     return true;

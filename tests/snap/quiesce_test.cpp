@@ -205,6 +205,63 @@ TEST_F(Snap, locksnap_of_qzfs_closes_and_returns_the_error_of_a_refused_freeze) 
     EXPECT_EQ(qz_fd, -1);
 }
 
+// Only -1 is a failure of a request, and only then is there an error number.
+TEST_F(Snap, a_driver_that_answers_a_request_with_more_than_0_has_not_failed) {
+    answer_ioctl(0);
+    calls().ioctl_result = 1;
+    errno = 0;
+    EXPECT_EQ(locksnap("/usr", 0, 1), 0);
+    EXPECT_GE(qz_fd, 0);
+    EXPECT_EQ(unlocksnap("/usr", 0, 1), 0);
+    EXPECT_EQ(qz_fd, -1);
+    const int fd = lock_fs("/usr", "qzfs");
+    EXPECT_GE(fd, 0);
+    EXPECT_EQ(unlock_fs("/usr", "qzfs", fd), 0);
+    EXPECT_EQ(happened(),
+              "Issuing qzfs QZ_FREEZE for /usr\n"
+              "call: ioctl 0x564f4c64 5\n"
+              "call: ioctl 0x564f4c65 0\n"
+              "call: ioctl 0x564f4c64 300\n"
+              "call: ioctl 0x564f4c65 0\n");
+}
+
+int spoil_errno(int, const char *, int length) {
+    errno = EXDEV;
+    return length;
+}
+
+TEST_F(Snap, a_sink_that_changes_the_error_number_does_not_change_a_result) {
+    sn_set_errf(&spoil_errno, 2, 0);
+    EXPECT_EQ(locksnap("/nowhere", 0, 1), ENOENT);
+    answer_ioctl(EBUSY);
+    EXPECT_EQ(locksnap("/usr", 0, 1), EBUSY);
+    answer_ioctl(0);
+    EXPECT_EQ(locksnap("/usr", 0, 1), 0);
+    answer_ioctl(EIO);
+    EXPECT_EQ(unlocksnap("/usr", 0, 1), EIO);
+}
+
+// "/usr/sbin/lockfs -w  " in front of the path; 1023 characters are run, 1024 are not.
+TEST_F(Snap, a_ufs_path_whose_command_does_not_fit_is_not_locked) {
+    install_lockfs(0);
+    const std::string longest = "/" + std::string(1023 - 21 - 1, 'a');
+    EXPECT_EQ(lock_fs(longest.c_str(), "ufs"), 0);
+    EXPECT_EQ(locksnap(longest.c_str(), 1, 0), 0);
+    EXPECT_EQ(unlocksnap(longest.c_str(), 1, 0), 0);
+    EXPECT_EQ(test::read_file("/lockfs.log"),
+              "-w " + longest + "\n-w " + longest + "\n-u " + longest + "\n");
+    unlink("/lockfs.log");
+    const std::string longer = longest + "a";
+    EXPECT_EQ(lock_fs(longer.c_str(), "ufs"), -1);
+    EXPECT_EQ(locksnap(longer.c_str(), 1, 0), -1);
+    EXPECT_EQ(unlocksnap(longer.c_str(), 1, 0), 0);
+    // One character less, and two that quoting adds.
+    std::string quoted = longest;
+    quoted[5] = ' ';
+    EXPECT_EQ(lock_fs(quoted.c_str(), "ufs"), -1);
+    EXPECT_FALSE(test::exists("/lockfs.log"));
+}
+
 TEST_F(Snap, locksnap_of_neither_kind_does_nothing) {
     EXPECT_EQ(locksnap("/usr", 0, 0), 0);
     EXPECT_EQ(happened(), "");

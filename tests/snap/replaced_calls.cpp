@@ -30,7 +30,7 @@ int __wrap_ioctl(int fd, unsigned long request, ...) {
     snprintf(line, sizeof line, "call: ioctl 0x%lx %lu", request, argument);
     test::events().emplace_back(line);
     if (test::calls().real_ioctl) return __real_ioctl(fd, request, argument);
-    if (test::calls().ioctl_error == 0) return 0;
+    if (test::calls().ioctl_error == 0) return test::calls().ioctl_result;
     errno = test::calls().ioctl_error;
     return -1;
 }

@@ -30,8 +30,9 @@ inline int collect_event(int, const char *text, int length) {
 // How the replaced calls answer.
 struct Calls {
     // Freeze and thaw requests reach the kernel, which refuses them for a file system of another
-    // kind; otherwise they succeed (0) or fail with this error.
+    // kind; otherwise they succeed with this result (0) or fail with this error.
     bool real_ioctl = true;
+    int ioctl_result = 0;
     int ioctl_error = 0;
     // The n-th pipe from now on cannot be opened; 0 for none.
     int failing_pipe = 0;

@@ -142,6 +142,37 @@ TEST_F(VolumeSets, a_line_without_a_word_ends_the_list_of_sets) {
     EXPECT_FALSE(happened("call: popen /usr/sbin/qzvset -g dg list set2"));
 }
 
+TEST_F(VolumeSets, a_line_without_a_word_does_not_end_the_listing_of_one_set) {
+    test::write_script(tool,
+                       "case \"$*\" in\n"
+                       "'-g dg list') printf 'NAME\\nset2\\n';;\n"
+                       "*) printf 'VOLUME\\n\\n  \\nd\\n';;\n"
+                       "esac");
+    EXPECT_EQ(look_up("/dev/qz/rdsk/dg/d"), "0 /sets qzfs");
+}
+
+TEST_F(VolumeSets, a_nul_ends_what_its_line_says_and_costs_no_line_behind_it) {
+    test::write_script(tool,
+                       "case \"$*\" in\n"
+                       "'-g dg list') printf 'NAME\\0more\\nset1\\0x\\nset2\\n';;\n"
+                       "'-g dg list set2') printf 'VOLUME\\nc\\0 d\\nd\\0\\n';;\n"
+                       "*) printf 'VOLUME\\n';;\n"
+                       "esac");
+    EXPECT_EQ(look_up("/dev/qz/rdsk/dg/d"), "0 /sets qzfs");
+    EXPECT_TRUE(happened("call: popen /usr/sbin/qzvset -g dg list set1"));
+    EXPECT_FALSE(happened("call: popen /usr/sbin/qzvset -g dg list more"));
+}
+
+TEST_F(VolumeSets, a_look_up_by_device_overwrites_the_answer_of_a_look_up_by_set) {
+    install_tool();
+    char *dir = nullptr, *type = nullptr, *other_dir = nullptr, *other_type = nullptr;
+    ASSERT_EQ(rawtofs("/dev/qz/rdsk/dg/d", &dir, &type), SN_OK);
+    ASSERT_EQ(find_mnt("/dev/qz/rdsk/dg/plain", &other_dir, &other_type), SN_OK);
+    EXPECT_EQ(dir, other_dir);
+    EXPECT_EQ(type, other_type);
+    EXPECT_STREQ(dir, "/plain");
+}
+
 TEST_F(VolumeSets, a_group_without_sets_gives_minus_1) {
     test::write_script(tool, "echo NAME");
     EXPECT_EQ(look_up("/dev/qz/rdsk/dg/d"), "-1 null null");
