@@ -51,7 +51,10 @@ int32_t TimeFinder_set_logf(tf_log_function sink, int32_t level);
  * source: a path on a file system, a raw device or a block device; null is the empty path.
  * fifs: the path kept as the object's mount point. nvols: set to 0. flag: TF_FREEZE_WAIT or
  * TF_FREEZE_NO_WAIT. *handle receives the record; a failed freeze that still returns one holds
- * array locks and has to be rolled back with thaw and thaw commit on that handle.
+ * array locks and has to be rolled back with thaw and thaw commit on that handle. Except after
+ * QfMCmn0020N, no memory for the record's device: that record is bare, holds nothing and is not
+ * counted, so that its thaw commit would pass for another object's, perhaps the last one's, whose
+ * mirrors are established then. Objects of TF_FREEZE_NO_WAIT are not counted either.
  */
 int32_t TimeFinder_freeze(const char *config, const char *source, const char *fifs, void *unused,
                           int32_t *nvols, int32_t flag, hdef **handle);

@@ -6,6 +6,7 @@
 #include "method/freeze_commit.h"
 #include "method/text.h"
 #include "tests/method/freeze_fixture.h"
+#include "tests/support/allocation_faults.h"
 
 namespace test {
 

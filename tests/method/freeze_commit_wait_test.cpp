@@ -24,6 +24,33 @@ TEST_F(FreezeCommitWait, a_failed_split_call_is_reported_but_the_waits_decide) {
     EXPECT_EQ(freeze_commit_done, 1);
 }
 
+TEST_F(FreezeCommitWait, without_memory_for_the_split_call_the_waits_decide_as_well) {
+    hdef *const h = object("datadg");
+    prim_mir_info *const pm = device(h, "0001");
+    fail_allocation(1);
+    EXPECT_EQ(TimeFinder_freeze_commit(h), 11);
+    no_more_faults();
+    EXPECT_TRUE(logged("emc_tf_bcv_control_all: Out of available memory"));
+    EXPECT_TRUE(array.calls_of("SymDevListBcvControl").empty());
+    EXPECT_EQ(sleeps(), std::vector<unsigned>(6, 10));
+    expect_failure(13, "emc_tf_wait_for_split: Cannot split device /dev/disk_1230001: state: 2");
+    EXPECT_EQ(pm->sync_at_end, 1);
+    expect_uncommitted(1);
+}
+
+TEST_F(FreezeCommitWait, the_pairs_of_an_array_that_split_are_awaited_before_another_array_fails) {
+    hdef *const h = object("datadg");
+    device(h, "0001");
+    prim_mir_info *const second = device(h, "0002", 2, other_array);
+    array.script("SymDevListBcvControl", {0, 43});
+    EXPECT_EQ(TimeFinder_freeze_commit(h), 11);
+    expect_failure(13, "emc_tf_wait_for_split: Cannot split device /dev/disk_9990002: state: 2");
+    EXPECT_EQ(array.state(array_id, "0001"), 5);
+    EXPECT_EQ(times_logged("...Finished"), 1);
+    EXPECT_EQ(second->sync_at_end, 1);
+    expect_uncommitted(1);
+}
+
 TEST_F(FreezeCommitWait, a_failed_split_call_without_effect_fails_in_the_waits) {
     hdef *const h = object("datadg");
     prim_mir_info *const pm = device(h, "0001");

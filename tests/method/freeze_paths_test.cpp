@@ -173,6 +173,21 @@ TEST_F(FreezeOwners, a_block_device_without_a_node_is_named_by_the_owner_step) {
                            ": No such file or directory");
 }
 
+// Outside the volume manager's folders both names of a device are one, and both are looked at.
+TEST_F(FreezeOwners, a_device_without_a_node_under_both_names_is_named_twice_and_given_up_once) {
+    hdef *const h = tf::make_zeroed<hdef>();
+    h->pminfo_list = make_pm(array_id, "0001", "0101", "/dev/missing_disk");
+    tf::put(h->pminfo_list->dev_block_device, "/dev/missing_disk");
+    tf::Freeze f{nullptr, "", "", false, nullptr};
+    f.h = h;
+    EXPECT_EQ(tf::store_owners(f), 11);
+    const std::string text =
+        "get_owner_ids: Cannot stat() file /dev/missing_disk: No such file or directory";
+    expect_failure(3, text);
+    EXPECT_EQ(times_logged(text), 2);
+    tf::free_hdef(h);
+}
+
 TEST_F(FreezeOwners, the_ids_of_a_missing_node_are_0_and_those_of_the_other_are_stored_needs_root) {
     if (!test::is_real_root()) GTEST_SKIP() << "chown needs the machine's root";
     hdef *const h = static_cast<hdef *>(calloc(1, sizeof(hdef)));

@@ -136,6 +136,27 @@ TEST_F(Statdev, a_block_device_without_a_raw_twin_keeps_its_name_needs_root) {
     EXPECT_EQ(mount_dir, nullptr);
 }
 
+// A volume "part" of the set that is mounted as "vol".
+void put_volume_in_a_set() {
+    test::write_script("/usr/sbin/qzvset",
+                       "[ \"$*\" = '-g dg list' ] && printf 'NAME\\nvol\\n' && exit\n"
+                       "[ \"$*\" = '-g dg list vol' ] && printf 'VOLUME\\npart\\n'");
+}
+
+TEST_F(Statdev, a_component_of_a_mounted_set_has_the_sets_mount_needs_root) {
+    SKIP_UNLESS_NODES();
+    put_volume_in_a_set();
+    test::make_node("/dev/qz/rdsk/dg/part", S_IFCHR);
+    test::make_node("/dev/qz/dsk/dg/part", S_IFBLK);
+    for (const char *path : {"/dev/qz/rdsk/dg/part", "/dev/qz/dsk/dg/part"}) {
+        is_qzfs = 0;
+        EXPECT_EQ(look_at(path), 0);
+        EXPECT_STREQ(mount_dir, "/data");
+        EXPECT_EQ(is_qzfs, 1);
+    }
+    EXPECT_STREQ(device, "/dev/qz/rdsk/dg/par");
+}
+
 TEST_F(Statdev, a_directory_becomes_the_raw_device_mounted_there_needs_root) {
     SKIP_UNLESS_NODES();
     test::make_node(raw_volume, S_IFCHR);
@@ -247,6 +268,18 @@ TEST_F(Fsdevinfo, a_block_device_has_a_raw_name_that_outlives_the_call_needs_roo
     overwrite_stack();
     EXPECT_EQ(outputs(), "block_device, /dev/qz/rdsk/dg/vol, /dev/qz/dsk/dg/vol, /data, qzfs");
     EXPECT_EQ(block, block_volume);
+}
+
+TEST_F(Fsdevinfo, a_component_of_a_mounted_set_has_the_sets_mount_and_its_own_names_needs_root) {
+    SKIP_UNLESS_NODES();
+    put_volume_in_a_set();
+    test::make_node("/dev/qz/rdsk/dg/part", S_IFCHR);
+    test::make_node("/dev/qz/dsk/dg/part", S_IFBLK);
+    EXPECT_EQ(describe("/dev/qz/rdsk/dg/part"), 0);
+    EXPECT_EQ(outputs(), "raw_device, /dev/qz/rdsk/dg/part, /dev/qz/dsk/dg/part, /data, qzfs");
+    if (block_is_owned) free(block);
+    EXPECT_EQ(describe("/dev/qz/dsk/dg/part"), 0);
+    EXPECT_EQ(outputs(), "block_device, /dev/qz/rdsk/dg/part, /dev/qz/dsk/dg/part, /data, qzfs");
 }
 
 TEST_F(Fsdevinfo, a_block_device_that_is_not_mounted_is_a_success_needs_root) {

@@ -134,6 +134,14 @@ TEST_F(Snap, a_diagnostic_is_cut_to_the_message_buffer) {
     EXPECT_EQ(events().at(0), std::string(2047, 'x'));
 }
 
+TEST_F(Snap, a_diagnostic_stands_in_the_message_buffer_without_a_sink_too) {
+    sn_set_errf(nullptr, -1, 0);
+    char *dir = nullptr, *type = nullptr;
+    test::write_mount_table("/dev/sde /data ext4 rw 0 0\n");
+    EXPECT_EQ(find_mnt("/dev/sde", &dir, &type), SN_OK);
+    EXPECT_STREQ(err_msg, "mount device: /data fstype: ext4");
+}
+
 TEST_F(Snap, a_command_that_succeeds_says_nothing) {
     EXPECT_EQ(system_cmd("true", "it"), 0);
     EXPECT_EQ(happened(), "call: system true it\n");

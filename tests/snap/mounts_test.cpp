@@ -168,6 +168,14 @@ TEST_F(Mounts, names_are_cut_to_1023_and_types_to_63_characters) {
     EXPECT_EQ(look_up(fstoraw, "/data"), cut);
 }
 
+TEST_F(Mounts, a_directory_found_by_its_device_is_cut_to_1023_and_its_type_to_63_characters) {
+    const std::string folder = "/" + std::string(1500, 'f');
+    const std::string type = std::string(100, 't');
+    test::write_mount_table("/dev/sde " + folder + " " + type + " rw 0 0\n");
+    EXPECT_EQ(look_up(find_mnt, "/dev/sde"),
+              "0 " + folder.substr(0, 1023) + " " + type.substr(0, 63));
+}
+
 TEST_F(Mounts, a_blank_in_a_directory_is_read_back_from_its_escape) {
     test::write_mount_table("/dev/sde /with\\040blank ext4 rw 0 0\n");
     EXPECT_EQ(look_up(fstoblock, "/with blank"), "0 /dev/sde ext4");
