@@ -9,7 +9,8 @@
 #include <cstdint>
 
 // 0 until the mount table has been read into the cache, 1 from then on; back to 0 when a node of
-// the cache could not be allocated, so that the next look-up reads the table again.
+// the cache could not be allocated or the table broke off, so that the next look-up reads the table
+// again.
 extern int32_t mnttab_cached;
 
 // One entry of the cache; device numbers are unique. All entries are freed when the library is
