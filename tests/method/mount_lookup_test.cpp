@@ -1,71 +1,19 @@
 #include "method/mount_lookup.h"
 
-#include <malloc.h>
 #include <sys/epoll.h>
-#include <sys/mount.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <sys/un.h>
-#include <sys/wait.h>
-#include <unistd.h>
+
+#include <cstring>
 
 #include "method/descriptor.h"
 #include "method/text.h"
-#include "tests/support/allocation_faults.h"
-#include "tests/support/method_fixture.h"
-#include "tests/support/private_root.h"
+#include "tests/method/mount_fixture.h"
 
 namespace {
 
-// Runs behind the destructors of all static objects: in the child of one test the exit status says
-// whether the cache was empty by then.
-constexpr int cache_was_freed = 42;
-bool looks_at_the_cache_at_the_end = false;
-[[gnu::destructor]] void look_at_the_cache() {
-    if (looks_at_the_cache_at_the_end && mnttab_cached_list == nullptr) _exit(cache_was_freed);
-}
-
-uint64_t device_of(const std::string &path) {
-    struct stat status = {};
-    EXPECT_EQ(stat(path.c_str(), &status), 0) << path;
-    return status.st_dev;
-}
-
-class MountLookup : public test::Method {
-  protected:
-    MountLookup() {
-        test::make_folders("/tmp/sub");
-        // Every test begins like a fresh process: a table that is read anew and, since the cache
-        // knows no refresh, one whose devices it has not met yet.
-        if (mnttab_cached_list != nullptr) fresh = false;
-    }
-    ~MountLookup() override { rmdir("/tmp/sub"); }
-
-    void SetUp() override {
-        if (!fresh) GTEST_SKIP() << "the mount table of this process has been read; run by ctest";
-    }
-
-    // "STATUS DEVICE TYPE DIRECTORY" of a path.
-    std::string lookup(const std::string &path, size_t device_size = 1024) {
-        char type[64] = "", dir[64] = "";
-        std::string device(device_size + 1, '~');
-        const int32_t result = emc_tf__find_mount_device(path.c_str(), device.data(), device_size,
-                                                         type, sizeof type, dir, sizeof dir);
-        EXPECT_EQ(device.back(), '~') << "written behind the buffer";
-        if (result != 0) return std::to_string(result);
-        return "0 " + std::string(device.c_str()) + " " + type + " " + dir;
-    }
-    std::string by_device(uint64_t dev) {
-        char dir[64] = "", name[64] = "", type[64] = "";
-        const int32_t result =
-            emc_tf__devtomp(dev, dir, sizeof dir, name, sizeof name, type, sizeof type);
-        if (result != 0) return std::to_string(result);
-        return "0 " + std::string(name) + " " + type + " " + dir;
-    }
-
-    bool fresh = true;
-};
+using test::MountLookup;
 
 TEST_F(MountLookup, a_file_a_folder_and_the_mount_point_find_the_device_that_holds_them) {
     test::write_mount_table("/dev/one /tmp ext4 rw 0 0\n/dev/two /dev qzfs rw 0 0\n");
@@ -242,6 +190,31 @@ TEST_F(MountLookup, the_length_that_counts_is_the_one_before_slashes_collapse) {
     EXPECT_EQ(lookup("/tmp", 10), "0 /dev/abc ext4 /tmp");
 }
 
+TEST_F(MountLookup, a_buffer_without_room_for_anything_is_not_written) {
+    test::write_mount_table("/dev/abc /tmp ext4 rw 0 0\n");
+    EXPECT_EQ(lookup("/tmp", 0), "11");
+    expect_failure(1, "emc_tf__find_mount_device: Memory allocation failure at line 1181");
+}
+
+// The cut comes before the test of the length, so that no name is too long for a buffer of 1024.
+TEST_F(MountLookup, a_device_name_of_1024_characters_or_more_is_cut_rather_than_refused) {
+    for (const size_t length : {1023U, 1024U, 2000U}) {
+        tf::clear_mount_cache();
+        const std::string name = "/dev/" + std::string(length - 5, 'n');
+        const std::string kept = name.substr(0, 1023);
+        test::write_mount_table(name + " /tmp ext4 rw 0 0\n");
+        EXPECT_EQ(lookup("/tmp"), "0 " + kept + " ext4 /tmp") << length;
+        ASSERT_NE(mnttab_cached_list, nullptr);
+        EXPECT_EQ(mnttab_cached_list->name, kept);
+        EXPECT_EQ(lookup("/tmp"), "0 " + kept + " ext4 /tmp") << length << " from the cache";
+        expect_no_failure();
+        EXPECT_EQ(lookup("/tmp", 1023), "11");
+        expect_failure(1, "emc_tf__find_mount_device: Memory allocation failure at line 1181");
+        errnum = 0;
+        tf::put(errmsg, "no message");
+    }
+}
+
 TEST_F(MountLookup, texts_are_cut_to_the_callers_buffers) {
     test::write_mount_table("/dev/one /tmp ext4 rw 0 0\n");
     char dir[3], name[5], type[2];
@@ -270,151 +243,6 @@ TEST_F(MountLookup, the_cache_alone_answers_1_or_0) {
     EXPECT_EQ(find(device_of("/tmp")), 1);
     EXPECT_EQ(find(device_of("/dev")), 0);
     EXPECT_STREQ(name, "/dev/one");
-}
-
-TEST_F(MountLookup, the_cache_lists_each_device_once_newest_first) {
-    test::write_mount_table(
-        "/dev/one /tmp ext4 rw 0 0\n/dev/two /dev qzfs rw 0 0\n/dev/three /tmp/sub xfs rw 0 0\n");
-    lookup("/tmp");
-    ASSERT_NE(mnttab_cached_list, nullptr);
-    EXPECT_STREQ(mnttab_cached_list->name, "/dev/two");
-    EXPECT_EQ(mnttab_cached_list->dev, device_of("/dev"));
-    ASSERT_NE(mnttab_cached_list->next, nullptr);
-    EXPECT_STREQ(mnttab_cached_list->next->name, "/dev/one");
-    EXPECT_STREQ(mnttab_cached_list->next->dir, "/tmp");
-    EXPECT_STREQ(mnttab_cached_list->next->type, "ext4");
-    EXPECT_EQ(mnttab_cached_list->next->next, nullptr);
-}
-
-TEST_F(MountLookup, without_memory_for_an_entry_the_table_is_read_again_next_time) {
-    test::write_mount_table("/dev/one /tmp ext4 rw 0 0\n/dev/two /dev qzfs rw 0 0\n");
-    test::fail_allocation(1);
-    // The answer is there all the same; the entry is not cached, the next one is.
-    EXPECT_EQ(lookup("/tmp"), "0 /dev/one ext4 /tmp");
-    expect_no_failure();
-    EXPECT_EQ(mnttab_cached, 0);
-    ASSERT_NE(mnttab_cached_list, nullptr);
-    EXPECT_STREQ(mnttab_cached_list->name, "/dev/two");
-    EXPECT_EQ(mnttab_cached_list->next, nullptr);
-    test::write_mount_table("/dev/new /tmp ext4 rw 0 0\n/dev/changed /dev qzfs rw 0 0\n");
-    EXPECT_EQ(lookup("/tmp"), "0 /dev/new ext4 /tmp");
-    EXPECT_EQ(mnttab_cached, 1);
-    EXPECT_EQ(lookup("/dev"), "0 /dev/two qzfs /dev");
-}
-
-TEST_F(MountLookup, a_table_that_breaks_off_is_read_again_next_time) {
-    unlink("/etc/mtab");
-    test::make_folders("/etc/mtab");
-    EXPECT_EQ(lookup("/tmp"), "11");
-    EXPECT_EQ(mnttab_cached, 0);
-    ASSERT_EQ(rmdir("/etc/mtab"), 0);
-    test::write_mount_table("/dev/one /tmp ext4 rw 0 0\n");
-    EXPECT_EQ(lookup("/tmp"), "0 /dev/one ext4 /tmp");
-    EXPECT_EQ(mnttab_cached, 1);
-}
-
-TEST_F(MountLookup, the_cache_is_freed_when_the_library_is_unloaded) {
-    test::write_mount_table("/dev/one /tmp ext4 rw 0 0\n/dev/two /dev qzfs rw 0 0\n");
-    EXPECT_EQ(lookup("/tmp"), "0 /dev/one ext4 /tmp");
-    fflush(nullptr);
-    const pid_t child = fork();
-    if (child == 0) {
-        looks_at_the_cache_at_the_end = true;
-        exit(0);
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), cache_was_freed);
-}
-
-TEST_F(MountLookup, a_cache_that_was_given_back_is_read_anew) {
-    test::write_mount_table("/dev/one /tmp ext4 rw 0 0\n");
-    EXPECT_EQ(lookup("/tmp"), "0 /dev/one ext4 /tmp");
-    test::write_mount_table("/dev/two /tmp ext4 rw 0 0\n");
-    EXPECT_EQ(lookup("/tmp"), "0 /dev/one ext4 /tmp");
-    tf::clear_mount_cache();
-    EXPECT_EQ(mnttab_cached, 0);
-    EXPECT_EQ(mnttab_cached_list, nullptr);
-    EXPECT_EQ(lookup("/tmp"), "0 /dev/two ext4 /tmp");
-}
-
-// Devices of their own, as many as a test wants: enough for the index.
-class ManyMounts : public MountLookup {
-  protected:
-    void mount_devices(int count) {
-        std::string table;
-        for (; mounted < count; ++mounted) {
-            const std::string dir = "/tmp/m" + std::to_string(mounted);
-            test::make_folders(dir);
-            ASSERT_EQ(mount("tmpfs", dir.c_str(), "tmpfs", 0, "size=4k"), 0);
-            table += "/dev/d" + std::to_string(mounted) + " " + dir + " ext4 rw 0 0\n";
-        }
-        test::write_mount_table(table);
-    }
-    ~ManyMounts() override {
-        for (int i = 0; i < mounted; ++i) {
-            const std::string dir = "/tmp/m" + std::to_string(i);
-            umount(dir.c_str());
-            rmdir(dir.c_str());
-        }
-    }
-    void expect_all_found() {
-        for (int i = 0; i < mounted; ++i) {
-            const std::string dir = "/tmp/m" + std::to_string(i);
-            EXPECT_EQ(lookup(dir), "0 /dev/d" + std::to_string(i) + " ext4 " + dir);
-        }
-        EXPECT_EQ(lookup("/tmp"), "11");
-    }
-    int mounted = 0;
-};
-
-TEST_F(ManyMounts, every_device_of_a_long_table_is_found) {
-    // The index is made twice: for the thirty-third entry and, larger, for the hundred and
-    // twenty-ninth.
-    mount_devices(140);
-    test::no_more_faults();
-    lookup("/tmp/m0");
-    EXPECT_EQ(test::allocations_seen(), 140 + 2);
-    expect_all_found();
-    test::no_more_faults();
-    expect_all_found();
-    EXPECT_EQ(test::allocations_seen(), 0);
-}
-
-TEST_F(ManyMounts, a_cache_that_is_given_back_gives_its_index_back) {
-    mount_devices(33);
-    const auto read_and_give_back = [this] {
-        lookup("/tmp/m0");
-        tf::clear_mount_cache();
-    };
-    // What the C library keeps for later it has after the first times.
-    for (int i = 0; i < 8; ++i) read_and_give_back();
-    const size_t before = mallinfo2().uordblks;
-    constexpr size_t rounds = 16, smallest_index = 128 * sizeof(void *);
-    for (size_t i = 0; i < rounds; ++i) read_and_give_back();
-    EXPECT_LT(mallinfo2().uordblks, before + rounds / 2 * smallest_index);
-}
-
-TEST_F(ManyMounts, without_memory_for_the_index_the_list_is_searched) {
-    mount_devices(33);
-    // The thirty-third entry is the first that asks for an index.
-    test::fail_allocation(34);
-    lookup("/tmp/m0");
-    EXPECT_EQ(test::allocations_seen(), 34);
-    test::no_more_faults();
-    EXPECT_EQ(mnttab_cached, 1);
-    expect_all_found();
-    EXPECT_EQ(test::allocations_seen(), 0);
-}
-
-TEST_F(ManyMounts, an_index_that_could_not_be_made_is_made_with_a_later_entry) {
-    mount_devices(40);
-    test::fail_allocation(34);
-    lookup("/tmp/m0");
-    expect_all_found();
-    // Forty entries, the index that failed and the one that did not.
-    EXPECT_EQ(test::allocations_seen(), 42);
 }
 
 }  // namespace
