@@ -151,6 +151,19 @@ TEST_F(DeviceInformation, a_line_longer_than_the_buffer_is_read_in_pieces) {
     expect_failure(13, cannot_find);
 }
 
+TEST_F(DeviceInformation, a_line_that_fills_the_buffer_ends_its_last_value_whole) {
+    // A line of so many characters, its newline among them.
+    const auto line = [](size_t length) {
+        const std::string start = "EMC p=/dev/a x=", end = " s=SN0001\n";
+        return start + std::string(length - start.size() - end.size(), 'x') + end;
+    };
+    EXPECT_EQ(found_in(line(1023)), "/dev/a SN0001");
+    // The newline is left for a piece of its own, which is skipped.
+    EXPECT_EQ(found_in(line(1024)), "/dev/a SN0001");
+    expect_no_failure();
+    EXPECT_EQ(found_in(line(1025)), "/dev/a SN000") << "cut; its rest does not name the maker";
+}
+
 TEST_F(DeviceInformation, a_failing_tool_gives_nothing_and_only_the_runners_report) {
     test::write_script(tool, "echo 'EMC p=/dev/a s=A'; echo no such device >&2; exit 1");
     EXPECT_EQ(found(), "nothing");

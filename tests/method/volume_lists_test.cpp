@@ -141,6 +141,12 @@ TEST_F(VolumeLists, devices_of_the_newest_member_stand_first) {
     EXPECT_EQ(devices(), "/dev/sdc,/dev/sdd:/dev/sda,/dev/sdb");
 }
 
+TEST_F(VolumeLists, a_newest_member_without_devices_leaves_the_start_to_an_older_one) {
+    add_member().add_device("/dev/sda", "/dev/sdb");
+    add_member();
+    EXPECT_EQ(devices(), "/dev/sda,/dev/sdb");
+}
+
 TEST_F(VolumeLists, a_primary_that_two_members_share_is_listed_once) {
     add_member().add_device("/dev/sda", "/dev/sdb");
     add_member().add_device("/dev/sda", "/dev/sdx");
@@ -166,6 +172,23 @@ TEST_F(VolumeLists, a_longer_primary_after_a_shorter_one_is_listed) {
     object.add_device("/dev/sda", "/dev/sdx");
     object.add_device("/dev/sdaa", "/dev/sdy");
     EXPECT_EQ(devices(), "/dev/sda,/dev/sdx:/dev/sdaa,/dev/sdy");
+}
+
+// The empty text is part of every list.
+TEST_F(VolumeLists, a_further_device_without_a_primary_path_is_skipped) {
+    test::FrozenObject &object = add_member();
+    object.add_device("/dev/sda", "/dev/sdx");
+    object.add_device("", "/dev/sdy");
+    object.add_device("/dev/sdb", "/dev/sdz");
+    EXPECT_EQ(devices(), "/dev/sda,/dev/sdx:/dev/sdb,/dev/sdz");
+}
+
+TEST_F(VolumeLists, a_first_device_without_a_primary_path_starts_the_list_with_its_bcv) {
+    test::FrozenObject &object = add_member();
+    object.add_device("", "/dev/sdx");
+    object.add_device("", "/dev/sdy");
+    object.add_device("/dev/sda", "/dev/sdz");
+    EXPECT_EQ(devices(), ",/dev/sdx:/dev/sda,/dev/sdz");
 }
 
 TEST_F(VolumeLists, a_group_without_members_has_the_empty_device_list) {
@@ -257,6 +280,52 @@ TEST_F(VolumeLists, the_buffer_grows_only_when_the_text_does_not_fit) {
     EXPECT_EQ(devices(), "status 11");
     test::no_more_faults();
     EXPECT_EQ(devices().size(), 2051U);
+}
+
+// The longest first pair, and then pairs of 514 characters: the first of them does not fit into
+// 2051 bytes, the fourth would end at 4103 and does not fit into 4102.
+class TwiceGrownList : public VolumeLists {
+  protected:
+    TwiceGrownList() {
+        test::FrozenObject &object = add_member();
+        object.add_device(std::string(1023, 'p'), std::string(1023, 'b'));
+        for (const char name : {'A', 'B', 'C', 'D'}) {
+            last = object.add_device(std::string(256, name), std::string(256, 'b'));
+        }
+    }
+    // The list with so many characters in the last BCV's path, and the allocations it took.
+    std::string devices_with(size_t last_bcv) {
+        tf::put(last->bcv_pdevname, std::string(last_bcv, 'b').c_str());
+        test::no_more_faults();
+        const std::string text = devices();
+        allocations = test::allocations_seen();
+        return text;
+    }
+    prim_mir_info *last = nullptr;
+    int allocations = 0;
+};
+
+TEST_F(TwiceGrownList, is_whole) {
+    std::string expected = std::string(1023, 'p') + "," + std::string(1023, 'b');
+    for (const char name : {'A', 'B', 'C', 'D'}) {
+        expected += ":" + std::string(256, name) + "," + std::string(256, 'b');
+    }
+    EXPECT_EQ(devices_with(256), expected);
+    EXPECT_EQ(expected.size(), 4103U);
+    EXPECT_EQ(allocations, 3);
+}
+
+TEST_F(TwiceGrownList, grew_the_second_time_only_when_the_text_did_not_fit) {
+    EXPECT_EQ(devices_with(254).size(), 4101U);
+    EXPECT_EQ(allocations, 2);
+    EXPECT_EQ(devices_with(255).size(), 4102U);
+    EXPECT_EQ(allocations, 3);
+}
+
+TEST_F(TwiceGrownList, without_memory_for_the_second_time_is_none) {
+    test::fail_allocation(3);
+    EXPECT_EQ(devices(), "status 11");
+    expect_failure(3, "get_device_list: Out of available memory");
 }
 
 TEST_F(VolumeLists, two_thousand_devices_are_listed_in_order) {
