@@ -1,5 +1,6 @@
 #include "method/pair_discovery.h"
 
+#include "include/timefinder.h"
 #include "method/pair_index.h"
 #include "tests/method/pair_fixture.h"
 
@@ -9,7 +10,10 @@ using test::primary_path;
 using test::symid;
 
 // What follows once the BCV is known: the wait, the full establish and the batch table.
-class PairEnrolment : public test::PairFixture {};
+class PairEnrolment : public test::PairFixture {
+  protected:
+    const std::string already_established = "device /dev/rdsk/c1t0d0s2 already established";
+};
 
 TEST_F(PairEnrolment, a_failed_wait_is_passed_on_and_noted) {
     set_level(0);
@@ -101,6 +105,45 @@ TEST_F(PairEnrolment, a_full_establish_is_issued_and_the_pair_is_read_again) {
     EXPECT_EQ(prim_mir_info_size, 0);
 }
 
+TEST_F(PairEnrolment, a_pair_that_a_full_establish_leaves_split_is_enrolled) {
+    object->sync_at_start = 2;
+    array.set_state(symid, "00A1", 5);
+    EXPECT_EQ(discover(), 0);
+    EXPECT_EQ(array.calls_of("SymLdevBcvControl").size(), 1U);
+    EXPECT_EQ(pm->sync_at_end, 1);
+    ASSERT_EQ(prim_mir_info_size, 1);
+    EXPECT_EQ(primmirlist[0], pm);
+    EXPECT_FALSE(logged(already_established));
+}
+
+TEST_F(PairEnrolment, a_pair_that_is_synchronised_behind_a_full_establish_and_a_wait_is_not) {
+    object->sync_at_start = 2;
+    array.set_state(symid, "00A1", 5);
+    array.on_call = [this](const std::string &line) {
+        if (line.starts_with("SymLdevBcvControl")) array.set_state(symid, "00A1", 1);
+    };
+    test::on_sleep([this](unsigned) { array.set_state(symid, "00A1", 2); });
+    EXPECT_EQ(discover(), 0);
+    EXPECT_TRUE(logged(already_established));
+    EXPECT_EQ(pm->sync_at_end, 1);
+    EXPECT_EQ(prim_mir_info_size, 0);
+}
+
+// Whether there is something to establish is what the choice behind the full establish says.
+TEST_F(PairEnrolment, the_choice_that_counts_is_the_one_after_a_full_establish) {
+    object->sync_at_start = 2;
+    array.set_state(symid, "00A1", 5);
+    const char *label = "OTHER";
+    array.on_call = [this, &label](const std::string &line) {
+        if (line.starts_with("SymLdevBcvControl")) tf::put(bcv->record.ldevname, label);
+    };
+    EXPECT_EQ(discover(), 0);
+    EXPECT_EQ(prim_mir_info_size, 0) << "no longer labelled";
+    label = "TSR-BCV";
+    EXPECT_EQ(discover(), 0);
+    EXPECT_EQ(prim_mir_info_size, 1) << "labelled by then";
+}
+
 TEST_F(PairEnrolment, a_synchronised_pair_is_not_fully_established_but_resynchronised_at_the_end) {
     object->sync_at_start = 2;
     EXPECT_EQ(discover(), 0);
@@ -177,6 +220,84 @@ TEST_F(PairEnrolment, a_device_seen_under_two_paths_is_enrolled_once) {
     EXPECT_EQ(pm->sync_at_end, 1);
     EXPECT_EQ(prim_mir_info_size, 1);
     EXPECT_EQ(primmirlist[0], object->pminfo_list);
+    expect_no_failure();
+}
+
+// Names of mirrors have four characters in the record, and the record's name is what is asked for
+// from then on.
+class LongBcvName : public PairEnrolment {
+  protected:
+    LongBcvName() {
+        primary->record.bcv_count = 0;
+        array.pair(*primary, array.add_bcv(symid, "00B1LONG", "/dev/sdz"), 2);
+    }
+};
+
+TEST_F(LongBcvName, is_cut_so_that_the_wait_does_not_find_the_mirror) {
+    EXPECT_EQ(discover(), 11);
+    EXPECT_STREQ(pm->bcvdev_sym_devname, "00B1");
+    const std::vector<std::string> shows = {"SymDevShow 000184500123 00B1LONG",
+                                            "SymDevShow 000184500123 00B1LONG",
+                                            "SymDevShow 000184500123 00B1"};
+    EXPECT_EQ(array.calls_of("SymDevShow"), shows);
+    EXPECT_EQ(bcv_paths(), "/dev/sdq /dev/sdq /dev/sdq") << "of the mirror with the short name";
+    expect_failure(10, "find_bcv_info: Cannot find BCV 00B1 for disk 00A1 in group DG");
+    EXPECT_EQ(test::log_lines().back(), "wait_for_establish failed");
+    EXPECT_EQ(prim_mir_info_size, 0);
+}
+
+TEST_F(LongBcvName, is_an_error_at_once_where_the_array_does_not_know_the_short_one) {
+    array.script_call("SymDevShow", 3, 28);
+    EXPECT_EQ(discover(), 11);
+    EXPECT_STREQ(pm->bcvdev_sym_devname, "00B1");
+    expect_failure(3, call_failure("SymDevShow", "00B1", 28));
+    EXPECT_FALSE(logged("wait_for_establish failed"));
+}
+
+// Pairs on several arrays, each under the host path of its primary's name.
+class SecondBatch : public PairEnrolment {
+  protected:
+    static std::string path_of(const std::string &name) { return "/dev/rdsk/" + name; }
+    void add_pair(const std::string &array_id, const std::string &name) {
+        test::FakeDevice &added = array.add_primary(array_id, name, path_of(name));
+        array.pair(added, array.add_bcv(array_id, "B" + name.substr(1), "/dev/sdq"), 5);
+    }
+    // Discovers the pair for a record of its own.
+    prim_mir_info *freeze(const std::string &name) {
+        pm = object.add_device(path_of(name));
+        EXPECT_EQ(discover(), 0);
+        return pm;
+    }
+};
+
+// The control code sorts the table in place and empties it by its count alone: what still stands
+// in it must not count as enrolled, be it at a new place or, like the last one here, at its old.
+TEST_F(SecondBatch, takes_devices_of_the_first_one_again) {
+    add_pair("000184500300", "X001");
+    add_pair("000184500100", "Y001");
+    add_pair("000184500200", "Z001");
+    add_pair("000184500500", "V001");
+    add_pair("000184500400", "W001");
+    prim_mir_info *const x = freeze("X001"), *const y = freeze("Y001");
+    prim_mir_info *const z = freeze("Z001"), *const v = freeze("V001");
+    EXPECT_EQ(prim_mir_info_size, 4);
+    EXPECT_EQ(TimeFinder_ctl(object.get(), 4), 0);
+    EXPECT_EQ(prim_mir_info_size, 0);
+    EXPECT_EQ(primmirlist[0], y);
+    EXPECT_EQ(primmirlist[1], z);
+    EXPECT_EQ(primmirlist[2], x);
+    EXPECT_EQ(primmirlist[3], v);
+
+    array.set_state("000184500300", "X001", 5);
+    array.set_state("000184500500", "V001", 5);
+    const prim_mir_info *const w = freeze("W001"), *const x_again = freeze("X001");
+    const prim_mir_info *const v_again = freeze("V001");
+    ASSERT_EQ(prim_mir_info_size, 3);
+    EXPECT_EQ(primmirlist[0], w);
+    EXPECT_EQ(primmirlist[1], x_again);
+    EXPECT_EQ(primmirlist[2], v_again);
+    freeze("X001");
+    EXPECT_EQ(prim_mir_info_size, 3) << "each of them once";
     expect_no_failure();
 }
 
