@@ -17,8 +17,8 @@ char *temporary_name(const char *prefix);
 // Gives the record its two capture files: fresh names with the prefix "QfMS", each created
 // exclusively. A name that cannot be had stays null.
 void make_capture_files(hdef *h);
-// Removes both files when both names are set; the names stay. What somebody else put in the place
-// of one is left alone.
+// Removes both files when both names are set; the names stay. A regular file goes whoever owns it;
+// what is no file, which somebody else put in the place of one, is left alone.
 void remove_capture_files(const hdef *h);
 
 // The name of a capture file as a command line or a dump takes it: the null device where the record
