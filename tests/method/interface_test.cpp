@@ -106,6 +106,14 @@ TEST(SetLocale, passing_the_buffers_back_leaves_them_as_they_are) {
     EXPECT_STREQ(mth_lc_logging, "fr_FR.UTF-8");
 }
 
+// The messages locale is stored first, so the name that it held is gone when its buffer is read.
+TEST(SetLocale, passing_the_buffers_back_crossed_leaves_the_logging_locale_in_both) {
+    TimeFinder_set_locale("de_DE", "fr_FR");
+    TimeFinder_set_locale(mth_lc_logging, mth_lc_messages);
+    EXPECT_STREQ(mth_lc_messages, "fr_FR");
+    EXPECT_STREQ(mth_lc_logging, "fr_FR");
+}
+
 TEST_F(FreshSink, the_version_line_appears_on_the_first_call_only) {
     TimeFinder_set_logf(&test::collect_line, 0);
     TimeFinder_set_logf(&test::collect_line, 0);

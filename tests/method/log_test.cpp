@@ -9,6 +9,7 @@
 
 #include "method/interface.h"
 #include "method/report.h"
+#include "tests/method/message_look_ups.h"
 #include "tests/support/allocation_faults.h"
 #include "tests/support/method_fixture.h"
 
@@ -170,6 +171,43 @@ TEST_F(Log, a_message_longer_than_the_buffers_is_cut_to_2047_characters) {
     tf::fail(tf::ErrorNumber::no_bcv, tf::msg::not_in_pair, "find_bcv_pair", name.c_str());
     EXPECT_EQ(std::string(errmsg), ("find_bcv_pair: Device " + name).substr(0, 2047));
     EXPECT_EQ(std::string(logmsg), std::string(errmsg));
+}
+
+// Operators read the log in the language in which they read the message.
+TEST_F(Log, the_text_in_the_messages_locale_is_the_one_that_is_logged) {
+    const test::MessageLookUps look_ups;
+    tf::fail(tf::ErrorNumber::no_bcv, tf::msg::not_in_pair, "find_bcv_pair", "/dev/x");
+    EXPECT_STREQ(errmsg, "M");
+    EXPECT_STREQ(logmsg, "L");
+    EXPECT_EQ(whole_log(), "M\n");
+    tf::fail(tf::ErrorNumber::limit, tf::msg::cannot_open_file, "find_device", "/tmp/x");
+    EXPECT_EQ(whole_log(), "M\nM\n");
+    tf::log_current_message();
+    EXPECT_EQ(whole_log(), "M\nM\nM\n");
+}
+
+TEST_F(Log, each_locale_is_looked_up_with_its_own_buffer) {
+    TimeFinder_set_locale("de_DE", "fr_FR");
+    const test::MessageLookUps look_ups;
+    tf::fail(tf::ErrorNumber::no_bcv, tf::msg::not_in_pair, "find_bcv_pair", "/dev/x");
+    errno = EACCES;
+    tf::fail(tf::ErrorNumber::limit, tf::msg::cannot_open_file, "find_device", "/tmp/x");
+    ASSERT_EQ(look_ups.seen.size(), 2U);
+    for (const test::LookUp &asked : look_ups.seen) {
+        EXPECT_EQ(asked.lc_messages, "de_DE");
+        EXPECT_EQ(asked.errmsg_size, 2048U);
+        EXPECT_EQ(asked.errmsg, errmsg);
+        EXPECT_EQ(asked.lc_logging, "fr_FR");
+        EXPECT_EQ(asked.logmsg_size, 2048U);
+        EXPECT_EQ(asked.logmsg, logmsg);
+    }
+    EXPECT_EQ(look_ups.seen[0].function, "qlgetmsg");
+    EXPECT_EQ(look_ups.seen[0].id, "QfMEtf1180N");
+    EXPECT_EQ(look_ups.seen[0].format, "%s: Device %s is not a member of a BCV pair");
+    EXPECT_EQ(look_ups.seen[1].function, "qlgetmsg_errno");
+    EXPECT_EQ(look_ups.seen[1].id, "QfMCmn0120N");
+    EXPECT_EQ(look_ups.seen[1].format, "%s: Cannot open file %s: %%s");
+    EXPECT_EQ(look_ups.seen[1].errnum, EACCES);
 }
 
 }  // namespace
