@@ -192,6 +192,37 @@ TEST_F(SessionInit, a_discovery_that_fails_is_a_failure) {
     EXPECT_EQ(session, -2);
 }
 
+// A loaded library that lacks a function is one whose call fails with code 14.
+
+const std::string failed_with_14 =
+    "emc_tf__SymInit: Failed - SymVersion = 1280, Error = 14 (array error 14).";
+
+TEST_F(SessionInit, a_library_without_SymInitV_opens_no_session) {
+    add_database();
+    p_emc_tf_SymInitV = nullptr;
+    EXPECT_EQ(init(), 11);
+    expect_failure(12, failed_with_14);
+    EXPECT_EQ(calls(), "SymApiVersion\n");
+    EXPECT_EQ(session, -2);
+}
+
+TEST_F(SessionInit, a_library_without_SymPerror_has_no_text_for_its_code) {
+    add_database();
+    p_emc_tf_SymInitV = nullptr;
+    p_emc_tf_SymPerror = nullptr;
+    EXPECT_EQ(init(), 11);
+    expect_failure(12, "emc_tf__SymInit: Failed - SymVersion = 1280, Error = 14 (unknown).");
+}
+
+TEST_F(SessionInit, a_library_without_SymDiscover_cannot_be_used_first) {
+    make_folders(database_folder);
+    p_emc_tf_SymDiscover = nullptr;
+    EXPECT_EQ(init(), 11);
+    expect_failure(12, failed_with_14);
+    EXPECT_EQ(calls(), "SymApiVersion\n" + init_call + "4" + with_options);
+    EXPECT_EQ(session, -2);
+}
+
 TEST_F(SessionInit, the_end_of_the_first_use_may_fail) {
     make_folders(database_folder);
     array.script("SymExit", {81});

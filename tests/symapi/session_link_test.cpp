@@ -101,6 +101,30 @@ TEST_F(Link, a_library_that_cannot_tell_its_patch_is_accepted) {
     EXPECT_TRUE(logged("EMC SYMAPI V5.0.0.7 Patch Level unknown"));
 }
 
+TEST_F(Link, a_library_without_SymApiVersion_is_rejected_as_unknown) {
+    install_library(library_without_version);
+    EXPECT_EQ(link(), 11);
+    expect_failure(3, "emc_tf__SymLink: Unsupported SYMAPI Version unknown\n");
+    EXPECT_EQ(whole_log(),
+              "Linking file /usr/symcli/shlib/libsymapi.so, 2.\n"
+              "NULL location at index 1, symbol='SymApiVersion' mask=3\n"
+              "NULL location at index 9, symbol='SymDgShow' mask=3\n"
+              "EMC SYMAPI unknown Patch Level 12\n"
+              "emc_tf__SymLink: emc_tf_SymVersion = 0 (<0x0500)\n"
+              "emc_tf__SymLink: Unsupported SYMAPI Version unknown\n\n");
+    let_go_of_library();
+    EXPECT_FALSE(is_loaded(installed_library));
+}
+
+TEST_F(Link, a_library_without_SymApiPatch_is_accepted) {
+    install_library(library_without_patch);
+    EXPECT_EQ(link(), 0);
+    expect_no_failure();
+    EXPECT_TRUE(logged("NULL location at index 0, symbol='SymApiPatch' mask=3"));
+    EXPECT_TRUE(logged("EMC SYMAPI V5.0.0.7 Patch Level unknown"));
+    EXPECT_EQ(emc_tf_SymVersion, 0x0500);
+}
+
 TEST_F(Link, the_mask_chooses_the_functions_that_are_looked_up) {
     install_library();
     EXPECT_EQ(emc_tf__SymLink(installed_library, 1), 0);

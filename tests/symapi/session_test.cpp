@@ -158,5 +158,14 @@ TEST_F(EndSession, a_failure_is_reported_in_the_callers_name_and_the_session_cou
     EXPECT_EQ(sH, -1);
 }
 
+TEST_F(EndSession, a_library_without_SymExit_is_a_failed_end) {
+    p_emc_tf_SymExit = nullptr;
+    EXPECT_EQ(tf::end_session("TimeFinder_freeze_commit"), 11);
+    expect_failure(3,
+                   "TimeFinder_freeze_commit: SymAPI call to SymExit failed with code 14 "
+                   "(array error 14)");
+    EXPECT_EQ(sH, -1);
+}
+
 }  // namespace
 }  // namespace test

@@ -15,6 +15,9 @@
 namespace test {
 
 constexpr char fake_library_path[] = TF_BINARY_DIR "/lib/fake_symapi.so";
+constexpr char library_without_version[] =
+    TF_BINARY_DIR "/lib/fake_symapi_without_SymApiVersion.so";
+constexpr char library_without_patch[] = TF_BINARY_DIR "/lib/fake_symapi_without_SymApiPatch.so";
 constexpr char installed_library[] = "/usr/symcli/shlib/libsymapi.so";
 constexpr char database_folder[] = "/var/symapi/db";
 constexpr char database[] = "/var/symapi/db/symapi_db.bin";
@@ -31,11 +34,11 @@ class Symapi : public Method {
     }
     ~Symapi() override { emc_tf_closeSymapiLibrary(); }
 
-    // Puts the fake library where the method looks for one and keeps hold of it, so that its data
+    // Puts a fake library where the method looks for one and keeps hold of it, so that its data
     // can be told what to answer before the method loads it.
-    FakeLibrary &install_library() {
+    FakeLibrary &install_library(const char *library = fake_library_path) {
         make_folders(std::filesystem::path(installed_library).parent_path());
-        std::filesystem::copy_file(fake_library_path, installed_library);
+        std::filesystem::copy_file(library, installed_library);
         held_ = dlopen(installed_library, RTLD_LAZY);
         EXPECT_NE(held_, nullptr) << dlerror();
         return *static_cast<FakeLibrary *>(dlsym(held_, "fake_library"));

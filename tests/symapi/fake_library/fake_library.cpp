@@ -1,5 +1,5 @@
-// A release that lacks one function, SymDgShow. The functions that nobody ever loads are there, so
-// that a slot which stays empty was left empty by the loader.
+// A release that lacks one function, SymDgShow, and one more where the build says so. The functions
+// that nobody ever loads are there, so that a slot which stays empty was left empty by the loader.
 #include "tests/symapi/fake_library/fake_library.h"
 
 #include "include/symapi.h"
@@ -21,16 +21,20 @@ int SymDiscover(int32_t, int) {
     ++fake_library.discoveries;
     return 0;
 }
+#ifndef FAKE_WITHOUT_SymApiVersion
 int SymApiVersion(uint32_t *number, const char **text) {
     // Written even when the call fails: what a failed call leaves behind must not be used.
     *number = fake_library.version;
     *text = fake_library.version_text;
     return fake_library.version_result;
 }
+#endif
+#ifndef FAKE_WITHOUT_SymApiPatch
 int SymApiPatch(const char **text) {
     *text = fake_library.patch_text;
     return fake_library.patch_result;
 }
+#endif
 const char *SymPerror(int32_t, int) {
     return "text of the library";
 }
