@@ -75,6 +75,15 @@ TEST_F(Control, a_missing_object_is_reported_behind_the_code) {
     expect_failure(7, "TimeFinder_ctl: Invalid parameter value: cmd=5");
 }
 
+TEST_F(Control, codes_1_to_3_need_an_object_too) {
+    for (const int32_t code : {1, 2, 3}) {
+        errnum = 0;
+        errmsg[0] = logmsg[0] = '\0';
+        EXPECT_EQ(TimeFinder_ctl(nullptr, code), 11) << code;
+        expect_failure(7, "TimeFinder_ctl: A required parameter is NULL: fih");
+    }
+}
+
 TEST_F(Control, code_4_with_an_empty_queue_asks_the_array_nothing) {
     EXPECT_EQ(TimeFinder_ctl(h, 4), 0);
     EXPECT_TRUE(array.calls.empty());
@@ -145,6 +154,22 @@ TEST_F(Control, the_first_failed_wait_ends_it_and_the_queue_is_consumed) {
                    "wait_for_establish: SymAPI call to SymDevSync on device 0101 failed with code "
                    "9 (array error 9)");
     EXPECT_EQ(log_lines().back(), "wait_for_establish failed");
+    EXPECT_EQ(array.calls_of("SymDevSync").size(), 1U);
+    EXPECT_EQ(prim_mir_info_size, 0);
+}
+
+TEST_F(Control, a_mirror_that_is_gone_behind_the_control_call_fails_its_wait) {
+    set_level(0);
+    queue("000000000001", "0001", "0101");
+    queue("000000000002", "0002", "0102");
+    array.on_call = [this](const std::string &line) {
+        if (!line.starts_with("SymDevListBcvControl 000000000001 ")) return;
+        array.device("000000000001", "0001").record.bcv_count = 0;
+    };
+    EXPECT_EQ(TimeFinder_ctl(h, 4), 11);
+    expect_failure(10, "find_bcv_info: Cannot find BCV 0101 for disk 0001 in group DG");
+    EXPECT_EQ(log_lines().back(), "wait_for_establish failed");
+    EXPECT_EQ(array.calls_of("SymDevListBcvControl").size(), 2U);
     EXPECT_EQ(array.calls_of("SymDevSync").size(), 1U);
     EXPECT_EQ(prim_mir_info_size, 0);
 }

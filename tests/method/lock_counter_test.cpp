@@ -68,6 +68,13 @@ TEST_F(LockCounter, a_pipe_in_place_of_either_file_is_not_waited_for) {
     EXPECT_EQ(open_and_close(path), -1);
     EXPECT_TRUE(logged("could not read pid from file: " + path));
     unlink(path.c_str());
+    test::log_lines().clear();
+    // Nothing is ever read from the lock file: a pipe carries the lock as well as a file does.
+    unlink(lock_path);
+    ASSERT_EQ(mkfifo(lock_path, 0600), 0);
+    EXPECT_EQ(open_and_close(path), 0);
+    EXPECT_EQ(whole_log(), obtained);
+    unlink(lock_path);
 }
 
 TEST_F(LockCounter, a_file_size_limit_is_a_failed_write_and_not_the_end) {
