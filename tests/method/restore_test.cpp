@@ -250,6 +250,22 @@ TEST_F(Restore, pair_that_ends_in_another_state_fails_the_call) {
     EXPECT_TRUE(test::exists("/tmp/EMCTXtest"));
 }
 
+TEST_F(Restore, pair_behind_one_that_ends_badly_is_not_waited_for) {
+    array.state_after_action[5] = 5;
+    hdef *h = new_restored("vola", "00A1", "01A1");
+    add_pair(h, array_2, "00A2", "01A2", "/dev/p00A2", 5);
+    test::Lines behind_control;
+    array.on_call = [&](const std::string &line) {
+        if (controls().size() == 2 && !line.starts_with("SymDevListBcvControl ")) {
+            behind_control.push_back(line);
+        }
+    };
+    EXPECT_EQ(TimeFinder_thaw_commit(h), 11);
+    expect_failure(3, "TimeFinder_thaw_commit: device /dev/p00A1 not established");
+    EXPECT_EQ(behind_control,
+              (test::Lines{"SymDevSync 000184500001 01A1 2 0", "SymPdevShow /dev/p00A1"}));
+}
+
 TEST_F(Restore, failed_wait_has_read_no_good_state) {
     hdef *h = new_restored("vola", "00A1", "01A1");
     array.script_call("SymDevSync", 3, 66);

@@ -1,48 +1,13 @@
 #include "method/thaw_commit.h"
 
-#include <unistd.h>
-
-#include <algorithm>
-
-#include "method/lock_file.h"
-#include "tests/method/release_fixture.h"
+#include "tests/method/thaw_commit_fixture.h"
 
 namespace {
 
-constexpr char array_1[] = "000184500001";
-constexpr char array_2[] = "000184500002";
-constexpr char counter_file[] = "/usr/quill/tessera/online_util/db_cntl/__LOCKFILE_SN00000000";
+using test::array_1;
+using test::array_2;
 
-class ThawCommit : public test::Release {
-  protected:
-    ThawCommit() { set_level(0); }
-    ~ThawCommit() override { unlink(counter_file); }
-
-    // A plain device with one pair.
-    hdef *new_split_device(const char *primary, const char *bcv, const char *symid = array_1,
-                           long state = 5) {
-        hdef *h = new_device();
-        const std::string path = std::string("/dev/qz/rdmp/p") + primary + symid[11];
-        add_pair(h, symid, primary, bcv, path.c_str(), state);
-        return h;
-    }
-    // Makes the array lock of a record be held as a freeze leaves it.
-    void take_lock(hdef *h, prim_mir_info *pm) {
-        recorded.install_device_tool("SN00000077");
-        ASSERT_EQ(manage_lock(h, pm, TF_LOCK_SET), 0);
-        pm->lock_set = 1;
-        recorded.forget();
-    }
-    test::Lines controls() const { return array.calls_of("SymDevListBcvControl"); }
-    // Has the state of the only pair of array_1 change with the n-th call of a function.
-    void set_state_at(const std::string &function, int n, const char *primary, long state) {
-        array.on_call = [=, this, seen = 0](const std::string &line) mutable {
-            if (line.starts_with(function + " ") && ++seen == n) {
-                array.set_state(array_1, primary, state);
-            }
-        };
-    }
-};
+class ThawCommit : public test::ThawCommitTest {};
 
 TEST_F(ThawCommit, null_handle_is_reported_and_does_not_count) {
     EXPECT_EQ(TimeFinder_thaw_commit(nullptr), 11);
@@ -81,64 +46,6 @@ TEST_F(ThawCommit, third_of_three_objects_establishes_every_pair) {
     EXPECT_STREQ(objects[2]->transfer_file, "");
     EXPECT_EQ(sH, 7);
     expect_no_failure();
-}
-
-TEST_F(ThawCommit, session_is_opened_anew_and_each_pair_is_waited_for_and_read) {
-    set_level(2);
-    hdef *h = new_split_device("00A1", "01A1");
-    sH = 3;
-    EXPECT_EQ(TimeFinder_thaw_commit(h), 0);
-    EXPECT_EQ(array.calls,
-              (test::Lines{"SymExit 3 0", "SymApiVersion",
-                           "SymInitV /var/symapi/db/symapi_db.bin mode 3 options 106 api 0x5000000",
-                           "SymDevSync 000184500001 01A1 2 0", "SymPdevShow /dev/qz/rdmp/p00A11",
-                           "SymDevSync 000184500001 01A1 2 0", "SymPdevShow /dev/qz/rdmp/p00A11",
-                           "SymDevListBcvControl 000184500001 1 [00A1] [01A1] action 3 option "
-                           "0x400000 0"}));
-    EXPECT_TRUE(whole_log().starts_with("Waiting for SymExit...\nWaiting for SymInit...\n"));
-    EXPECT_EQ(sH, 7);
-}
-
-TEST_F(ThawCommit, session_lines_are_traces) {
-    set_level(1);
-    EXPECT_EQ(TimeFinder_thaw_commit(new_device()), 0);
-    EXPECT_EQ(whole_log(), "");
-}
-
-TEST_F(ThawCommit, process_without_a_session_ends_none) {
-    sH = -1;
-    EXPECT_EQ(TimeFinder_thaw_commit(new_device()), 0);
-    EXPECT_EQ(array.calls_of("SymExit"), test::Lines{});
-    EXPECT_EQ(array.calls_of("SymInitV").size(), 1U);
-}
-
-TEST_F(ThawCommit, session_that_does_not_end_keeps_every_object_from_being_processed) {
-    hdef *h = new_split_device("00A1", "01A1");
-    h->pminfo_list->lock_set = 1;
-    give_transfer_file(h, "/tmp/EMCTXtest");
-    array.script("SymExit", {33});
-    EXPECT_EQ(TimeFinder_thaw_commit(h), 11);
-    expect_failure(3,
-                   "TimeFinder_thaw_commit: SymAPI call to SymExit failed with code 33 "
-                   "(array error 33)");
-    EXPECT_EQ(array.calls_of("SymInitV").size(), 1U);
-    EXPECT_EQ(array.calls_of("SymDevSync"), test::Lines{});
-    EXPECT_EQ(controls(), test::Lines{});
-    EXPECT_EQ(h->pminfo_list->lock_set, 1);
-    EXPECT_TRUE(test::exists("/tmp/EMCTXtest"));
-    EXPECT_EQ(sH, 7);
-}
-
-TEST_F(ThawCommit, session_that_does_not_open_fails_the_call) {
-    hdef *h = new_split_device("00A1", "01A1");
-    array.script("SymInitV", {44, 44});
-    EXPECT_EQ(TimeFinder_thaw_commit(h), 11);
-    expect_failure(3,
-                   "TimeFinder_thaw_commit: SymAPI call to SymInit failed with code 11 "
-                   "(array error 11)");
-    EXPECT_EQ(array.calls_of("SymDevSync"), test::Lines{});
-    EXPECT_EQ(sH, -1);
-    EXPECT_TRUE(has_no_capture_files(h));  // they go first, whatever comes of the call
 }
 
 TEST_F(ThawCommit, releases_before_5_get_no_option) {
@@ -383,6 +290,23 @@ TEST_F(ThawCommit, lock_that_cannot_be_released_is_only_logged) {
               "could not open file: /no/such/folder/file\n"
               "could not unlock device /dev/qz/rdmp/p00A11\n");
     EXPECT_EQ(h->pminfo_list->lock_set, 0);
+    expect_no_failure();
+}
+
+TEST_F(ThawCommit, record_behind_one_whose_lock_cannot_be_released_is_released) {
+    hdef *h = new_split_device("00A1", "01A1");
+    prim_mir_info *second = add_pair(h, array_1, "00A2", "01A2", "/dev/qz/rdmp/p00A21", 5);
+    take_lock(h, second);
+    h->pminfo_list->lock_set = 1;
+    tf::put(h->pminfo_list->lock_file, "/no/such/folder/file");
+    ASSERT_TRUE(test::exists(counter_file));
+    EXPECT_EQ(TimeFinder_thaw_commit(h), 0);
+    EXPECT_EQ(times_logged("could not unlock device /dev/qz/rdmp/p00A11"), 1);
+    EXPECT_FALSE(logged("could not unlock device /dev/qz/rdmp/p00A21"));
+    EXPECT_EQ(h->pminfo_list->lock_set, 0);
+    EXPECT_EQ(second->lock_set, 0);
+    EXPECT_FALSE(test::exists(counter_file));
+    EXPECT_TRUE(logged("Total BCVs to resync : 2"));
     expect_no_failure();
 }
 

@@ -127,6 +127,20 @@ TEST_F(Thaw, rebuilt_copy_whose_mount_point_lies_on_another_mount_stays) {
     EXPECT_FALSE(test::exists("/tmp/EMCTXtest"));
 }
 
+// The names are compared to the character: a copy that stays mounted does less harm than somebody
+// else's mount that is taken down.
+TEST_F(Thaw, rebuilt_copy_whose_mount_point_is_told_in_another_form_stays) {
+    test::write_mount_table("/dev/another /dev tmpfs rw 0 0\n");
+    for (const char *form : {"/dev/", "//dev", "/dev/."}) {
+        hdef *h = new_mounted(form);
+        h->is_rebuilt = 1;
+        EXPECT_EQ(TimeFinder_thaw(h), 0) << form;
+        EXPECT_TRUE(has_no_capture_files(h)) << form;
+    }
+    EXPECT_EQ(test::fake_host().calls, test::Lines{});
+    expect_no_failure();
+}
+
 TEST_F(Thaw, rebuilt_copy_that_the_mount_table_does_not_know_stays_and_the_thaw_succeeds) {
     test::write_mount_table("server:/x /srv nfs rw 0 0\n");
     hdef *h = new_mounted("/dev");
@@ -198,6 +212,36 @@ TEST_F(Thaw, group_that_is_not_imported_here_is_no_failure) {
     EXPECT_EQ(TimeFinder_thaw(h), 0);
     EXPECT_EQ(commands(), test::Lines{"/usr/sbin/qzdg list datadg_clone"});
     EXPECT_FALSE(test::exists("/tmp/EMCTXtest"));
+}
+
+// The thaws of a group are counted, so the group that stayed imported is not asked for again.
+TEST_F(Thaw, group_whose_listing_cannot_run_stays_and_no_later_thaw_deports_it) {
+    hdef *h = new_imported_volume();
+    {
+        const test::SystemFault fault("system", 1, EAGAIN);
+        EXPECT_EQ(TimeFinder_thaw(h), 0);
+    }
+    EXPECT_TRUE(
+        std::string(errmsg).starts_with("do_cmd: Command failed with status=255: "
+                                        "/usr/sbin/qzdg list datadg_clone "));
+    EXPECT_EQ(TimeFinder_thaw(h), 0);
+    EXPECT_EQ(commands(), test::Lines{});
+    EXPECT_STREQ(h->clone_group, "datadg_clone");
+    EXPECT_EQ(DG_LIST->thaw_count, 2);
+}
+
+// The group of all plain devices counts no object: no thaw is the last one of it.
+TEST_F(Thaw, plain_device_runs_nothing_whatever_it_says_of_an_import) {
+    hdef *h = new_device();
+    h->dgimport = 1;
+    tf::put(h->clone_group, "datadg_clone");
+    give_transfer_file(h, "/tmp/EMCTXtest");
+    EXPECT_EQ(TimeFinder_thaw(h), 0);
+    EXPECT_EQ(commands(), test::Lines{});
+    EXPECT_EQ(DG_LIST->vol_count, 0);
+    EXPECT_EQ(DG_LIST->thaw_count, 1);
+    EXPECT_FALSE(test::exists("/tmp/EMCTXtest"));
+    expect_no_failure();
 }
 
 TEST_F(Thaw, failed_deport_is_reported_and_keeps_the_transfer_file) {
