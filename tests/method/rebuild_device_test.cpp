@@ -143,6 +143,30 @@ TEST_F(RebuildDevice, target_line_counts_only_for_the_records_behind_it) {
               (test::Lines{"/usr/sbin/qzdisk list c1t0d1", "/usr/sbin/qzdisk online c1t0d1"}));
 }
 
+TEST_F(RebuildDevice, import_line_counts_only_for_the_records_behind_it) {
+    const std::string first = known_pair();
+    const std::string second = known_pair("00A2", "01A2", "/dev/rdsk/c1t0d1");
+    const std::string third = known_pair("00A3", "01A3", "/dev/rdsk/c1t0d2");
+    tf::put(array.device(symid, "00A1").record.pdevname, "/dev/rdsk/c0t0d0");
+    const std::string text = "HDEF-is_tgt=1\n" + first + "HDEF-dgimport=1\n" + second + third;
+    EXPECT_EQ(rebuild(text), 0);
+    expect_no_failure();
+    EXPECT_EQ(array.calls,
+              (test::Lines{"SymDevShow 000184500123 01A1", "SymDevShow 000184500123 00A2",
+                           "SymDevShow 000184500123 01A2", "SymDevShow 000184500123 00A3",
+                           "SymDevShow 000184500123 01A3"}));
+    const test::Lines announced = {"/usr/sbin/qzdisk list c1t0d1", "/usr/sbin/qzdisk online c1t0d1",
+                                   "/usr/sbin/qzdisk list c1t0d2",
+                                   "/usr/sbin/qzdisk online c1t0d2"};
+    EXPECT_EQ(commands(), announced);
+    tf::put(array.device(symid, "00A2").record.pdevname, "/dev/rdsk/c0t0d1");
+    EXPECT_EQ(rebuild(text), 11);
+    expect_failure(7,
+                   "TimeFinder_rebuild: Primary disk /dev/qz/rdmp/p00A2 <00A2> is visible on "
+                   "alternate backup client. disk group import method can not be used.");
+    EXPECT_EQ(commands(), announced);
+}
+
 TEST_F(RebuildDevice, disk_that_the_volume_manager_knows_is_only_put_online) {
     ASSERT_EQ(rebuild(imported_target() + known_pair()), 0);
     EXPECT_EQ(commands(),

@@ -3,8 +3,10 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <filesystem>
 #include <set>
 
+#include "symapi/symapi_loader.h"
 #include "tests/method/rebuild_fixture.h"
 
 namespace {
@@ -71,6 +73,24 @@ TEST_F(Rebuild, array_that_does_not_come_up_is_not_tried_again) {
     EXPECT_EQ(resolve_symapi, 1);
     EXPECT_EQ(total_freeze_volumes, 0);
     EXPECT_EQ(rebuild("HDEF-keep_fi=1\n"), 0);
+}
+
+// A process without a library goes on without one: every call to the array fails.
+TEST_F(Rebuild, without_a_library_the_second_call_loads_none_and_fails_at_its_first_mirror) {
+    std::filesystem::remove_all("/usr/symcli");
+    emc_tf_closeSymapiLibrary();
+    emc_tf_DSO_open = resolve_symapi = 0;
+    EXPECT_EQ(rebuild(pair_lines("00A1", "01A1")), 11);
+    expect_failure(3, "init_tflib: Could not initialize with SymAPI");
+    EXPECT_EQ(h, nullptr);
+    test::log_lines().clear();
+    EXPECT_EQ(rebuild(pair_lines("00A1", "01A1")), 11);
+    expect_failure(3,
+                   "TimeFinder_rebuild: SymAPI call to SymDevShow on device 01A1 failed with code "
+                   "14 (unknown)");
+    EXPECT_EQ(test::log_lines().size(), 1U);
+    EXPECT_EQ(h->pminfo_list, nullptr);
+    EXPECT_FALSE(is_listed(h));
 }
 
 TEST_F(Rebuild, null_arguments_are_named) {
@@ -217,32 +237,6 @@ TEST_F(Rebuild, clone_line_that_only_begins_like_a_known_one_goes_into_the_file)
     EXPECT_EQ(h->pminfo_list, nullptr);
     EXPECT_EQ(test::read_file("/tmp/stale"), "kept");
     unlink("/tmp/stale");
-}
-
-TEST_F(Rebuild, line_that_is_no_pair_is_reported_and_a_later_good_line_makes_up_for_it) {
-    EXPECT_EQ(rebuild("no pair\nHDEF-keep_fi=1\n"), 0);
-    expect_failure(1,
-                   "TimeFinder_rebuild: convert_internal: input string not name=value pair: "
-                   "no pair");
-    EXPECT_TRUE(is_listed(h));
-}
-
-TEST_F(Rebuild, bad_last_line_fails_the_rebuild_and_keeps_the_record_out_of_the_list) {
-    EXPECT_EQ(rebuild("HDEF-keep_fi=1\n\n"), 11);
-    expect_failure(1, "TimeFinder_rebuild: convert_internal: input string not name=value pair: ");
-    EXPECT_EQ(h->keep_fi, 1);
-    EXPECT_FALSE(is_listed(h));
-    EXPECT_EQ(total_freeze_volumes, 1);
-}
-
-// Only converted lines decide.
-TEST_F(Rebuild, markers_and_framework_lines_do_not_make_up_for_a_bad_line) {
-    EXPECT_EQ(rebuild(known_pair() + "bad\nHDEF-is_tgt=1\nHDEF-restore=0\nPRIM_MIR_INFO=START\n"
-                                     "PRIM_MIR_INFO=END\nHDEF-CLONE_INFO_FILE=START\n"
-                                     "a line\nHDEF-CLONE_INFO_FILE=END\n"),
-              11);
-    EXPECT_FALSE(is_listed(h));
-    EXPECT_EQ(test::read_file(h->transfer_file), "a line\n");
 }
 
 TEST_F(Rebuild, framework_lines_are_decimal) {
@@ -396,34 +390,6 @@ TEST_F(Rebuild, clone_line_that_the_disk_does_not_take_names_line_2315) {
     signal(SIGXFSZ, before);
     EXPECT_EQ(status, 11);
     expect_failure(1, "TimeFinder_rebuild: Memory allocation failure at line 2315");
-}
-
-// Restore.
-
-TEST_F(Rebuild, restore_without_import_is_refused) {
-    EXPECT_EQ(rebuild("HDEF-restore=1\nHDEF-dgimport=0\n"), 11);
-    expect_failure(7,
-                   "TimeFinder_rebuild: only snapshot created with disk group import enabled can "
-                   "be restored");
-    EXPECT_FALSE(is_listed(h));
-    EXPECT_EQ(total_freeze_volumes, 0);
-    EXPECT_TRUE(test::exists(h->transfer_file));
-}
-
-TEST_F(Rebuild, restore_line_is_looked_at_behind_the_last_line) {
-    EXPECT_EQ(rebuild("HDEF-restore=1\nHDEF-dgimport=1\n"), 0);
-    EXPECT_EQ(h->restore, 1);
-    EXPECT_EQ(rebuild("HDEF-dgimport=1\nHDEF-restore=1\nHDEF-dgimport=0\nHDEF-restore=0\n"), 0);
-}
-
-// The order of the checks behind the text: locks come first.
-TEST_F(Rebuild, refused_restore_has_taken_its_locks) {
-    recorded.install_device_tool("SN00000077");
-    array.add_bcv(symid, "01A1", "/dev/rdsk/c1t0d0");
-    EXPECT_EQ(rebuild("HDEF-restore=1\n" + pair_lines("00A1", "01A1", 1)), 11);
-    EXPECT_EQ(errnum, 7);
-    EXPECT_TRUE(test::exists("/usr/quill/tessera/online_util/db_cntl/__LOCKFILE_SN00000000"));
-    unlink("/usr/quill/tessera/online_util/db_cntl/__LOCKFILE_SN00000000");
 }
 
 TEST_F(Rebuild, allocations_for_2046_pairs_grow_with_their_number) {
