@@ -319,6 +319,36 @@ TEST_F(Checkpoint, failed_clone_is_passed_on_and_not_tried_again) {
     EXPECT_EQ(commands().size(), 1U);
 }
 
+// The group counts as cloned all the same, so the call that is repeated does without.
+TEST_F(Checkpoint, clone_line_that_is_too_long_fails_once_and_then_leaves_the_block_out) {
+    hdef *h = new_volume("vola");
+    tf::put(h->transfer_file, "/tmp/EMCTXtest");
+    std::string devices;
+    for (int i = 0; i < 40; ++i) {
+        const std::string name = hex_name(i);
+        const std::string device = "/dev/" + name + std::string(400, 'x');
+        add_record(h, "000184500123", name.c_str(), name.c_str(), device.c_str());
+        devices += (i == 0 ? "" : ":") + device + ",/dev/rdsk/" + name;
+    }
+    const size_t length = std::string(
+                              "/usr/quill/tessera/bin/tqdgclone -g datadg -n vola -d  "
+                              "-i /tmp/EMCTXtest -p DEFAULT")
+                              .size() +
+                          devices.size();
+    ASSERT_GE(length, 16384U);
+    char *untouched = text.data();
+    EXPECT_EQ(TimeFinder_ckpt(h, &untouched), 11);
+    expect_failure(13, "do_cmd: Q_vsnprintf() failed: " + std::to_string(length));
+    EXPECT_EQ(untouched, text.data());
+    EXPECT_EQ(DG_LIST->cloned, 1);
+    EXPECT_TRUE(has_capture_files(h));
+    EXPECT_EQ(checkpoint(h), 0);
+    EXPECT_TRUE(text.starts_with(volume_lines("vola") + "PRIM_MIR_INFO=START\n"));
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 16 + 1 + 40 * 10 + 1);
+    EXPECT_TRUE(has_no_capture_files(h));
+    EXPECT_EQ(commands(), test::Lines{});
+}
+
 TEST_F(Checkpoint, transfer_file_that_exists_already_is_not_written_into) {
     hdef *h = new_cloned_volume("vola", "/tmp/EMCTXtest");
     test::write_file("/tmp/EMCTXtest", "somebody else's");
