@@ -96,7 +96,8 @@ class Case:
         return f"{self.program} {self.name}"
 
     def run(self, variables, limit, output=subprocess.DEVNULL, build="mutated"):
-        """True when it passes; a hang and a crash do not, in the build "leaking" a leak neither."""
+        """True when it passes, False when not (a crash, in the build "leaking" a leak too), None
+        when it hangs."""
         child = subprocess.Popen(
             [BUILD / "bin" / f"{build}_{self.program}", f"--gtest_filter={self.name}"],
             env={**os.environ, **variables}, cwd=TOP, stdin=subprocess.DEVNULL, stdout=output,
@@ -104,7 +105,7 @@ class Case:
         try:
             return child.wait(limit) == 0
         except subprocess.TimeoutExpired:
-            return False
+            return None
         finally:
             # Its process number is its group's as long as it was not waited for.
             try:
@@ -115,7 +116,12 @@ class Case:
             self.bury()
 
     def notices(self, m):
-        return not self.run({"MUTATION_CHOSEN": str(m["number"])}, 2 * self.seconds + PATIENCE)
+        chosen = {"MUTATION_CHOSEN": str(m["number"])}
+        passed = self.run(chosen, 2 * self.seconds + PATIENCE)
+        if passed is None:
+            # A machine that was busy elsewhere is no mutant that hangs.
+            passed = self.run(chosen, 4 * self.seconds + 2 * PATIENCE)
+        return not passed
 
     def notices_leak(self, m):
         """What it says under the sanitizers, which every landing asks."""
@@ -155,21 +161,25 @@ def list_cases():
 def record(cases, state, places):
     """One run of every case without a mutant: how long it takes and what it sees."""
     path = state / "record"
-    kept = []
+    kept, red = [], 0
     for case in cases:
         path.unlink(missing_ok=True)
-        began = time.monotonic()
-        passed = case.run({"MUTATION_RECORD": str(path)}, 60)
-        case.seconds = time.monotonic() - began
+        for _ in range(2):  # once more for what a busy machine has upset
+            began = time.monotonic()
+            passed = case.run({"MUTATION_RECORD": str(path)}, 60)
+            case.seconds = time.monotonic() - began
+            if passed:
+                break
         if not passed:
-            print(f"left out, red without a mutant: {case}", flush=True)
+            print(f"FAILED {case}, without a mutant", flush=True)
+            red += 1
             continue
         case.seen = path.read_bytes()
         if len(case.seen) < places:
             sys.exit(f"{case}: its record is too short")
         kept.append(case)
     path.unlink(missing_ok=True)
-    return sorted(kept, key=lambda c: c.seconds)
+    return sorted(kept, key=lambda c: c.seconds), red
 
 
 # -- mutants
@@ -309,7 +319,7 @@ def main():
     places_of(mutants)
     reviewed = read_survivors(HERE / "survivors")
     began = time.monotonic()
-    cases = record(list_cases(), state, table["places"])
+    cases, red_cases = record(list_cases(), state, table["places"])
     reached = [0] * table["places"]
     for case in cases:
         for place, bits in enumerate(case.seen[:table["places"]]):
@@ -382,8 +392,11 @@ def main():
         note += f", seed {options.seed}"
     elif known:
         note += f", {known} of them earlier"
-    good = score >= TARGET if options.full else not red
-    finish(killed + known_survivors, len(chosen), len(mutants), len(red), note, 0 if good else 1)
+    if red_cases:
+        note += f", {red_cases} cases are red without a mutant"
+    # A sample of a few is no score: what counts in it is that every survivor was looked at.
+    good = not red and not red_cases and (score >= TARGET or not options.full)
+    finish(killed, len(chosen), len(mutants), len(red), note, 0 if good else 1)
 
 
 main()
