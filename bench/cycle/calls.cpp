@@ -15,6 +15,8 @@
 #include <cstring>
 #include <vector>
 
+#include "bench/cycle/commands.h"
+
 namespace {
 
 constexpr size_t log_size = size_t{1} << 28;
@@ -72,7 +74,6 @@ int __real_fstat(int fd, struct stat *status);
 int __real_access(const char *path, int mode);
 int __real_mkdir(const char *path, mode_t mode);
 int __real_chown(const char *path, uid_t user, gid_t group);
-int __real_system(const char *line);
 FILE *__real_popen(const char *line, const char *mode);
 pid_t __real_getpid();
 uid_t __real_geteuid();
@@ -167,7 +168,7 @@ int __wrap_chown(const char *path, uid_t user, gid_t group) {
 int __wrap_system(const char *line);
 int __wrap_system(const char *line) {
     put_down(Kind::system, 0, line);
-    return __real_system(line);
+    return bench::run_command(line);
 }
 FILE *__wrap_popen(const char *line, const char *mode);
 FILE *__wrap_popen(const char *line, const char *mode) {
@@ -315,7 +316,7 @@ void repeat(const Call &call, const char *first, const char *second, Replay &rep
         __real_access(first, static_cast<int>(n[0]));
         return;
     case Kind::system:
-        if (__real_system(first) != 0) abort();
+        if (run_command(first) != 0) abort();
         return;
     case Kind::getpid:
         __real_getpid();

@@ -21,8 +21,11 @@
 
 #include "bench/cycle/calls.h"
 #include "bench/cycle/calls_per_pair.h"
+#include "bench/cycle/commands.h"
+#include "bench/cycle/growth.h"
 #include "bench/cycle/pairs.h"
 #include "bench/cycle/phases.h"
+#include "bench/kit/callgrind.h"
 #include "bench/kit/comparison.h"
 #include "bench/kit/heap.h"
 #include "bench/kit/statistics.h"
@@ -46,11 +49,16 @@ constexpr long split = 5;
 int32_t number;
 char errmsg[TF_MESSAGE_SIZE], logmsg[TF_MESSAGE_SIZE];
 
+// The pairs of the cycle whose instructions are counted; 0: none are.
+int counted_pairs;
+
 // One call of the framework.
 template <class Call>
 void step(const char *phase, Call call) {
     bench::enter_phase(phase);
+    if (counted_pairs != 0) bench::count_from_here();
     const int32_t status = call();
+    if (counted_pairs != 0) bench::count_to_here(bench::mark_of(phase, counted_pairs));
     if (status == 0) return;
     fprintf(stderr, "%s: %d, %s\n", phase, status, errmsg);
     _exit(1);
@@ -147,7 +155,7 @@ void make_world() {
     test::make_folders("/usr/quill/tessera/online_util/fi_cntl");
     test::make_folders("/usr/quill/tessera/online_util/db_cntl");
     test::write_mount_table(std::string(volume) + " / ext4 rw 0 0\n");
-    for (const char *tool : {"/usr/quill/tessera/bin/tqtpcinfo", "/usr/quill/tessera/bin/tqdgclone",
+    for (const char *tool : {bench::device_tool, "/usr/quill/tessera/bin/tqdgclone",
                              "/usr/sbin/qzdg", "/usr/sbin/qzdisk", "/usr/sbin/qzvol"}) {
         test::write_file(tool, "");
         std::filesystem::copy_file(TF_BINARY_DIR "/bin/bench_cycle_tool", tool,
@@ -228,27 +236,62 @@ Measured measure(int pairs, int repetitions) {
     return measured;
 }
 
+// Numbers of calls and bytes per pair are taken at the first two.
+constexpr bench::Sizes counted_sizes = {64, 256, 2046};
+
+// A cycle and its floor, each once.
+void count_below_callgrind() {
+    bench::choose_answers(bench::Answers::in_process);
+    for (const int pairs : {counted_sizes.few, counted_sizes.more, counted_sizes.most}) {
+        make_devices(pairs);
+        bench::empty_call_log();
+        bench::record_calls(bench::Recording::on);
+        run_method();
+        bench::record_calls(bench::Recording::off);
+        counted_pairs = pairs;
+        run_method();
+        run([] {
+            bench::count_from_here();
+            bench::replay_calls();
+            bench::count_to_here(bench::mark_of(bench::whole_floor, counted_pairs));
+        });
+        counted_pairs = 0;
+    }
+}
+
+bool print_instructions() {
+    const auto instructions = bench::count_instructions(
+        std::filesystem::read_symlink("/proc/self/exe"), "--below-callgrind");
+    return bench::print_growth(row, instructions, counted_sizes);
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
-    bool count = false;
+    bool count = false, below_callgrind = false;
     int repetitions = 5;
     std::vector<int> sizes = {1, 16, 64, 256, 1024, 2046};
     CLI::App app("the method's own cost per pair");
-    app.add_flag("--count", count, "numbers of calls only");
+    app.add_flag("--count", count, "numbers of calls, bytes and instructions only");
+    app.add_flag("--below-callgrind", below_callgrind, "for --count itself")->group("");
     app.add_option("--repetitions", repetitions)->check(CLI::Range(1, 1000));
     app.add_option("--sizes", sizes, "numbers of pairs");
     CLI11_PARSE(app, argc, argv);
-    make_world();
+    // Below callgrind it is the world of the process that counts.
+    if (!below_callgrind) make_world();
     bench::make_call_log();
     heap_peak = static_cast<size_t *>(mmap(nullptr, sizeof *heap_peak, PROT_READ | PROT_WRITE,
                                            MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     bench::bind_array();
     TimeFinder_init(&number, logmsg, errmsg);
     resolve_symapi = 1;
+    if (below_callgrind) {
+        count_below_callgrind();
+        return 0;
+    }
     if (count) {
         repetitions = 1;
-        sizes = {64, 256};  // numbers and bytes are the same for more
+        sizes = {counted_sizes.few, counted_sizes.more};
     }
     bool held = true;
     std::map<int, Measured> all;
@@ -282,5 +325,6 @@ int main(int argc, char **argv) {
     if (few != many) {
         held = bench::print_calls_per_pair(row, all[few].calls, few, all[many].calls, many) && held;
     }
+    if (count) held = print_instructions() && held;
     return held ? 0 : 1;
 }

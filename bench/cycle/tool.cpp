@@ -5,6 +5,8 @@
 
 #include <cstring>
 
+#include "bench/cycle/pairs.h"
+
 namespace {
 
 int copy_devices(const char *path) {
@@ -24,6 +26,6 @@ int main(int argc, char **argv) {
     for (int i = 1; i + 1 < argc; ++i) {
         if (strcmp(argv[i], "-f") == 0 && argv[i + 1][0] == '/') return copy_devices(argv[i + 1]);
     }
-    static const char answer[] = "EMC SYMMETRIX p=/dev/x s=0001845001230001\n";
-    return write(STDOUT_FILENO, answer, sizeof answer - 1) > 0 ? 0 : 1;
+    const char *const answer = bench::device_answer;
+    return write(STDOUT_FILENO, answer, sizeof bench::device_answer - 1) > 0 ? 0 : 1;
 }

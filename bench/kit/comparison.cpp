@@ -1,17 +1,16 @@
 #include "bench/kit/comparison.h"
 
 #include <benchmark/benchmark.h>
-#include <valgrind/callgrind.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
+#include "bench/kit/callgrind.h"
 #include "bench/kit/statistics.h"
 
 namespace bench {
@@ -164,42 +163,17 @@ int Comparisons::run_below_callgrind() {
         for (size_t k = 0; k <= all_[i].others.size(); ++k) {
             const Work &work = k == 0 ? all_[i].subject.work : all_[i].others[k - 1].work;
             work();
-            CALLGRIND_START_INSTRUMENTATION;
-            CALLGRIND_ZERO_STATS;
+            count_from_here();
             work();
-            CALLGRIND_DUMP_STATS_AT(name_of(i, k).c_str());
-            CALLGRIND_STOP_INSTRUMENTATION;
+            count_to_here(name_of(i, k));
         }
     }
     return 0;
 }
 
 int Comparisons::run_counted() {
-    char folder[] = "/tmp/bench.XXXXXX";
-    if (mkdtemp(folder) == nullptr) throw std::runtime_error("cannot make a folder in /tmp");
-    const std::filesystem::path path(folder);
-    const std::string line =
-        "valgrind --quiet --tool=callgrind --instr-atstart=no "
-        "--callgrind-out-file=" +
-        (path / "out").string() + " '" + program_ + "' --below-callgrind --only '" + only_ +
-        "' >&2";
-    const int status = system(line.c_str());
-    std::map<std::string, double> instructions;
-    for (const auto &file : std::filesystem::directory_iterator(path)) {
-        std::ifstream in(file.path());
-        std::string mark;
-        for (std::string text; std::getline(in, text);) {
-            const std::string trigger = "desc: Trigger: Client Request: ";
-            if (text.starts_with(trigger)) mark = text.substr(trigger.size());
-            if (text.starts_with("summary: ") && !mark.empty()) {
-                instructions[mark] = std::stod(text.substr(9));
-            } else if (text.starts_with("totals: ") && !mark.empty()) {
-                instructions.emplace(mark, std::stod(text.substr(8)));
-            }
-        }
-    }
-    std::filesystem::remove_all(path);
-    if (status != 0) throw std::runtime_error("failed: " + line);
+    const auto instructions =
+        count_instructions(program_, "--below-callgrind --only '" + only_ + "'");
     bool held = true;
     for (size_t i = 0; i < all_.size(); ++i) {
         std::vector<Costs> costs;
