@@ -10,7 +10,9 @@
 #include <stdexcept>
 
 #include "proof/commands/checks.h"
+#include "proof/kit/agent.h"
 #include "proof/kit/faulted_run.h"
+#include "proof/kit/processes.h"
 
 namespace proof {
 namespace {
@@ -135,6 +137,8 @@ void CommandBench::start() {
     if (world_ != nullptr) return;
     world_ = std::make_unique<test::LabWorld>(scenario_.world, scenario_.hosts);
     world_->start();
+    install_agent(*world_);
+    install_process_list(*world_);
     fs::copy_file(TF_BINARY_DIR "/bin/proof_stand_in", world_->exchange() / "stand_in");
     for (const std::string &host : scenario_.hosts) install_tools(host);
     world_->on(scenario_.hosts.front());
@@ -157,9 +161,9 @@ std::string CommandBench::picture() {
     for (const std::string &host : scenario_.hosts) {
         world_->on(host);
         // A restored file system comes back in another order.
-        text += "host " + host + "\n" +
-                sorted(world_->picture() +
-                       world_->host("ps -e -o comm= | grep -vE '^(ps|sh|grep|tflab)' || true"));
+        text +=
+            "host " + host + "\n" +
+            sorted(world_->picture() + world_->host(std::string(list_processes) + " 500 || true"));
     }
     world_->on(scenario_.hosts.front());
     for (const std::string &line : scenario_.content) text += world_->host(line);
@@ -272,7 +276,8 @@ Phase CommandBench::faulted(size_t number, const Command &command, const Fault &
         line += "mv " + path + " " + path + ".hidden";
     if (command.number == 1 && fault.kind == "denied") line += "chmod 644 " + path;
     world_->host(line);
-    Phase phase = world_->try_phase(one.steps, limit);
+    forget_agent_lines(*world_);
+    Phase phase = world_->try_phase(one.steps, limit, 2, agent_environment(only_records));
     // A call that finds no tool writes no line.
     const bool hides = fault.kind == "missing" || fault.kind == "denied";
     reached_ = static_cast<size_t>(atoi(world_->host("wc -l </usr/lib/tfproof/calls").c_str())) +
@@ -359,6 +364,9 @@ Result CommandBench::run(size_t number, const Command &command, const Fault &fau
     }
     const Phase phase = faulted(number, command, fault);
     result.wrong = wrong_with(phase, command, fault, all_.shell_is_replaced);
+    for (const std::string &what : wrong_at_the_end(agent_lines(*world_), phase.status)) {
+        result.wrong.push_back(what);
+    }
     if (!reached_) result.wrong.push_back("the call was not reached");
     result.line = told(phase) + " | " + left();
     result.line += " | " + finish(number, phase, &result);

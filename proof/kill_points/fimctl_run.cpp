@@ -2,6 +2,8 @@
 
 #include <cstdio>
 
+#include "proof/kit/processes.h"
+
 namespace proof {
 namespace {
 
@@ -77,7 +79,7 @@ Wrong FimctlRun::kill(const Kill &kill, bool verbose) {
         if (verbose) printf("%s\n%s", said.c_str(), world_->host("fimctl orphans").c_str());
         // A guardian that was killed has left its file system frozen, and cleanup is what thaws it.
         int status = 0;
-        const std::string running = world_->host("exec /exchange/quiet", &status);
+        const std::string running = world_->host("exec " + std::string(list_processes), &status);
         if (status != 0) wrong.push_back("after the kill: " + running);
         recover(wrong);
         check_after_kill(*world_, hosts, wrong);

@@ -6,29 +6,12 @@
 #include <sstream>
 
 #include "proof/kill_points/ground.h"
+#include "proof/kit/processes.h"
 
 namespace proof {
 namespace {
 
 namespace fs = std::filesystem;
-
-// What the kernel, the world and the volume manager keep running in a host.
-constexpr char quiet[] = R"sh(#!/bin/bash
-# Waits until nothing runs here that a killed process has left.
-for i in $(seq 2000); do
-    left=
-    for one in /proc/[0-9]*; do
-        pid=${one#/proc/}
-        [ "$pid" != 1 ] && [ "$pid" != $$ ] && [ "$pid" != $PPID ] || continue
-        { read -r name <"$one/comm" && read -r -d '' line <"$one/cmdline"; } 2>/dev/null || continue
-        [ "$name" = qzvm-holder ] || left="$left $pid($name)"
-    done
-    [ -n "$left" ] || exit 0
-    sleep 0.01
-done
-echo "still running:$left"
-exit 1
-)sh";
 
 // Whoever freezes a second time is told so.
 constexpr char thawed[] = R"sh(
@@ -63,8 +46,7 @@ std::string quoted(const std::string &word) {
 void install_tools(test::LabWorld &world) {
     fs::copy_file(TF_BINARY_DIR "/bin/tfkill", world.exchange() / "tfkill",
                   fs::copy_options::overwrite_existing);
-    std::ofstream(world.exchange() / "quiet") << quiet;
-    fs::permissions(world.exchange() / "quiet", fs::perms::owner_all);
+    install_process_list(world);
 }
 
 // Waits take no time; what hangs for good is killed in the end, and was not met.
@@ -112,7 +94,7 @@ void check_after_kill(test::LabWorld &world, const Words &hosts, Wrong &wrong) {
         if (status != 0) wrong.push_back("after the kill, on " + host + ": " + said);
     };
     for (const std::string &host : hosts) {
-        expect(host, "exec /exchange/quiet");
+        expect(host, "exec " + std::string(list_processes));
         expect(host, thawed);
     }
     expect(hosts.front(), "tfarray check");

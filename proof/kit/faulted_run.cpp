@@ -3,12 +3,12 @@
 #include <algorithm>
 #include <chrono>
 #include <csignal>
-#include <fstream>
-#include <iterator>
 #include <set>
 #include <sstream>
 #include <stdexcept>
 
+#include "proof/kit/agent.h"
+#include "proof/kit/processes.h"
 #include "proof/kit/scenario_parts.h"
 
 namespace proof {
@@ -18,8 +18,6 @@ namespace fs = std::filesystem;
 using test::Call;
 using test::Phase;
 
-constexpr char agent_in_host[] = "/exchange/libtfagent.so";
-constexpr char report_in_host[] = "/exchange/agent";
 constexpr double record_limit = 60;
 constexpr char lock_files[] = "/usr/quill/tessera/online_util/db_cntl";
 // The states of the pairs in the array's order, on one line.
@@ -31,13 +29,6 @@ const SiteNames &site_names() {
     static const SiteNames names(TF_BINARY_DIR "/lib/libtimefinder_fim.so",
                                  TF_BINARY_DIR "/lib/libtessera_host.so");
     return names;
-}
-
-std::vector<std::string> lines_of(const fs::path &file) {
-    std::vector<std::string> lines;
-    std::ifstream in(file);
-    for (std::string line; std::getline(in, line);) lines.push_back(line);
-    return lines;
 }
 
 Site read_site(const std::string &line) {
@@ -89,11 +80,6 @@ std::string difference(const std::string &before, const std::string &after) {
     return text.empty() ? "\nthe same lines in another order" : text;
 }
 
-Words agent_environment(const std::string &plan) {
-    return {std::string("LD_PRELOAD=") + agent_in_host, "TFAGENT_PLAN=" + plan,
-            std::string("TFAGENT_REPORT=") + report_in_host};
-}
-
 }  // namespace
 
 std::string Plan::text() const {
@@ -125,7 +111,8 @@ test::LabWorld &Bench::world() {
     if (world_ != nullptr) return *world_;
     world_ = std::make_unique<test::LabWorld>(scenario_.world, scenario_.hosts);
     world_->start();
-    fs::copy_file(TF_BINARY_DIR "/lib/libtfagent.so", world_->exchange() / "libtfagent.so");
+    install_agent(*world_);
+    install_process_list(*world_);
     run_lines(scenario_.prepare);
     settle();
     before_ = whole_picture();
@@ -157,7 +144,8 @@ std::string Bench::whole_picture() {
     for (size_t i = scenario_.hosts.size(); i-- > 0;) {
         world_->on(scenario_.hosts[i]);
         std::string line = "set -e\nsort /proc/self/mounts\nls -A /tmp\ncd " +
-                           std::string(lock_files) + " 2>/dev/null && ls -A || true\ncd /\n";
+                           std::string(lock_files) + " 2>/dev/null && ls -A || true\ncd /\n" +
+                           list_processes + " 500 || true\n";
         if (i == 0) {
             for (const std::string &content : scenario_.content) line += content + "\n";
             line += "tfarray check >/tmp/check || { cat /tmp/check; exit 1; }\nrm /tmp/check\n" +
@@ -172,7 +160,7 @@ Phase Bench::process(size_t number, const Words &environment, double limit, bool
     const Process &one = scenario_.processes[number];
     world().on(one.host);
     run_lines(one.before);
-    fs::remove(world_->exchange() / "agent");
+    forget_agent_lines(*world_);
     Phase phase = world_->try_phase(one.steps, limit, 2, environment);
     bool right = succeeded(phase);
     try {
@@ -196,13 +184,16 @@ void Bench::record() {
     const auto begin = std::chrono::steady_clock::now();
     for (size_t i = 0; i < scenario_.processes.size(); ++i) {
         const Phase phase = process(i, agent_environment("record " + kind_), record_limit);
-        if (!succeeded(phase)) {
+        const auto lines = agent_lines(*world_);
+        const auto wrong = wrong_at_the_end(lines, phase.status);
+        if (!succeeded(phase) || !wrong.empty()) {
             throw std::runtime_error(scenario_.name + "/" + scenario_.processes[i].name +
-                                     " fails without a fault: " + told(phase));
+                                     " fails without a fault: " + told(phase) +
+                                     (wrong.empty() ? "" : "; " + wrong.front()));
         }
         without_fault_.push_back(phase);
         sites_.emplace_back();
-        for (const std::string &line : lines_of(world_->exchange() / "agent")) {
+        for (const std::string &line : lines) {
             if (line.starts_with("site ")) sites_.back().push_back(read_site(line));
         }
     }
@@ -236,10 +227,13 @@ void Bench::run_before(size_t number) {
 Outcome Bench::run_in(size_t number, const Words &environment) {
     Outcome outcome;
     run_before(number);
-    outcome.faulted = process(number, environment, Checks().limit, &outcome.done);
+    Words with_agent = agent_environment(only_records);
+    with_agent.insert(with_agent.end(), environment.begin(), environment.end());
+    outcome.faulted = process(number, with_agent, Checks().limit, &outcome.done);
     outcome.fired = true;
+    outcome.notes = agent_lines(*world_);
     look({}, {}, &outcome);
-    finish(number, &outcome);
+    finish(number, {}, &outcome);
     if (!outcome.wrong.empty()) renew();
     return outcome;
 }
@@ -248,12 +242,12 @@ Outcome Bench::run(size_t number, const Plan &plan, const Checks &checks) {
     Outcome outcome;
     run_before(number);
     outcome.faulted = process(number, agent_environment(plan.text()), checks.limit, &outcome.done);
-    for (const std::string &line : lines_of(world_->exchange() / "agent")) {
+    for (const std::string &line : agent_lines(*world_)) {
         outcome.fired = outcome.fired || line.starts_with("met ");
         if (!line.starts_with("site ")) outcome.notes.push_back(line);
     }
     look(plan, checks, &outcome);
-    finish(number, &outcome);
+    finish(number, checks.repair, &outcome);
     if (!outcome.wrong.empty()) renew();
     return outcome;
 }
@@ -268,6 +262,9 @@ void Bench::look(const Plan &plan, const Checks &checks, Outcome *outcome) {
     if (faulted.status > 128) outcome->killed_by = faulted.status - 128;
     if (faulted.status != 0 && !(ended_by_agent && outcome->killed_by == SIGKILL)) {
         outcome->wrong.push_back("the process ended with " + told(faulted));
+    }
+    for (const std::string &what : wrong_at_the_end(outcome->notes, faulted.status)) {
+        outcome->wrong.push_back(what);
     }
     for (const Call &call : faulted.calls) {
         for (const std::string &what : call.changed) {
@@ -291,11 +288,12 @@ void Bench::look(const Plan &plan, const Checks &checks, Outcome *outcome) {
 
 // The same again without a fault unless it succeeded all the same, the rest, and the world as it
 // was.
-void Bench::finish(size_t number, Outcome *outcome) {
+void Bench::finish(size_t number, const Words &repair, Outcome *outcome) {
     const size_t first = outcome->done ? number + 1 : number;
     for (size_t i = first; i < scenario_.processes.size(); ++i) {
         if (i == number) {
             world_->on(scenario_.processes[i].host);
+            run_lines(repair);
             run_lines(scenario_.processes[i].repair);
         }
         const Phase again = process(i, {}, record_limit);

@@ -78,6 +78,9 @@ class Bench {
     struct Checks {
         bool may_be_killed = false;  // the plan kills the process: that is no crash
         double limit = 20;           // real seconds after which the faulted process hangs
+        // What an administrator does on the process's host before it is repeated, beside its own
+        // repair: lines of the shell.
+        Words repair = {};
     };
     Outcome run(size_t process, const Plan &plan, const Checks &checks);
     Outcome run(size_t process, const Plan &plan) { return run(process, plan, Checks()); }
@@ -103,7 +106,7 @@ class Bench {
     void run_lines(const Words &lines);
     void settle();
     void look(const Plan &plan, const Checks &checks, Outcome *outcome);
-    void finish(size_t number, Outcome *outcome);
+    void finish(size_t number, const Words &repair, Outcome *outcome);
 
     const Scenario &scenario_;
     std::string kind_;
