@@ -17,6 +17,7 @@
 
 #include "fuzz/support/damage.h"
 #include "fuzz/support/random_record.h"
+#include "proof/checkpoint_texts/leaks.h"
 #include "proof/kit/row.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
@@ -29,6 +30,7 @@ constexpr int records = 5000;
 constexpr size_t sample = 15000;
 constexpr size_t batch = 500;
 constexpr unsigned hangs_after = 20;  // seconds
+constexpr int leaks_status = 3;       // of a process that found a leak
 constexpr const char *record_prefix = "record ";
 
 std::string read_file(const fs::path &path) {
@@ -74,6 +76,14 @@ void judge(const Points &points, const std::string &point) {
     }
     const std::string &text = points.texts.at(point);
     LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t *>(text.data()), text.size());
+}
+
+// The same several times, since a block that is left each time is a leak.
+void judge_with_blocks(const Points &points, const std::string &point) {
+    const long leaked = proof::leaked_blocks([&] { judge(points, point); });
+    if (leaked == 0) return;
+    fprintf(stderr, "%ld blocks more are held each time\n", leaked);
+    _exit(leaks_status);
 }
 
 // What a process said on its error stream.
@@ -130,7 +140,7 @@ class Judges {
             said.begin();
             for (size_t i = first; i < chosen_.size() && i < first + batch; ++i) {
                 alarm(hangs_after);
-                judge(points_, chosen_[i]);
+                judge_with_blocks(points_, chosen_[i]);
                 *done_ = i + 1;
             }
             _exit(0);
