@@ -158,17 +158,24 @@ std::string judged_runs(const Place &place, const Name &name, const Seen &seen, 
     return "";
 }
 
+// A folder or file by its plain name; what is relative begins where the calls are made.
+std::string plain_path(const std::string &path) {
+    const std::filesystem::path whole = path.starts_with("/") ? path : "/data/" + path;
+    std::string plain = whole.lexically_normal().string();
+    while (plain.size() > 1 && plain.back() == '/') plain.pop_back();
+    return plain;
+}
+
+// Temporary files are made in TMPDIR, and in /tmp where that is no folder.
 std::string temporary_kind(const std::string &path, const std::string &folder) {
     static const std::regex name("(QfMS|EMCTX|EMCTF)[A-Za-z0-9]{6}");
     std::smatch found;
-    const std::string file = path.substr(path.rfind('/') + 1);
+    const size_t slash = path.rfind('/');
+    const std::string file = path.substr(slash + 1);
     if (!std::regex_match(file, found, name)) return "";
-    const std::string parent = path.substr(0, path.rfind('/'));
-    const std::string wanted = folder.ends_with("/") ? folder.substr(0, folder.size() - 1) : folder;
-    return parent == "/tmp" || parent.ends_with(wanted) || wanted.find("..") != std::string::npos ||
-                   wanted.find("//") != std::string::npos || wanted.starts_with("/tmp/.")
-               ? found[1].str()
-               : "";
+    const std::string parent = plain_path(path.substr(0, slash + 1));
+    const bool is_expected = parent == "/tmp" || (!folder.empty() && parent == plain_path(folder));
+    return is_expected ? found[1].str() : "";
 }
 
 // What a change is, when it is one that the calls are there to make.
@@ -182,12 +189,10 @@ std::string kind_of_change(const Setting &setting, const std::string &path) {
     }
     // The mirror gets the primary's owner, the stale file of a text goes.
     for (const std::string &mirror : {setting.array.bcv_path, setting.array.port}) {
-        const std::filesystem::path whole = mirror.starts_with("/") ? mirror : "/data/" + mirror;
-        if (!mirror.empty() && (path == whole.lexically_normal() || path == whole)) return "owner";
+        if (!mirror.empty() && path == plain_path(mirror)) return "owner";
     }
     const std::string stale = setting.stale.substr(0, setting.stale.find('\n'));
-    const std::filesystem::path whole = stale.starts_with("/") ? stale : "/data/" + stale;
-    if (path == whole.lexically_normal() || path == whole) return "stale";
+    if (!stale.empty() && path == plain_path(stale)) return "stale";
     return "";
 }
 
