@@ -6,6 +6,7 @@
 //                                       person to read
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <exception>
@@ -43,11 +44,25 @@ constexpr char know_disks[] =
     "for d in c2t0d1 c2t0d2 c2t0d3; do"
     " qzdisk list $d >/dev/null 2>&1 || qzdisk define $d || exit 1; done";
 
+// What a framework calls first is called in the surroundings, too: nothing before them.
+const test::Words introduction = {"bare", "init", "1",        "1", "1", "set_locale",
+                                  "null", "null", "set_logf", "1", "2", "query"};
+
+// What the surroundings "other_locale" enter.
+constexpr char make_locale[] =
+    "mkdir -p /exchange/locale &&"
+    " localedef --no-archive -i tr_TR -f UTF-8 /exchange/locale/tr_TR.UTF-8";
+
 // A thaw that leaves the copy there has "nothing done".
 const std::vector<proof::Scenario> &hostile_scenarios() {
     static const std::vector<proof::Scenario> all = [] {
         std::vector<proof::Scenario> made = proof::scenarios();
         for (proof::Scenario &one : made) {
+            for (proof::Process &process : one.processes) {
+                process.steps.insert(process.steps.begin(), introduction.begin(),
+                                     introduction.end());
+            }
+            one.prepare.emplace_back(make_locale);
             if (one.name != "import") continue;
             for (proof::Process &process : one.processes) {
                 if (process.host != "backup1") continue;
@@ -111,6 +126,18 @@ bool take_flag(int *argc, char **argv, const char *flag) {
     return false;
 }
 
+// Whether nobody learns what became of a child.
+bool loses_statuses(const std::string &surroundings) {
+    return surroundings == "children_ignored" || surroundings == "children_unwaited";
+}
+
+bool tells_of_lost_status(const proof::Outcome &outcome) {
+    return std::any_of(outcome.faulted.calls.begin(), outcome.faulted.calls.end(),
+                       [](const test::Call &call) {
+                           return call.logged_part("do_cmd: Command failed with status=255: ");
+                       });
+}
+
 class HostileHost {
   public:
     HostileHost(proof::Row *row, bool record) : row_(row), record_(record) {}
@@ -167,6 +194,9 @@ class HostileHost {
         seen_[point.scenario].emplace_back(point, seen);
         std::string wrong;
         for (const std::string &what : outcome.wrong) wrong += what + "\n    ";
+        if (loses_statuses(point.site) && !tells_of_lost_status(outcome)) {
+            wrong += "no command is told as failed with status 255\n    ";
+        }
         if (record_) return wrong;
         const OutcomeText *const expected = table_->expected(point);
         if (expected == nullptr) return wrong + "nothing is expected; seen: " + seen[0];

@@ -35,6 +35,8 @@ class Surroundings {
   private:
     bool is(const char *name) const { return name_ == name; }
     void close_streams(int first, int last);
+    void break_streams();
+    void enter_other_locale();
     void open_descriptors(int last);
     void set_limit(__rlimit_resource_t resource, rlim_t value);
 
@@ -44,6 +46,7 @@ class Surroundings {
     mode_t umask_ = 0;
     int directory_ = -1;
     char **environment_ = nullptr;
+    std::vector<char *> other_environment_;
     std::string locale_;
     std::vector<int> descriptors_;
     int streams_[3] = {-1, -1, -1};
