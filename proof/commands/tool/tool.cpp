@@ -12,7 +12,8 @@
 // "missing" and "denied" (the call before hides the tool at PATH, for good), and about the output
 // of the real tool, which is the file behind "-f" or "-i", else its standard output: "empty", "cut"
 // after that many bytes, "large" (10 MiB without a newline), "binary". "noise" writes 10 MiB to
-// both streams and exits with that status.
+// both streams and exits with that status, "loud" runs the real one, writes as much, and exits with
+// its status.
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/prctl.h>
@@ -244,6 +245,12 @@ std::string changed(const Plan &plan, const std::string &output) {
     for (;;) pause();
 }
 
+void make_noise() {
+    const std::string text(large_size, 'x');
+    write_all(STDOUT_FILENO, text);
+    write_all(STDERR_FILENO, text);
+}
+
 [[noreturn]] void play(const Plan &plan, const std::string &name, int argc, char **argv) {
     const int value = static_cast<int>(plan.value);
     if (plan.kind == "signal") end_by(value);
@@ -253,10 +260,13 @@ std::string changed(const Plan &plan, const std::string &output) {
         _exit(value);
     }
     if (plan.kind == "noise") {
-        const std::string text(large_size, 'x');
-        write_all(STDOUT_FILENO, text);
-        write_all(STDERR_FILENO, text);
+        make_noise();
         _exit(value);
+    }
+    if (plan.kind == "loud") {
+        const int status = run_and_wait(name, argv);
+        make_noise();
+        _exit(status);
     }
     if (plan.kind == "done") {
         run_and_wait(name, argv);
