@@ -21,6 +21,8 @@
 //   foreign_handle                a handle that no call gave, to see who writes it
 //   whole_record                  tells all that the object's record and its devices hold
 //   parse OPTIONS TEXT            the configuration parser by itself (see parse.h)
+//   utilities LINE... end         what the library exports for the framework itself
+//   accept_qzfs | own_network ADDRESS     prepare the process (see utilities.h)
 // As the first step, "bare" leaves out the calls that a framework begins with.
 //
 // REPORT gets a line "KEY VALUE" for everything seen, texts with \n for a newline: "log" for each
@@ -46,6 +48,7 @@
 #include "tests/lab_method/phase/parse.h"
 #include "tests/lab_method/phase/record_fields.h"
 #include "tests/lab_method/phase/surroundings.h"
+#include "tests/lab_method/phase/utilities.h"
 
 namespace {
 
@@ -209,6 +212,12 @@ class Method {
         for (const auto &[key, value] : parse_result(library_, options, text))
             tell(key.c_str(), value);
     }
+    void utilities(const std::vector<std::string> &lines) const {
+        const auto changes = phase::call_utilities(library_, lines, log_line);
+        tell("step", "utilities");
+        tell("status", "0");
+        for (const std::string &change : changes) tell("changed", change);
+    }
 
     void ctl(int32_t code) {
         step<decltype(TimeFinder_ctl)>("ctl", "TimeFinder_ctl", handle(), code);
@@ -360,6 +369,10 @@ bool take_with(const std::string &name, Method &method, Steps &steps) {
     } else if (name == "parse") {
         const char *options = steps.text();
         method.parse(options, steps.text());
+    } else if (name == "utilities") {
+        std::vector<std::string> lines;
+        for (std::string line; (line = steps.next()) != "end";) lines.push_back(line);
+        method.utilities(lines);
     } else {
         return false;
     }
@@ -407,6 +420,8 @@ void take(Method &method, Steps &steps) {
         return;
     }
     if (name == "run") return run_line(steps.next());
+    if (name == "accept_qzfs") return phase::accept_qzfs();
+    if (name == "own_network") return phase::enter_own_network(steps.next());
     give_up("unknown step " + name);
 }
 
