@@ -111,7 +111,7 @@ std::string without_error(std::string line, const Way &way) {
     }
     const std::string number = std::to_string(way.value);
     for (const std::string &told : {std::string(strerror(static_cast<int>(way.value))),
-                                    "errno = " + number, "errno=" + number}) {
+                                    "errno = " + number, "errno=" + number, "errno " + number}) {
         const size_t at = line.find(told);
         if (at != std::string::npos) line.replace(at, told.size(), "%m");
     }
@@ -306,7 +306,7 @@ class Runner {
 
 Places look_for_places(const CallRow &row) {
     Places places;
-    for (const Scenario &one : scenarios()) {
+    for (const Scenario &one : call_scenarios()) {
         Bench bench(one, row.kind);
         for (size_t i = 0; i < one.processes.size(); ++i) {
             for (const Site &site : bench.sites(i)) {

@@ -45,7 +45,16 @@ struct Scenario {
 // import        the same read on the backup host, by import, and released on the primary
 // restore       the same, frozen for the backup host, and restored
 const std::vector<Scenario> &scenarios();
-// The scenario of a name; throws when there is none.
+// Those, and what no snapshot reaches, for the rows that break single calls of the library itself:
+//
+// names         what the library exports for the framework itself: from a path to its mount and
+//               device, and back, also through a volume set
+// devices       the same: what a path is
+// quiesce       the same: ufs and qzfs without writes, and the list of file systems to lock
+// parser        the same: the configuration parser
+// resolved      a freeze for a backup host whose name the name service knows: it is this host
+const std::vector<Scenario> &call_scenarios();
+// The scenario of a name, one of all these; throws when there is none.
 const Scenario &scenario(const std::string &name);
 
 }  // namespace proof

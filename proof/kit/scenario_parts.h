@@ -26,5 +26,10 @@ inline std::string establish(const std::string &pair) {
 Scenario volumes();
 Scenario imported();
 Scenario restored();
+Scenario names();
+Scenario devices();
+Scenario quiesce();
+Scenario parser();
+Scenario resolved();
 
 }  // namespace proof::part

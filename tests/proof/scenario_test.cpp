@@ -8,7 +8,7 @@ namespace {
 
 TEST(Scenarios, have_names_of_their_own_and_processes_on_their_hosts) {
     std::set<std::string> names;
-    for (const Scenario &one : scenarios()) {
+    for (const Scenario &one : call_scenarios()) {
         EXPECT_TRUE(names.insert(one.name).second) << one.name;
         EXPECT_EQ(&scenario(one.name), &one);
         for (const Process &process : one.processes) {
