@@ -49,6 +49,11 @@ class Places {
         if (known_.insert(place.site).second) all_.push_back(std::move(place));
     }
     const std::vector<Place> &all() const { return all_; }
+    std::set<std::string> functions() const {
+        std::set<std::string> functions;
+        for (const Place &one : all_) functions.insert(one.function);
+        return functions;
+    }
 
     static Places read(const fs::path &file) {
         Places places;
@@ -371,8 +376,10 @@ int run_row(const CallRow &row, const Options &options, const Recording &recordi
     if (recording.wanted) runner.record();
     // Those of one scenario stand together in the list, so each world is made once.
     for (const std::string &name : run.choose(names, row.quick)) runner.take(points.at(name));
-    const auto unknown = row.unknown ? row.unknown() : std::vector<std::string>();
-    for (const std::string &name : unknown) run.failed("imports/" + name, "nobody makes it fail");
+    if (row.gaps) {
+        for (const auto &[function, why] : row.gaps(places.functions()))
+            run.failed("imports/" + function, why);
+    }
     if (recording.wanted && recording.scenario.empty()) {
         places.write(tables / "sites");
         write_tables(recorded_file(options), tables);

@@ -14,6 +14,7 @@
 #pragma once
 
 #include <functional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -29,14 +30,20 @@ struct Way {
     bool lasts = true;  // whether it can be for good
 };
 
+// A function that ought to have points in the row and has none, and why.
+struct Gap {
+    std::string function, why;
+};
+
 struct CallRow {
     std::string name;         // "allocations", also the folder of its tables
     std::string about;        // for --help
     std::string kind;         // of the agent: "alloc"
     std::string once_broken;  // the scope of a fault for good: "function", "kind"
     size_t quick = 0;         // points of the quick form
-    // Functions that the row ought to know and does not; empty: there are none.
-    std::function<std::vector<std::string>()> unknown;
+    // What the row misses, given the functions that some place calls; empty: nothing. None: the row
+    // does not look.
+    std::function<std::vector<Gap>(const std::set<std::string> &reached)> gaps;
     // How a call of this function can fail; none: it cannot.
     std::function<std::vector<Way>(const std::string &function)> ways;
     // Places that are left out, by the ends of their names, each for a reason that stands with it.

@@ -6,6 +6,7 @@
 #include <iterator>
 #include <memory>
 #include <set>
+#include <span>
 #include <stdexcept>
 #include <string_view>
 
@@ -15,12 +16,15 @@
 namespace proof {
 namespace {
 
-// What the linker calls a function, and what the agent counts it as.
+// What the linker calls a function, and what the agent counts it as; every one of these counts.
 struct OtherName {
     std::string_view import, counted;
 };
 constexpr OtherName other_names[] = {
     {"fcntl", "lock"},
+    {"fcntl", "duplicate"},
+    {"open", "open"},
+    {"open", "create"},
     {"__fgets_chk", "fgets"},
     {"__getdelim", "getline"},
     {"__realpath_chk", "realpath"},
@@ -104,13 +108,17 @@ constexpr std::string_view cannot_fail[] = {
     "dlsym",
 };
 
-bool is_known(const std::string &import) {
-    std::string counted = import;
+std::vector<std::string> counted_as(const std::string &import) {
+    std::vector<std::string> counted;
     for (const OtherName &other : other_names) {
-        if (other.import == import) counted = other.counted;
+        if (other.import == import) counted.emplace_back(other.counted);
     }
-    return !faults_of(counted).empty() || std::find(std::begin(cannot_fail), std::end(cannot_fail),
-                                                    import) != std::end(cannot_fail);
+    if (counted.empty()) counted.push_back(import);
+    return counted;
+}
+
+bool is_one_of(std::span<const std::string_view> names, const std::string &name) {
+    return std::find(names.begin(), names.end(), name) != names.end();
 }
 
 // The host library's functions are the method's own affair.
@@ -132,14 +140,24 @@ std::set<std::string> imports_of(const std::string &library) {
 
 }  // namespace
 
-std::vector<std::string> unknown_imports() {
-    std::vector<std::string> unknown;
+std::vector<Gap> import_gaps(const std::set<std::string> &reached) {
+    std::set<std::string> unknown, idle;
     for (const auto &library : shipped_libraries()) {
-        for (const std::string &name : imports_of(library.string())) {
-            if (!is_known(name) && !is_of_the_host_library(name)) unknown.push_back(name);
+        for (const std::string &import : imports_of(library.string())) {
+            if (is_of_the_host_library(import) || is_one_of(cannot_fail, import)) continue;
+            for (const std::string &function : counted_as(import)) {
+                if (faults_of(function).empty())
+                    unknown.insert(import);
+                else if (!reached.contains(function))
+                    idle.insert(function);
+            }
         }
     }
-    return unknown;
+    std::vector<Gap> gaps;
+    for (const std::string &name : unknown) gaps.push_back({name, "nobody makes it fail"});
+    for (const std::string &name : idle)
+        gaps.push_back({name, "it can fail, and no place calls it"});
+    return gaps;
 }
 
 }  // namespace proof

@@ -18,6 +18,6 @@ int main(int argc, char **argv) {
         }
         return ways;
     };
-    row.unknown = proof::unknown_imports;
+    row.gaps = proof::import_gaps;
     return proof::run_call_row(argc, argv, row);
 }
