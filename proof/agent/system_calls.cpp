@@ -98,8 +98,6 @@ void unload_method() {
 // Functions whose declarations a program without the fortified headers does not have.
 extern "C" {
 char *__fgets_chk(char *line, size_t room, int size, FILE *stream);
-int __dprintf_chk(int fd, int flag, const char *format, ...);
-int __vdprintf_chk(int fd, int flag, const char *format, va_list arguments);
 char *__realpath_chk(const char *path, char *resolved, size_t room);
 }
 
@@ -169,24 +167,6 @@ EXPORTED int ioctl(int fd, unsigned long request, ...) noexcept {
     va_end(arguments);
     const Order order = order_of("ioctl", CALLER);
     return make(order, -1, [&] { return real(fd, request, argument); });
-}
-
-EXPORTED int dprintf(int fd, const char *format, ...) {
-    const Order order = order_of("dprintf", CALLER);
-    va_list arguments;
-    va_start(arguments, format);
-    const int answer = make(order, -1, [&] { return vdprintf(fd, format, arguments); });
-    va_end(arguments);
-    return answer;
-}
-
-EXPORTED int __dprintf_chk(int fd, int flag, const char *format, ...) {
-    const Order order = order_of("dprintf", CALLER);
-    va_list arguments;
-    va_start(arguments, format);
-    const int answer = make(order, -1, [&] { return __vdprintf_chk(fd, flag, format, arguments); });
-    va_end(arguments);
-    return answer;
 }
 
 // Paths.

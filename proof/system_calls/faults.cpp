@@ -50,10 +50,6 @@ constexpr Fault faults[] = {
     FALLS_SHORT("write", 0, "no room for a single byte"),
     FALLS_SHORT("write", 2, "room for a part"),
 
-    FAILS("dprintf", ENOSPC, "the disk is full"),
-    FAILS("dprintf", EIO, "the disk below is dying"),
-    FAILS_AFTER("dprintf", EDQUOT, true, "a part is written when the share is used up"),
-
     FAILS("lseek", ESPIPE, "something else stands in the file's place"),
     FAILS("ftruncate", EIO, "the disk below is dying"),
     FAILS("ftruncate", EPERM, "the file is append-only or immutable"),
@@ -104,6 +100,7 @@ constexpr Fault faults[] = {
     FAILS_AFTER("fclose", EIO, true, "the disk below is dying"),
     FAILS("fgets", EIO, "the disk below is dying"),
     FAILS("getc", EIO, "the disk below is dying"),
+    FAILS_ONCE("getc", EINTR, "a signal of the framework's while a command is silent"),
     FAILS("getline", EIO, "the disk below is dying"),
     FAILS("getline", ENOMEM, "no memory for a line"),
     FAILS("setmntent", EMFILE, "the framework has used its descriptors up"),
