@@ -11,6 +11,7 @@
 #include "fimctl/frozen_mark.h"
 #include "fimctl/hooks.h"
 #include "fimctl/log.h"
+#include "fimctl/lost_copy.h"
 #include "fimctl/restore/restore.h"
 #include "fimctl/signals.h"
 #include "fimctl/tool.h"
@@ -118,6 +119,7 @@ std::vector<std::string> Cycle::mount(int64_t id) {
         throw not_to_be_mounted(snapshot);
     }
     refuse_away(snapshot, "mount", false);
+    refuse_lost(catalogue_, snapshot);
     // An empty folder is soon tidied away, and one in memory does not outlive its host.
     for (const ObjectRecord &object : snapshot.objects) make_folder(object.fifs);
     HookedStep step(settings_, HookPhase::pre_mount, snapshot);

@@ -12,6 +12,7 @@
 #include "fimctl/disk_group.h"
 #include "fimctl/host.h"
 #include "fimctl/log.h"
+#include "fimctl/lost_copy.h"
 #include "fimctl/snapshot_lock.h"
 #include "fimctl/source.h"
 #include "fimctl/tool.h"
@@ -296,6 +297,7 @@ void export_snapshot(const Settings &settings, Catalogue &catalogue, int64_t id,
         refuse_to_send_back(before);
     } else {
         refuse_to_hand_out(before, again);
+        refuse_lost(catalogue, before);
     }
     // Marked before the document leaves: a command that is killed here leaves a snapshot that
     // counts as away, never one that is released under another host's hands.
