@@ -63,7 +63,7 @@ void place(RestoreObject &object, const ObjectRecord &record,
         // Mounted elsewhere as well since then: that is what has to go.
         if (object.mounted && object.directory == own) break;
         object.directory = mount.directory;
-        object.mounted = true;
+        object.mounted = object.mounted_now = true;
         const auto &plain = plain_options;
         const bool special =
             std::find(std::begin(plain), std::end(plain), mount.options) == std::end(plain);

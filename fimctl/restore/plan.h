@@ -23,7 +23,8 @@ struct RestoreObject {
     // Of a file system:
     std::string directory;  // where it is mounted, or will be
     bool mounted = false;   // now; of an interrupted restore: before it began
-    std::string options;    // of that mount
+    bool mounted_now = false;
+    std::string options;  // of that mount
     bool is_file_system() const;
 };
 constexpr int file_system_object = 3;
@@ -36,7 +37,7 @@ struct RestorePair {
     std::optional<uint64_t> size;     // of the primary
     std::optional<uint64_t> differs;  // measured, in bytes
 
-    // Restored by this snapshot's restore already, or just being.
+    // Restored by this snapshot's restore already, or just being: nothing of it is begun again.
     bool is_restored() const;
 };
 

@@ -74,6 +74,7 @@ std::string pair_text(const RestorePair &pair, bool measured) {
     std::string text = "array " + pair.pair.symid + ": mirror " + pair.pair.bcv;
     if (!pair.mirror.empty()) text += " (" + pair.mirror + ")";
     text += " over primary " + pair.pair.device + " (" + pair.primary + ")";
+    if (pair.state == pair_state::restoring) return text + ": being restored by the array";
     if (pair.is_restored()) return text + ": done already";
     text += pair.size ? ", at most " + amount(*pair.size) : ", of unknown size";
     if (!measured) return text;
@@ -85,7 +86,8 @@ std::string object_text(const RestoreObject &object) {
     if (!object.is_file_system()) return object.source + " (" + object.volume + ")";
     std::string text =
         object.directory + " (" + object.fstype + ", " + object.group + "/" + object.volume + "): ";
-    text += object.mounted ? "unmounted, and mounted again" : "not mounted now; will be mounted";
+    text +=
+        object.mounted_now ? "unmounted, and mounted again" : "not mounted now; will be mounted";
     if (!object.options.empty()) text += " with " + object.options;
     return text;
 }
@@ -134,7 +136,7 @@ Json pair_json(const RestorePair &pair) {
     one["primary"] = pair.primary;
     one["mirror"] = pair.mirror;
     one["size"] = optional_number(pair.size);
-    one["done"] = pair.is_restored();
+    one["done"] = pair.state == pair_state::restored;
     return one;
 }
 
@@ -153,6 +155,7 @@ Json bound(const RestorePlan &plan) {
     json["pairs"] = Json::array();
     for (const RestorePair &pair : plan.pairs) {
         Json one = pair_json(pair);
+        one["done"] = pair.is_restored();
         one["state"] = pair.is_restored() ? pair_state::restored : pair.state;
         json["pairs"].push_back(one);
     }

@@ -110,6 +110,48 @@ std::vector<Pair> pairs_of(const RestorePlan &plan) {
     return pairs;
 }
 
+Failure interrupted_while_restoring() {
+    return Failure(Step::restore, ExitCode::left,
+                   "interrupted while the array was still restoring");
+}
+
+// The array goes on with what a killed restore has begun. False when it was not waited to its end.
+bool wait_for_running(RestorePlan &plan) {
+    for (;;) {
+        const auto states = read_pair_states(pairs_of(plan), Step::restore);
+        bool running = false;
+        for (size_t i = 0; i < states.size(); ++i) {
+            plan.pairs[i].state = states[i];
+            running = running || states[i] == pair_state::restoring;
+        }
+        if (!running) return true;
+        log::waiting("waiting: the array is still restoring");
+        if (signals::raised() != 0) return false;
+        signals::wait_a_second();
+    }
+}
+
+// Nobody writes to an original, or reads it, while the array still writes under it.
+void wait_before_giving_up(RestorePlan &plan) {
+    if (!wait_for_running(plan)) {
+        Failure failure = interrupted_while_restoring();
+        failure.id = static_cast<long>(plan.id);
+        failure.next = "fimctl release " + std::to_string(plan.id) + " --abandoned";
+        throw failure;
+    }
+    std::string rest;
+    bool any = false;
+    for (const RestorePair &pair : plan.pairs) {
+        any = any || pair.state == pair_state::restored;
+        if (pair.state != pair_state::restored) add(rest, pair, pair.state);
+    }
+    if (any && rest.empty()) {
+        log::outcome("the originals hold what the copy held: every pair is restored");
+    } else if (any) {
+        log::problem("the originals hold a mixture, since not every pair is restored: " + rest);
+    }
+}
+
 }  // namespace
 
 Restore::Restore(const Settings &settings, Catalogue &catalogue)
@@ -159,7 +201,12 @@ void Restore::confirm(const RestorePlan &plan, const RestoreOptions &options) co
 
 void Restore::work(const SnapshotRecord &snapshot, RestorePlan plan) {
     if (plan.resumed) {
-        wait_for_running(plan);
+        if (!wait_for_running(plan)) {
+            // Nothing was cleaned up: what the killed restore has taken away is away still.
+            Failure failure = interrupted_while_restoring();
+            failure.next = "go on with it: " + again(plan.id);
+            give_up(failure, plan.id);
+        }
         // The method's first step is to deport them.
         const std::string trouble = import_groups(plan);
         if (!trouble.empty()) {
@@ -170,28 +217,6 @@ void Restore::work(const SnapshotRecord &snapshot, RestorePlan plan) {
     }
     const RestoreJob job = job_of(snapshot, plan, method_);
     end(plan, phase(plan, job));
-}
-
-// The array goes on with what a killed restore has begun.
-void Restore::wait_for_running(RestorePlan &plan) {
-    for (;;) {
-        const auto states = read_pair_states(pairs_of(plan), Step::restore);
-        bool running = false;
-        for (size_t i = 0; i < states.size(); ++i) {
-            plan.pairs[i].state = states[i];
-            running = running || states[i] == pair_state::restoring;
-        }
-        if (!running) return;
-        log::waiting("waiting: the array is still restoring");
-        if (signals::raised() != 0) {
-            // Nothing was cleaned up: what the killed restore has taken away is away still.
-            Failure failure(Step::restore, ExitCode::left,
-                            "interrupted while the array was still restoring");
-            failure.next = "go on with it: " + again(plan.id);
-            give_up(failure, plan.id);
-        }
-        signals::wait_a_second();
-    }
 }
 
 Cycle::Outcome Restore::phase(const RestorePlan &plan, const RestoreJob &job) {
@@ -344,7 +369,7 @@ void prepare_release_of_restoring(const SnapshotRecord &snapshot, bool abandoned
     const bool is_void = !snapshot.void_reason.empty();
     SnapshotRecord begun = snapshot;
     begun.void_reason.clear();
-    const RestorePlan plan = make_plan(begun, options);
+    RestorePlan plan = make_plan(begun, options);
     std::string restored;
     for (const RestorePair &pair : plan.pairs) {
         if (pair.state != pair_state::split) add(restored, pair, pair.state);
@@ -360,6 +385,7 @@ void prepare_release_of_restoring(const SnapshotRecord &snapshot, bool abandoned
             is_void ? give_up : "go on with the restore: fimctl restore " + id + "; or " + give_up;
         throw failure;
     }
+    if (abandoned) wait_before_giving_up(plan);
     const std::string trouble = put_back(plan);
     if (trouble.empty()) return;
     if (abandoned) {

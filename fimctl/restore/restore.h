@@ -42,7 +42,6 @@ class Restore {
 
     void confirm(const RestorePlan &plan, const RestoreOptions &options) const;
     void work(const SnapshotRecord &snapshot, RestorePlan plan);
-    void wait_for_running(RestorePlan &plan);
     Cycle::Outcome phase(const RestorePlan &plan, const RestoreJob &job);
     void enter(const RestorePlan &plan);
     Judgement judge(const RestorePlan &plan) const;
@@ -62,7 +61,7 @@ class Restore {
 // Before the release of a snapshot whose restore was begun and not ended: when no pair was restored
 // yet, everything is put back, and the release may go on. When one was, the release would copy
 // half-restored primaries over the mirrors, the only whole copy: refused (usage), unless abandoned
-// says that the copy is given up. Throws Failure.
+// says that the copy is given up; what the array still restores is waited for then. Throws Failure.
 void prepare_release_of_restoring(const SnapshotRecord &snapshot, bool abandoned);
 
 }  // namespace fimctl

@@ -31,6 +31,11 @@ struct Released : Restore {
         expect_the_phase_is_gone();
         test::write_file("/var/fake/script", "");
     }
+    static void array_is_at(long state) {
+        auto pairs = fake::read_array();
+        for (auto &pair : pairs) pair.state = state;
+        fake::write_array(pairs);
+    }
 };
 
 TEST_F(Released, before_anything_was_overwritten_everything_is_put_back_first) {
@@ -112,6 +117,82 @@ TEST_F(Released, interrupted_while_the_array_still_restores_it_says_that_somethi
     fake::write_array(pairs);
     EXPECT_EQ(restore().status, 0);
     expect_restored();
+}
+
+TEST_F(Released,
+       abandoned_while_the_array_still_restores_it_waits_and_tells_what_the_originals_hold) {
+    NEEDS_VOLUME("datadg", "one", "00A1");
+    enter();
+    kill_at("control");
+    array_is_at(7);
+    const pid_t pid = start({"--method", FAKE_RESTORING, "release", "1", "--abandoned"});
+    ASSERT_TRUE(wait_until_told(pid, "waiting: the array is still restoring"));
+    EXPECT_FALSE(is_imported("datadg")) << "nobody may write below the array's work";
+    EXPECT_FALSE(is_mounted("/data-one"));
+    array_is_at(8);
+    const Ended ended = finish(pid);
+    EXPECT_EQ(ended.status, 0) << ended.err;
+    EXPECT_TRUE(told(ended, "the originals hold what the copy held: every pair is restored"))
+        << ended.err;
+    EXPECT_EQ(snapshot(1).state, State::released);
+    expect_all_is_there();
+}
+
+TEST_F(Released, abandoned_with_one_pair_restored_it_says_that_the_originals_are_a_mixture) {
+    NEEDS_VOLUME("onedg", "one", "00A1", "000184500123");
+    NEEDS_VOLUME("twodg", "two", "00A2", "000184500999");
+    enter();
+    script("control 1 state 00A1 8");
+    script("control 1 refuse 000184500999");
+    EXPECT_EQ(restore().status, 3);
+    test::write_file("/var/fake/script", "");
+    const Ended ended = release({"--abandoned"});
+    EXPECT_EQ(ended.status, 0) << ended.err;
+    EXPECT_TRUE(told(ended,
+                     "the originals hold a mixture, since not every pair is restored: pair "
+                     "00A2/0BA2 of array 000184500999 is split"))
+        << ended.err;
+}
+
+TEST_F(Released, abandoned_and_interrupted_while_the_array_still_restores_it_puts_nothing_back) {
+    NEEDS_VOLUME("datadg", "one", "00A1");
+    enter();
+    kill_at("control");
+    array_is_at(7);
+    const pid_t pid = start({"--method", FAKE_RESTORING, "release", "1", "--abandoned"});
+    ASSERT_TRUE(wait_until_told(pid, "waiting: the array is still restoring"));
+    kill(pid, SIGINT);
+    const Ended ended = finish(pid);
+    EXPECT_EQ(ended.status, 3) << ended.err;
+    EXPECT_TRUE(told(ended, "interrupted while the array was still restoring")) << ended.err;
+    EXPECT_TRUE(told(ended, "next: fimctl release 1 --abandoned")) << ended.err;
+    EXPECT_EQ(snapshot(1).state, State::restoring);
+    EXPECT_FALSE(is_mounted("/data-one"));
+    array_is_at(8);
+    EXPECT_EQ(release({"--abandoned"}).status, 0);
+    expect_all_is_there();
+}
+
+TEST_F(Released, its_plan_calls_done_only_what_is_and_unmounts_only_what_is_mounted) {
+    NEEDS_VOLUME("datadg", "one", "00A1");
+    enter();
+    kill_at("control");
+    array_is_at(7);
+    const Ended running = restore({"--plan-only"});
+    EXPECT_EQ(running.status, 0) << running.err;
+    EXPECT_NE(running.out.find(": being restored by the array\n"), std::string::npos)
+        << running.out;
+    EXPECT_EQ(running.out.find("done already"), std::string::npos) << running.out;
+    EXPECT_NE(running.out.find("not mounted now; will be mounted"), std::string::npos)
+        << running.out;
+    EXPECT_EQ(running.out.find("unmounted, and"), std::string::npos) << running.out;
+    const std::string json = restore({"--plan-only", "--json"}).out;
+    EXPECT_NE(json.find("\"done\": false"), std::string::npos) << json;
+    const std::string code = code_of_plan();
+    array_is_at(8);
+    EXPECT_NE(restore({"--plan-only"}).out.find(": done already\n"), std::string::npos);
+    EXPECT_NE(restore({"--plan-only", "--json"}).out.find("\"done\": true"), std::string::npos);
+    EXPECT_EQ(code_of_plan(), code) << "what goes on meanwhile makes no other plan";
 }
 
 TEST_F(Released, a_further_try_that_fails_at_once_says_that_something_is_left) {
