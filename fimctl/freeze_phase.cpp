@@ -99,16 +99,27 @@ class FreezePhase {
         stop_when_interrupted(Step::states);
     }
 
+    // The commit keeps the array's answer to itself, looks at the pairs for a minute, and fails
+    // with what it sees then. Why that is so stands in the line before.
+    static Failure commit_failure(const Method &method) {
+        const Failure failure = method_failure(method, Step::commit);
+        if (method.earlier().empty()) return failure;
+        return Failure(failure.step, failure.code,
+                       std::string(failure.what()) + "; before that: " + method.earlier(),
+                       failure.number);
+    }
+
     // Every handle is committed: the first call splits all of them, but a handle without devices of
     // its own answers success without having split anything.
     void cut(Method &method) {
         signals::ignore();
-        talk_.step(Step::quiesce);
+        if (!job_.quiesce.empty()) talk_.step(Step::quiesce);
         Guardian guardian(job_.quiesce, job_.deadline, job_.mark);
         talk_.step(Step::commit);
         for (hdef *handle : handles_) {
-            if (!method.freeze_commit(handle)) throw method_failure(method, Step::commit);
+            if (!method.freeze_commit(handle)) throw commit_failure(method);
         }
+        log::all_split();
         const Guardian::End end = guardian.thaw();
         Message split = Message::array();
         for (const auto &[device, bcv] : log::split_list()) split.push_back({device, bcv});

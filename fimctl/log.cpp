@@ -37,6 +37,7 @@ void to_file(const std::string &text) {
 
 constexpr char kind_phase[] = "phase";
 constexpr char kind_found[] = "found";
+constexpr char kind_split[] = "split";
 constexpr char kind_step[] = "step";
 constexpr char kind_count[] = "count";
 constexpr char kind_line[] = "line";
@@ -97,6 +98,10 @@ void found(int devices) {
     tell(kind_found, std::to_string(devices));
 }
 
+void all_split() {
+    tell(kind_split, "");
+}
+
 void outcome(const std::string &text) {
     to_file(subject + text);
     progress::outcome(subject + text);
@@ -147,6 +152,7 @@ void hand_over(Hand wanted) {
 void show(const std::string &kind, const std::string &text) {
     if (kind == kind_phase) progress::new_phase();
     if (kind == kind_found) progress::found(std::stoi(text));
+    if (kind == kind_split) progress::all_split();
     if (kind == kind_step) progress::step(text);
     if (kind == kind_count) progress::method_line(text.c_str());
     if (kind == kind_line) progress::write_line("fimctl: " + text);

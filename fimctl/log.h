@@ -26,6 +26,8 @@ void about(long id);
 // A phase begins, and the method counts anew.
 void new_phase();
 void found(int devices);
+// The pairs that the method was going to split are split.
+void all_split();
 // What has been achieved: a line that stays, also on a terminal.
 void outcome(const std::string &text);
 // A step that the work has come to; somebody else who must end first; a line that must be seen.

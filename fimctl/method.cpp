@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -27,7 +28,15 @@ void find_entry(void *library, const char *name, Entry &entry) {
     memcpy(&entry, &found, sizeof entry);
 }
 
+std::string without_line_end(const char *line, size_t size) {
+    std::string text(line, strnlen(line, size));
+    while (!text.empty() && text.back() == '\n') text.pop_back();
+    return text;
+}
+
 }  // namespace
+
+Method *Method::speaking_ = nullptr;
 
 Method::Method(const std::string &path) {
     void *library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
@@ -52,11 +61,26 @@ Method::Method(const std::string &path) {
     entries_.init(&number_, log_message_, user_message_);
     entries_.query(description);
     entries_.set_locale(nullptr, nullptr);
-    entries_.set_logf(log::method_line, log::level());
+    speaking_ = this;
+    entries_.set_logf(hear, log::level());
+}
+
+// A line of the log that stands in the message buffer as well is a failure's.
+void Method::hear(const char *line) {
+    log::method_line(line);
+    if (speaking_ == nullptr || *line == '\0') return;
+    const std::string text = without_line_end(line, TF_MESSAGE_SIZE);
+    const char *message = speaking_->user_message_;
+    if (text != without_line_end(message, TF_MESSAGE_SIZE)) return;
+    auto &reported = speaking_->reported_;
+    if (std::find(reported.begin(), reported.end(), text) == reported.end()) {
+        reported.push_back(text);
+    }
 }
 
 void Method::start_call() {
     number_ = 0;
+    reported_.clear();
     user_message_[0] = '\0';
     log_message_[0] = '\0';
 }
@@ -67,11 +91,19 @@ bool Method::ended(int32_t status) {
 }
 
 std::string Method::message() const {
-    std::string text(user_message_, strnlen(user_message_, sizeof user_message_));
-    while (!text.empty() && text.back() == '\n') text.pop_back();
+    const std::string text = without_line_end(user_message_, sizeof user_message_);
     // A failed unmount returns without a message of the method's own.
     return text.empty() ? "the method gave no message, only status " + std::to_string(status_)
                         : text;
+}
+
+std::string Method::earlier() const {
+    const std::string last = message();
+    std::string text;
+    for (const std::string &one : reported_) {
+        if (one != last) text += (text.empty() ? "" : "; ") + one;
+    }
+    return text;
 }
 
 bool Method::freeze(const std::string &config, const std::string &source, const std::string &fifs,

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "include/timefinder.h"
 
@@ -19,7 +20,7 @@ class Method {
     Method(const Method &) = delete;
     Method &operator=(const Method &) = delete;
     // The library stays loaded: what the framework holds of it ends with the process.
-    ~Method() = default;
+    ~Method() { speaking_ = nullptr; }
 
     // Each answers true when the entry point returned 0. handle is set by freeze and rebuild also
     // when they fail, as the entry points do.
@@ -36,8 +37,12 @@ class Method {
     // Of the last call that failed.
     int number() const { return number_; }
     std::string message() const;
+    // The messages that this call reported before that one, "" for none: the method goes on after
+    // some failures, and ends with another one's message.
+    std::string earlier() const;
 
   private:
+    static void hear(const char *line);
     void start_call();
     bool ended(int32_t status);
 
@@ -55,6 +60,8 @@ class Method {
         decltype(&TimeFinder_rebuild) rebuild;
         decltype(&TimeFinder_volumes) volumes;
     } entries_ = {};
+    static Method *speaking_;            // there is one in a process
+    std::vector<std::string> reported_;  // by this call
     int32_t status_ = 0;
     int32_t number_ = 0;
     char log_message_[TF_MESSAGE_SIZE] = "";

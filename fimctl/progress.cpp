@@ -97,8 +97,6 @@ bool is_split(std::string_view line) {
     return line.starts_with("Adding <") && line.ends_with("> to split list");
 }
 
-constexpr std::string_view split_end = "Split end";
-
 // How many pairs are going to be established, at the start or at the end of a snapshot.
 int establishes(const char *line) {
     int count = 0;
@@ -155,21 +153,23 @@ void outcome(const std::string &text) {
 
 bool is_counted(const char *line) {
     const std::string_view text = line;
-    return is_device(text) || is_split(text) || text.starts_with(split_end) ||
-           establishes(line) > 0;
+    return is_device(text) || is_split(text) || establishes(line) > 0;
 }
 
 void method_line(const char *line) {
     const std::string_view text = line;
     if (is_device(text)) ++now.devices;
     if (is_split(text)) ++now.to_split;
-    if (text.starts_with(split_end)) now.split = now.to_split;
     if (establishes(line) > 0) now.to_establish = establishes(line);
     if (now.drawn && Clock::now() - now.last_drawn >= between_drawings) draw();
 }
 
 void found(int devices) {
     now.devices = devices;
+}
+
+void all_split() {
+    now.split = now.to_split;
 }
 
 void tick() {

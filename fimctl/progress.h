@@ -25,10 +25,13 @@ void step(const std::string &text);
 void waiting(const std::string &text);
 // What has been achieved stays to be read.
 void outcome(const std::string &text);
-// What the method says in passing: devices found, pairs to establish and to split, the split's end.
+// What the method says in passing: devices found, pairs to establish and to split.
 void method_line(const char *line);
 // Where it does not say how many devices it has found, but somebody knows.
 void found(int devices);
+// The commit has succeeded. The method's own "Split end" is no word of that: it says it also when
+// the array has refused, and only then looks at the pairs.
+void all_split();
 // To be called about once a second while something is waited for.
 void tick();
 

@@ -63,9 +63,6 @@ TEST_F(Progress, tells_devices_found_and_pairs_split_as_the_method_does) {
     const std::string two = add_file_system("two", "000184500123", "00A2", "00B2");
     script("ctl 1 log Total BCVs to resync at start : 2");
     script("ctl 1 sleep 1300");
-    script("freeze_commit 1 log Adding <00A1, 00B1> to split list");
-    script("freeze_commit 1 log Adding <00A2, 00B2> to split list");
-    script("freeze_commit 1 log Split end");
     Terminal terminal(command({"freeze", "--no-quiesce", one_, two}));
     EXPECT_EQ(terminal.finish(), 0);
     EXPECT_NE(terminal.output().find("control code 4; 2 pairs to establish\r"), std::string::npos)
@@ -75,6 +72,31 @@ TEST_F(Progress, tells_devices_found_and_pairs_split_as_the_method_does) {
     EXPECT_NE(terminal.output().find("checkpoint (object 2); 2 devices found, 2 pairs split"),
               std::string::npos)
         << terminal.output();
+}
+
+TEST_F(Progress, of_a_split_that_the_array_refuses_calls_no_pair_split) {
+    script("freeze_commit 1 log Adding <00A1, 00B1> to split list");
+    script("freeze_commit 1 fail 7 BCV failed with code: 120 (refused)");
+    script("freeze_commit 1 log Split end");
+    script("freeze_commit 1 sleep 2300");
+    script("freeze_commit 1 fail 13 Cannot split device p1: state: 2");
+    Terminal terminal(freezing());
+    EXPECT_EQ(terminal.finish(), 1);
+    EXPECT_NE(terminal.output().find("freeze commit; 1 device found, 1 pair to split"),
+              std::string::npos)
+        << terminal.output();
+    EXPECT_EQ(terminal.output().find("pair split"), std::string::npos) << terminal.output();
+    EXPECT_NE(terminal.screen().find("Cannot split device p1: state: 2; before that: BCV failed "
+                                     "with code: 120 (refused) (error number 13)"),
+              std::string::npos)
+        << terminal.screen();
+}
+
+TEST_F(Progress, speaks_of_no_quiescing_where_nothing_is_quiesced) {
+    const Ended ended = fimctl({"freeze", "--no-quiesce", one_});
+    EXPECT_EQ(ended.status, 0) << ended.err;
+    EXPECT_EQ(ended.err.find("quiesce the file systems"), std::string::npos) << ended.err;
+    EXPECT_NE(ended.err.find("freeze commit\n"), std::string::npos) << ended.err;
 }
 
 TEST_F(Progress, tells_since_when_a_step_is_waited_for) {
