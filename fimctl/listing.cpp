@@ -29,6 +29,26 @@ std::string judgement(const SnapshotRecord &snapshot) {
     return "good";
 }
 
+std::string milliseconds(double value) {
+    char text[40] = "";
+    snprintf(text, sizeof text, "%.1f ms", value);
+    return text;
+}
+
+// A cut that was killed has left no word of how it was.
+bool knows_its_cut(const SnapshotRecord &snapshot) {
+    if (snapshot.quiesced || snapshot.state == State::begun || snapshot.state == State::failed) {
+        return true;
+    }
+    return std::any_of(snapshot.objects.begin(), snapshot.objects.end(),
+                       [](const ObjectRecord &object) { return !object.text.empty(); });
+}
+
+std::string quiesced(const SnapshotRecord &snapshot) {
+    if (!knows_its_cut(snapshot)) return "unknown";
+    return snapshot.quiesced ? "yes, frozen for " + milliseconds(snapshot.frozen_ms) : "no";
+}
+
 const char *role(const SnapshotRecord &snapshot) {
     return snapshot.is_target ? "backup" : "primary";
 }
@@ -68,7 +88,7 @@ Json description_json(const SnapshotRecord &snapshot, const std::vector<long> &n
     json["host"] = snapshot.host;
     json["exports"] = snapshot.exports;
     json["void_reason"] = snapshot.void_reason;
-    json["quiesced"] = snapshot.quiesced;
+    json["quiesced"] = knows_its_cut(snapshot) ? Json(snapshot.quiesced) : Json(nullptr);
     json["frozen_ms"] = snapshot.frozen_ms;
     json["config"] = snapshot.config;
     json["note"] = snapshot.note;
@@ -108,12 +128,6 @@ std::string field(const std::string &name, const std::string &value) {
     std::string padded = name + ":";
     padded.resize(std::max<size_t>(padded.size() + 1, 14), ' ');
     return padded + value + "\n";
-}
-
-std::string milliseconds(double value) {
-    char text[40] = "";
-    snprintf(text, sizeof text, "%.1f ms", value);
-    return text;
 }
 
 std::string object_text(const ObjectRecord &object, bool over, const std::vector<long> &now,
@@ -173,8 +187,7 @@ std::string description(const SnapshotRecord &snapshot, const std::vector<long> 
     text += field("returned", snapshot.returned);
     text += field("copy", judgement(snapshot));
     text += field("void because", snapshot.void_reason);
-    text += field("quiesced",
-                  snapshot.quiesced ? "yes, frozen for " + milliseconds(snapshot.frozen_ms) : "no");
+    text += field("quiesced", quiesced(snapshot));
     std::string arrays;
     for (const std::string &array : snapshot.arrays())
         arrays += (arrays.empty() ? "" : " ") + array;

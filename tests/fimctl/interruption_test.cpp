@@ -183,6 +183,15 @@ TEST_F(Interruption, a_snapshot_killed_while_it_mounts_is_unmounted_by_its_relea
     EXPECT_FALSE(test::exists(copy_folder(1, 1)));
 }
 
+TEST_F(Interruption, of_a_cut_that_was_killed_it_is_unknown_whether_it_was_quiesced) {
+    script("freeze_commit 1 die");
+    EXPECT_EQ(fimctl({"freeze", "--no-quiesce", one_}).status, 3);
+    const Ended shown = fimctl({"show", "1"});
+    EXPECT_NE(shown.out.find("quiesced:"), std::string::npos) << shown.out;
+    EXPECT_NE(shown.out.find("unknown"), std::string::npos) << shown.out;
+    EXPECT_NE(fimctl({"show", "1", "--json"}).out.find("\"quiesced\": null"), std::string::npos);
+}
+
 TEST_F(Interruption, a_method_that_dies_in_the_freeze_leaves_nothing) {
     script("freeze 1 die");
     const Ended ended = fimctl({"freeze", "--no-quiesce", one_});
