@@ -5,6 +5,7 @@
 #include "fimctl/hooks.h"
 #include "fimctl/judge.h"
 #include "fimctl/log.h"
+#include "fimctl/other_states.h"
 #include "fimctl/signals.h"
 
 namespace fimctl {
@@ -21,6 +22,8 @@ std::string joined(const std::vector<std::string> &reasons) {
 int64_t Cycle::freeze(const std::vector<std::string> &paths) {
     const auto sources = check(paths);
     const int64_t id = enter(sources);
+    const std::string warning = warning_of_other_states(settings_.state);
+    if (!warning.empty()) log::problem(warning);
     FreezeJob job;
     log::progress("begun");
     const SnapshotRecord snapshot = known(id);
