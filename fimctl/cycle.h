@@ -91,6 +91,7 @@ class Cycle {
     // caller here is no reason to leave the copy alone.
     Outcome when_free(int heard, const std::function<Outcome()> &phase) const;
     Outcome text_phase(int64_t id, TextWork work, const std::vector<std::string> &texts);
+    void end_killed_mount(const SnapshotRecord &snapshot);
     std::string take_rest_down(const SnapshotRecord &snapshot);
     void frozen_between_hooks(int64_t id, const FreezeJob &job);
     void freeze_phase(int64_t id, const FreezeJob &job);

@@ -63,7 +63,7 @@ bool every_text_is_there(const SnapshotRecord &snapshot) {
 }
 
 // A busy copy is what makes a thaw fail, and who looks for its users needs its directory.
-std::string remedy_of_thaw(const SnapshotRecord &snapshot) {
+std::string remedy_of_thaw(const SnapshotRecord &snapshot, const std::string &command) {
     std::string directories;
     for (const ObjectRecord &object : snapshot.objects) {
         if (is_mount_point(object.fifs)) directories += " " + shell_word(object.fifs);
@@ -74,8 +74,8 @@ std::string remedy_of_thaw(const SnapshotRecord &snapshot) {
         }
     }
     if (directories.empty()) return "";
-    return "end whatever uses the copy (fuser -vm" + directories + "), then: fimctl release " +
-           std::to_string(snapshot.id);
+    return "end whatever uses the copy (fuser -vm" + directories + "), then: fimctl " + command +
+           " " + std::to_string(snapshot.id);
 }
 
 Failure not_to_be_mounted(const SnapshotRecord &snapshot) {
@@ -115,11 +115,14 @@ Cycle::Outcome Cycle::text_phase(int64_t id, TextWork work, const std::vector<st
 std::vector<std::string> Cycle::mount(int64_t id) {
     lock(id);
     SnapshotRecord snapshot = known(id);
-    if (snapshot.state != State::frozen || !snapshot.void_reason.empty()) {
-        throw not_to_be_mounted(snapshot);
-    }
+    const bool fits = snapshot.state == State::frozen || snapshot.state == State::mounting;
+    if (!fits || !snapshot.void_reason.empty()) throw not_to_be_mounted(snapshot);
     refuse_away(snapshot, "mount", false);
     refuse_lost(catalogue_, snapshot);
+    if (snapshot.state == State::mounting) {
+        end_killed_mount(snapshot);
+        snapshot = known(id);
+    }
     // An empty folder is soon tidied away, and one in memory does not outlive its host.
     for (const ObjectRecord &object : snapshot.objects) make_folder(object.fifs);
     HookedStep step(settings_, HookPhase::pre_mount, snapshot);
@@ -147,6 +150,26 @@ std::vector<std::string> Cycle::mount(int64_t id) {
         failure.code = ExitCode::left;
         failure.afterwards = "taking the copy down failed: " + trouble;
     }
+    throw failure;
+}
+
+// The mirrors hold the copy still, and nobody has used it. What is up of it is taken down as a
+// release would, without the release's end on the array, so that the mount begins anew.
+void Cycle::end_killed_mount(const SnapshotRecord &snapshot) {
+    log::progress("takes down what a killed mount has left");
+    const Outcome outcome = text_phase(snapshot.id, TextWork::take_down, texts_of(snapshot));
+    if (outcome.done) {
+        catalogue_.clear_mounted(snapshot.id);
+        catalogue_.set_state(snapshot.id, State::frozen);
+        return;
+    }
+    Failure failure = outcome.as_failure(ExitCode::left);
+    if (failure.code == ExitCode::failed) failure.code = ExitCode::left;
+    failure.id = static_cast<long>(snapshot.id);
+    failure.afterwards = "the copy is there still; what a killed mount has left of it is up";
+    failure.next = failure.step == Step::thaw ? remedy_of_thaw(snapshot, "mount") : "";
+    if (failure.next.empty()) failure.next = "fimctl mount " + std::to_string(snapshot.id);
+    note(snapshot.id, std::string(name_of(failure.step)) + ": " + failure.what());
     throw failure;
 }
 
@@ -214,7 +237,7 @@ void Cycle::end_release(const SnapshotRecord &snapshot, const Outcome &outcome) 
     const bool told = failure.code == ExitCode::owned || failure.code == ExitCode::array ||
                       failure.code == ExitCode::interrupted;
     if (!unchanged || !told) failure.code = ExitCode::left;
-    if (failure.step == Step::thaw) failure.next = remedy_of_thaw(snapshot);
+    if (failure.step == Step::thaw) failure.next = remedy_of_thaw(snapshot, "release");
     failure.id = static_cast<long>(snapshot.id);
     if (failure.code == ExitCode::left && snapshot.is_away()) {
         // What it ends with is a release, and without the word that one would be refused.

@@ -183,6 +183,38 @@ TEST_F(Interruption, a_snapshot_killed_while_it_mounts_is_unmounted_by_its_relea
     EXPECT_FALSE(test::exists(copy_folder(1, 1)));
 }
 
+TEST_F(Interruption, a_mount_that_was_killed_is_begun_anew_by_the_next_one) {
+    ASSERT_EQ(fimctl({"freeze", "--no-quiesce", one_}).status, 0);
+    script("ckpt 1 sleep 60000");
+    EXPECT_EQ(signal_at("volumes", SIGKILL, {"mount", "1"}).status, -1);
+    EXPECT_EQ(snapshot(1).state, State::mounting);
+    test::write_file("/var/fake/script", "");
+    const Ended ended = fimctl({"mount", "1"});
+    EXPECT_EQ(ended.status, 0) << ended.err;
+    EXPECT_EQ(ended.out, copy_folder(1, 1) + "\n");
+    EXPECT_TRUE(story().ends_with("rebuild volumes ckpt rebuild thaw rebuild volumes ckpt"))
+        << story() << ": taken down, never committed, and brought up";
+    EXPECT_EQ(snapshot(1).state, State::mounted);
+    EXPECT_EQ(array_state("00A1"), 5);
+    EXPECT_EQ(fimctl({"release", "1"}).status, 0);
+    EXPECT_FALSE(test::exists(copy_folder(1, 1)));
+}
+
+TEST_F(Interruption, what_a_killed_mount_has_left_and_cannot_be_taken_down_stops_the_next_one) {
+    ASSERT_EQ(fimctl({"freeze", "--no-quiesce", one_}).status, 0);
+    script("ckpt 1 sleep 60000");
+    EXPECT_EQ(signal_at("volumes", SIGKILL, {"mount", "1"}).status, -1);
+    test::write_file("/var/fake/script", "");
+    script("thaw 1 fail 7 busy");
+    const Ended ended = fimctl({"mount", "1"});
+    EXPECT_EQ(ended.status, 3) << ended.err;
+    EXPECT_NE(ended.err.find("busy"), std::string::npos) << ended.err;
+    EXPECT_NE(ended.err.find("fimctl mount 1"), std::string::npos) << ended.err;
+    EXPECT_EQ(snapshot(1).state, State::mounting);
+    test::write_file("/var/fake/script", "");
+    EXPECT_EQ(fimctl({"mount", "1"}).status, 0);
+}
+
 TEST_F(Interruption, of_a_cut_that_was_killed_it_is_unknown_whether_it_was_quiesced) {
     script("freeze_commit 1 die");
     EXPECT_EQ(fimctl({"freeze", "--no-quiesce", one_}).status, 3);

@@ -123,6 +123,24 @@ TEST_F(FimctlVolumes, killed_while_the_group_comes_up_are_taken_down_by_the_rele
     expect_nothing_left();
 }
 
+TEST_F(FimctlVolumes, killed_while_the_group_comes_up_are_mounted_by_the_next_mount_needs_root) {
+    make_group();
+    ask_for_import();
+    fim(std::string("freeze ") + with_import + " /data/vol1 /data/vol2");
+    fim("export 1 --output /exchange/out");
+    on("backup1");
+    fim("import /exchange/out");
+    replace("/usr/sbin/qzvol", kill_it);
+    killed_fim("mount 1");
+    put_back("/usr/sbin/qzvol");
+    EXPECT_NE(host("qzdg list"), "") << "the group is imported";
+    fim("mount 1");
+    expect_as_frozen("vol1", "/var/lib/fimctl/mnt/client1-1-1");
+    expect_as_frozen("vol2", "/var/lib/fimctl/mnt/client1-1-2");
+    fim("release 1");
+    expect_nothing_left();
+}
+
 TEST_F(FimctlVolumes, that_cannot_be_started_leave_no_group_behind_needs_root) {
     make_group();
     ask_for_import();
