@@ -104,11 +104,15 @@ void Cycle::run(const std::vector<std::string> &paths, const std::vector<std::st
         failed = std::make_unique<Failure>(failure);
         failed->id = static_cast<long>(id);
     }
+    std::string told;
     try {
+        told = known(id).note;
         release(id);
     } catch (Failure &failure) {
         if (failed == nullptr) {
             failure.code = ExitCode::left;
+            failure.afterwards = command.front() + " ended with status 0" +
+                                 (failure.afterwards.empty() ? "" : "; " + failure.afterwards);
             throw;
         }
         failed->code = ExitCode::left;
@@ -116,7 +120,13 @@ void Cycle::run(const std::vector<std::string> &paths, const std::vector<std::st
         throw *failed;
     }
     if (failed == nullptr) return;
-    if (failed->code == ExitCode::left) failed->code = ExitCode::failed;
+    // The release has succeeded, not the run.
+    note(id, told);
+    if (failed->code == ExitCode::left || failed->code == ExitCode::usage) {
+        // What there was to do about the snapshot is done.
+        failed->code = ExitCode::failed;
+        failed->next.clear();
+    }
     failed->afterwards = "the snapshot is released";
     throw *failed;
 }

@@ -130,6 +130,7 @@ std::vector<std::string> Cycle::mount(int64_t id) {
     const Outcome outcome = text_phase(id, TextWork::mount, texts_of(snapshot));
     if (outcome.done) {
         catalogue_.set_state(id, State::mounted);
+        note(id, "");
         step.done(known(id));
         std::vector<std::string> copies;
         for (const ObjectRecord &object : known(id).objects) copies.push_back(object.copy);
@@ -226,6 +227,7 @@ void Cycle::release(int64_t id) {
 void Cycle::end_release(const SnapshotRecord &snapshot, const Outcome &outcome) {
     if (outcome.done) {
         catalogue_.set_state(snapshot.id, State::released);
+        note(snapshot.id, "");
         remove_folders(snapshot);
         log::outcome("released");
         return;

@@ -308,6 +308,7 @@ void Restore::end_restored(const RestorePlan &plan, const Cycle::Outcome &outcom
     if (trouble.empty()) trouble = mount_restored(plan);
     if (trouble.empty()) {
         catalogue_.set_state(plan.id, State::restored);
+        cycle_.note(plan.id, "");
         cycle_.remove_folders(cycle_.known(plan.id));
         log::outcome("restored");
         return;

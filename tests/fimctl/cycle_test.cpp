@@ -290,7 +290,31 @@ TEST_F(Cycle, a_failed_thaw_commit_of_a_run_leaves_something_to_clean) {
     const Ended ended = run({"true"});
     EXPECT_EQ(ended.status, 3);
     EXPECT_NE(ended.err.find("mounted, then: fimctl release 1\n"), std::string::npos) << ended.err;
+    EXPECT_NE(ended.err.find("then: true ended with status 0\n"), std::string::npos) << ended.err;
     EXPECT_EQ(snapshot(1).state, State::releasing);
+}
+
+TEST_F(Cycle, a_failure_is_the_last_one_until_a_later_step_succeeds) {
+    script("volumes 1 fail 3 TimeFinder_volumes: Q_fsck failed");
+    script("thaw_commit 1 fail 3 establish failed");
+    ASSERT_EQ(freeze().status, 0);
+    EXPECT_EQ(fimctl({"mount", "1"}).status, 1);
+    EXPECT_EQ(snapshot(1).note, "volumes: TimeFinder_volumes: Q_fsck failed");
+    test::write_file("/var/fake/script", "thaw_commit 1 fail 3 establish failed\n");
+    EXPECT_EQ(fimctl({"mount", "1"}).status, 0);
+    EXPECT_EQ(snapshot(1).note, "");
+    EXPECT_EQ(fimctl({"release", "1"}).status, 3);
+    EXPECT_EQ(snapshot(1).note, "thaw commit: establish failed");
+    test::write_file("/var/fake/script", "");
+    EXPECT_EQ(fimctl({"release", "1"}).status, 0);
+    EXPECT_EQ(fimctl({"show", "1"}).out.find("last failure"), std::string::npos);
+}
+
+TEST_F(Cycle, a_run_that_failed_keeps_its_failure_when_its_release_succeeds) {
+    script("volumes 1 fail 3 TimeFinder_volumes: Q_fsck failed");
+    EXPECT_EQ(run({"true"}).status, 1);
+    EXPECT_EQ(snapshot(1).state, State::released);
+    EXPECT_EQ(snapshot(1).note, "volumes: TimeFinder_volumes: Q_fsck failed");
 }
 
 TEST_F(Cycle, a_freeze_that_meets_another_owner_says_who_and_ends_with_11) {
