@@ -14,7 +14,7 @@ struct Records {
     explicit Records(int pairs);
     // Empty ones, to read into.
     enum class Devices { kept, passed_over };
-    explicit Records(Devices devices) : keeps_(devices == Devices::kept) {}
+    explicit Records(Devices devices = Devices::kept) : keeps_(devices == Devices::kept) {}
     ~Records();
     Records(const Records &) = delete;
     Records &operator=(const Records &) = delete;

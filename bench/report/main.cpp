@@ -69,9 +69,10 @@ constexpr char introduction[] = R"(# Speed and scale
 
 Written by `./dev bench`. Every figure is the ratio of two things that were measured in one run on the
 same work. *ahead of*: how many times faster the first is; *to*: how many times the cost of the second
-the first has; *beside it*: the same of the first and others. Median of the repetitions; wall time has
-the machine's other work in it. `./dev bench --quick` asserts what does not depend on the machine. How
-it is measured: [testing.md](testing.md).
+the first has; *beside it*: the same of the first and others. Median of the repetitions, of which the
+freeze window has as few as one where the data that may be changed allows no more: its rows say how
+many. Wall time has the machine's other work in it. `./dev bench --quick` asserts what does not depend
+on the machine. How it is measured: [testing.md](testing.md).
 
 Measured on: )";
 
