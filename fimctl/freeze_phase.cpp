@@ -100,13 +100,12 @@ class FreezePhase {
     }
 
     // The commit keeps the array's answer to itself, looks at the pairs for a minute, and fails
-    // with what it sees then. Why that is so stands in the line before.
+    // with what it sees then. Why that is so comes first.
     static Failure commit_failure(const Method &method) {
         const Failure failure = method_failure(method, Step::commit);
         if (method.earlier().empty()) return failure;
         return Failure(failure.step, failure.code,
-                       std::string(failure.what()) + "; before that: " + method.earlier(),
-                       failure.number);
+                       method.earlier() + "; in the end: " + failure.what(), failure.number);
     }
 
     // Every handle is committed: the first call splits all of them, but a handle without devices of

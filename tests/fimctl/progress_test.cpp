@@ -86,8 +86,8 @@ TEST_F(Progress, of_a_split_that_the_array_refuses_calls_no_pair_split) {
               std::string::npos)
         << terminal.output();
     EXPECT_EQ(terminal.output().find("pair split"), std::string::npos) << terminal.output();
-    EXPECT_NE(terminal.screen().find("Cannot split device p1: state: 2; before that: BCV failed "
-                                     "with code: 120 (refused) (error number 13)"),
+    EXPECT_NE(terminal.screen().find("BCV failed with code: 120 (refused); in the end: Cannot "
+                                     "split device p1: state: 2 (error number 13)"),
               std::string::npos)
         << terminal.screen();
 }

@@ -139,7 +139,9 @@ TEST_F(Trouble, array_fails_before_the_split_needs_root) {
 
 TEST_F(Trouble, array_refuses_the_split_needs_root) {
     EXPECT_SAID(fails_in("SymDevListBcvControl", 1),
-                "step \"freeze commit\" failed: emc_tf_wait_for_split: Cannot split device "
+                "step \"freeze commit\" failed: emc_tf_bcv_control_all: SymAPI call to "
+                "SymDevListBcvControl to establish BCV failed with code: 114 (The array was told "
+                "to fail this call); in the end: emc_tf_wait_for_split: Cannot split device "
                 "/dev/qz/rdmp/p0: state: 2 (error number 13)");
 }
 
