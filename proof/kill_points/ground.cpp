@@ -46,6 +46,9 @@ void Ground::make_world() {
     install_tools(*world);
     for (const std::string &line : scenario_.prepare) world->host(line);
     world_ = std::move(world);
+    // As between two points: what the preparation wrote may be on its way to a mirror, and a mirror
+    // that is not yet synchronised is another case.
+    settle();
     // The first round makes what stays: the database of the array, mount points, mirrors that run.
     Wrong wrong;
     run_all(0, scenario_.processes.size(), false, wrong);
