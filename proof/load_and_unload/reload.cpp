@@ -1,8 +1,9 @@
 // One process of a host that loads the method, works with it and unloads it, again and again, and
 // looks at what stays.
 //
-// usage: tfreload CYCLES WORK       WORK: nothing, settings, refusals, snapshot, backup
+// usage: tfreload CYCLES WORK [figures]   WORK: nothing, settings, refusals, snapshot, backup
 //
+// With figures it tells what it held before and behind the cycles, "held WHAT BEFORE BEHIND", too.
 // Prints a line for each thing that grew or stayed behind, and at the end "cycles N". Status 1:
 // there was such a line; 2: the work itself failed.
 #include <dirent.h>
@@ -151,17 +152,24 @@ bool compare(int cycle, const char *what, size_t before, size_t now) {
     return true;
 }
 
+void print_figures(const Footprint &before, const Footprint &behind) {
+    printf("held bytes-of-heap %zu %zu\n", before.heap, behind.heap);
+    printf("held mappings %zu %zu\n", before.mappings, behind.mappings);
+    printf("held descriptors %zu %zu\n", before.descriptors, behind.descriptors);
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
-    if (argc != 3) give_up("usage: tfreload CYCLES WORK");
+    const bool figures = argc == 4 && strcmp(argv[3], "figures") == 0;
+    if (argc != 3 && !figures) give_up("usage: tfreload CYCLES WORK [figures]");
     const int cycles = atoi(argv[1]);
     const phase::HostState before;
-    Footprint first;
+    Footprint first, now;
     bool grown = false;
     for (int cycle = 1; cycle <= cycles + warm_up && !grown; ++cycle) {
         work(argv[2]);
-        const Footprint now = footprint();
+        now = footprint();
         grown = compare(cycle, "libraries stay mapped:", 0, now.libraries);
         if (cycle <= warm_up) {
             first = now;
@@ -175,6 +183,7 @@ int main(int argc, char **argv) {
         printf("changed %s\n", change.c_str());
         grown = true;
     }
+    if (figures) print_figures(first, now);
     printf("cycles %d\n", cycles);
     return grown ? 1 : 0;
 }
