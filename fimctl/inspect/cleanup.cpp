@@ -146,6 +146,7 @@ class Cleanup {
             return unmount(orphan.path);
         case OrphanKind::folder:
             // Only an empty one: rmdir sees to that.
+            if (!is_folder_of_own(orphan.path, settings_.state)) return "it is none of fimctl's";
             return rmdir(orphan.path.c_str()) == 0 || errno == ENOENT ? "" : strerror(errno);
         case OrphanKind::scratch:
             return remove_scratch(orphan.path);
@@ -158,10 +159,10 @@ class Cleanup {
         }
     }
 
-    static std::string unmount(const std::string &directory) {
+    std::string unmount(const std::string &directory) const {
         const ToolResult said = run_tool({"umount", "--", directory});
         if (!said.good()) return said.reason() + " (fuser -vm " + shell_word(directory) + ")";
-        rmdir(directory.c_str());
+        if (is_folder_of_own(directory, settings_.state)) rmdir(directory.c_str());
         return "";
     }
 

@@ -56,6 +56,9 @@ struct Remains {
     std::vector<CounterFile> counters;
     std::vector<std::string> groups;  // imported here, with the names of copies
 };
+// Whether fimctl, and nobody else, has made this folder for a copy: by its name, and by where it
+// lies.
+bool is_folder_of_own(const std::string &folder, const std::string &state);
 Remains look_for_remains(const Settings &settings);
 void find_strays(const Settings &settings, const Remains &remains,
                  const std::vector<SnapshotRecord> &snapshots, std::vector<Orphan> &orphans);

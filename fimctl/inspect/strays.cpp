@@ -56,6 +56,27 @@ std::vector<std::string> imported_copies() {
     return groups;
 }
 
+// HOST-ID-N, as fimctl calls the folders that it makes.
+bool has_name_of_own(const std::string &folder) {
+    std::string name = fs::path(folder).filename();
+    for (int part = 0; part < 2; ++part) {
+        const size_t dash = name.rfind('-');
+        if (dash == std::string::npos || dash == 0 || dash + 1 == name.size()) return false;
+        if (name.find_first_not_of("0123456789", dash + 1) != std::string::npos) return false;
+        name.resize(dash);
+    }
+    return true;
+}
+
+// Whether a folder lies where fimctl makes its own, and not in somebody's file system that is
+// mounted there: what is empty in a copy is a part of the copy.
+bool is_beside_the_catalogue(const std::string &folder, const std::string &state) {
+    struct stat own = {}, other = {};
+    if (stat(state.c_str(), &own) != 0 || lstat(folder.c_str(), &other) != 0) return false;
+    if (!S_ISDIR(other.st_mode) || own.st_dev != other.st_dev) return false;
+    return !is_mount_point(folder) && !is_mount_point(fs::path(folder).parent_path());
+}
+
 // Tells the remains of snapshots that are not over, or that somebody works on, from the others.
 class Strays {
   public:
@@ -63,6 +84,9 @@ class Strays {
            std::vector<Orphan> &orphans)
         : state_(settings.state), orphans_(orphans) {
         for (const SnapshotRecord &snapshot : snapshots) {
+            for (const ObjectRecord &object : snapshot.objects) {
+                if (object.made_fifs == 0) foreign_.insert(object.fifs);
+            }
             const bool is_worked_on =
                 SnapshotLock::state_of(settings.state, snapshot.id) == LockState::held;
             if (is_over(snapshot.state) && !is_worked_on) continue;
@@ -112,8 +136,9 @@ class Strays {
 
     // A place on which something is mounted goes with its mount.
     void judge_folder(const std::string &folder, const std::vector<std::string> &mounts) {
-        if (places_.count(folder) != 0) return;
+        if (places_.count(folder) != 0 || foreign_.count(folder) != 0) return;
         if (std::find(mounts.begin(), mounts.end(), folder) != mounts.end()) return;
+        if (!is_folder_of_own(folder, state_)) return;
         add(OrphanKind::folder, folder, "a place for a copy, of no snapshot");
     }
 
@@ -158,9 +183,14 @@ class Strays {
     const std::string state_;
     std::vector<Orphan> &orphans_;
     std::set<std::string> unfinished_, places_, arrays_, groups_;
+    std::set<std::string> foreign_;  // places that were there before their snapshot
 };
 
 }  // namespace
+
+bool is_folder_of_own(const std::string &folder, const std::string &state) {
+    return has_name_of_own(folder) && is_beside_the_catalogue(folder, state);
+}
 
 Remains look_for_remains(const Settings &settings) {
     Remains remains;

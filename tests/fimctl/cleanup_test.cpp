@@ -91,11 +91,11 @@ TEST_F(Cleanup, of_some_snapshots_touches_nothing_else) {
     const std::string two = add_file_system("two", symid, "00A2", "00B2");
     freeze(one_);
     freeze(two);
-    test::make_folders(state_ + "/mnt/stray");
+    test::make_folders(state_ + "/mnt/host-7-1");
     EXPECT_EQ(fimctl({"cleanup", "2"}).status, 0);
     EXPECT_EQ(snapshot(1).state, State::frozen);
     EXPECT_EQ(snapshot(2).state, State::released);
-    EXPECT_TRUE(test::exists(state_ + "/mnt/stray"));
+    EXPECT_TRUE(test::exists(state_ + "/mnt/host-7-1"));
 }
 
 TEST_F(Cleanup, of_an_unknown_snapshot_ends_with_10_before_anything_is_done) {
@@ -144,7 +144,7 @@ TEST_F(Cleanup, goes_on_after_a_release_that_fails_and_ends_with_3) {
 TEST_F(Cleanup, unmounts_strays_below_the_folder_of_copies_and_nowhere_else) {
     freeze(one_);
     ASSERT_EQ(fimctl({"release", "1"}).status, 0);
-    const std::string stray = state_ + "/mnt/stray";
+    const std::string stray = state_ + "/mnt/host-7-1";
     test::make_folders(stray);
     test::make_folders("/elsewhere");
     ASSERT_EQ(mount("tmpfs", stray.c_str(), "tmpfs", 0, nullptr), 0);
@@ -160,7 +160,7 @@ TEST_F(Cleanup, unmounts_strays_below_the_folder_of_copies_and_nowhere_else) {
 TEST_F(Cleanup, a_stray_that_is_in_use_is_left_with_the_way_to_its_users) {
     freeze(one_);
     ASSERT_EQ(fimctl({"release", "1"}).status, 0);
-    const std::string stray = state_ + "/mnt/stray";
+    const std::string stray = state_ + "/mnt/host-7-1";
     test::make_folders(stray);
     ASSERT_EQ(mount("tmpfs", stray.c_str(), "tmpfs", 0, nullptr), 0);
     const int user = open(stray.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -174,9 +174,29 @@ TEST_F(Cleanup, a_stray_that_is_in_use_is_left_with_the_way_to_its_users) {
 TEST_F(Cleanup, a_folder_in_the_place_of_a_copy_is_removed_only_when_it_is_empty) {
     freeze(one_);
     ASSERT_EQ(fimctl({"release", "1"}).status, 0);
-    test::write_file(state_ + "/mnt/full/precious", "data");
+    test::write_file(state_ + "/mnt/host-7-2/precious", "data");
     EXPECT_EQ(fimctl({"cleanup"}).status, 3);
-    EXPECT_TRUE(test::exists(state_ + "/mnt/full/precious"));
+    EXPECT_TRUE(test::exists(state_ + "/mnt/host-7-2/precious"));
+}
+
+// What is empty in a copy is a part of the copy: only what fimctl has made is taken away.
+TEST_F(Cleanup, removes_no_folder_that_fimctl_has_not_made) {
+    freeze(one_);
+    ASSERT_EQ(fimctl({"release", "1"}).status, 0);
+    const std::string folder = state_ + "/mnt";
+    test::make_folders(folder + "/own");
+    test::make_folders(folder + "/host-x-1");
+    EXPECT_EQ(fimctl({"cleanup"}).status, 0);
+    EXPECT_TRUE(test::exists(folder + "/own"));
+    EXPECT_TRUE(test::exists(folder + "/host-x-1"));
+    // A copy that an earlier release was told to mount on the folder of the copies.
+    ASSERT_EQ(mount("tmpfs", folder.c_str(), "tmpfs", 0, nullptr), 0);
+    test::make_folders(folder + "/lost+found");
+    test::make_folders(folder + "/host-7-1");
+    EXPECT_EQ(fimctl({"cleanup"}).status, 0);
+    EXPECT_TRUE(test::exists(folder + "/lost+found"));
+    EXPECT_TRUE(test::exists(folder + "/host-7-1"));
+    ASSERT_EQ(umount(folder.c_str()), 0);
 }
 
 TEST_F(Cleanup, takes_temporary_files_and_counter_files_of_dead_owners_away) {

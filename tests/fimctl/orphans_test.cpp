@@ -186,7 +186,7 @@ TEST_F(Orphans, a_counter_file_that_the_method_would_not_take_over_is_left_to_th
 
 TEST_F(Orphans, a_mount_below_the_folder_of_copies_belongs_to_a_snapshot_or_is_named) {
     freeze();
-    const std::string own = copy_folder(1, 1), stray = state_ + "/mnt/stray";
+    const std::string own = copy_folder(1, 1), stray = state_ + "/mnt/host-7-1";
     test::make_folders(stray + "/deep");
     ASSERT_EQ(mount("tmpfs", own.c_str(), "tmpfs", 0, nullptr), 0);
     ASSERT_EQ(mount("tmpfs", stray.c_str(), "tmpfs", 0, nullptr), 0);
@@ -268,13 +268,13 @@ TEST_F(Orphans, a_snapshot_in_the_hands_of_the_backup_host_is_named_with_both_wa
 TEST_F(Orphans, nothing_is_changed_by_looking) {
     freeze();
     test::write_file(state_ + "/tmp/9/QfMSleft", "left");
-    test::make_folders(state_ + "/mnt/stray");
+    test::make_folders(state_ + "/mnt/host-7-1");
     write_counter("0001845004560000", 2000000000);
     const std::string before = story();
     orphans();
     EXPECT_EQ(story(), before);
     EXPECT_TRUE(test::exists(state_ + "/tmp/9/QfMSleft"));
-    EXPECT_TRUE(test::exists(state_ + "/mnt/stray"));
+    EXPECT_TRUE(test::exists(state_ + "/mnt/host-7-1"));
     EXPECT_EQ(orphans().size(), 4U);
 }
 
