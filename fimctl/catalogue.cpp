@@ -183,7 +183,7 @@ void Catalogue::set_objects(int64_t id, const std::vector<ObjectRecord> &objects
             .bind(object.kind)
             .bind(object.inside)
             .bind(object.device)
-            .bind(static_cast<int64_t>(object.made_fifs))
+            .bind(object.made_fifs)
             .bind(object.mount_dir)
             .bind(object.vol_group)
             .bind(object.vol_name)
@@ -316,7 +316,7 @@ void Catalogue::load_objects(SnapshotRecord &snapshot) {
         object.kind = objects.text();
         object.inside = objects.text();
         object.device = objects.integer();
-        object.made_fifs = objects.integer() != 0;
+        object.made_fifs = objects.integer();
         object.mount_dir = objects.text();
         object.vol_group = objects.text();
         object.vol_name = objects.text();

@@ -45,10 +45,10 @@ struct PairRecord {
 
 struct ObjectRecord {
     std::string source, fifs;
-    std::string kind;    // "file system", "block device", "raw device"
-    std::string inside;  // the source below the root of its file system
-    int64_t device = 0;  // device number of the source on this host
-    bool made_fifs = false;
+    std::string kind;           // "file system", "block device", "raw device"
+    std::string inside;         // the source below the root of its file system
+    int64_t device = 0;         // device number of the source on this host
+    int64_t made_fifs = 0;      // how many folders were made for the copy: fifs and those above it
     std::string mount_dir;      // where the original was mounted at the cut, or ""
     std::string vol_group;      // disk group and volume of a volume; "" for anything else
     std::string vol_name;       //

@@ -79,8 +79,9 @@ class Cycle {
     int64_t enter(const std::vector<Source> &sources);
     std::vector<SourceDevice> devices_below_if_any_is_held(const std::vector<Source> &sources);
     void check_before_undo(const SnapshotRecord &snapshot);
-    void check_mount_at(const std::vector<Source> &sources);
     std::vector<ObjectRecord> plan_objects(int64_t id, const std::vector<Source> &sources);
+    void plan_object(int64_t id, const std::vector<Source> &sources, size_t i,
+                     std::vector<ObjectRecord> &objects);
     void remove_folders(const SnapshotRecord &snapshot);
 
     // Phases (cycle.cpp, cycle_freeze.cpp, cycle_texts.cpp).

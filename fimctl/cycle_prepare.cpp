@@ -63,12 +63,6 @@ std::string real_name(const std::string &folder) {
     return real;
 }
 
-// The directory of the copy of object number (from 0) of count, as --mount-at names it.
-std::string mount_folder(const std::string &mount_at, size_t number, size_t count) {
-    const std::string folder = absolute_path(mount_at);
-    return count > 1 ? folder + "/" + std::to_string(number + 1) : folder;
-}
-
 }  // namespace
 
 std::vector<WrittenPlace> written_places(const Settings &settings) {
@@ -89,7 +83,7 @@ std::vector<Source> Cycle::check(const std::vector<std::string> &paths) {
         throw unusable("--state: a newline in the path");
     }
     refuse_without_device(sources);
-    check_mount_at(sources);
+    refuse_mount_at(settings_, sources);
     if (settings_.quiesce) refuse_writing_to_frozen(sources, written_places(settings_));
     if (access(settings_.method.c_str(), R_OK) != 0) {
         throw Failure(Step::load, ExitCode::failed,
@@ -97,29 +91,6 @@ std::vector<Source> Cycle::check(const std::vector<std::string> &paths) {
     }
     probe_array();
     return sources;
-}
-
-void Cycle::check_mount_at(const std::vector<Source> &sources) {
-    const std::string &wanted = settings_.mount_at;
-    if (wanted.empty()) return;
-    for (size_t i = 0; i < sources.size(); ++i) {
-        const std::string folder = mount_folder(wanted, i, sources.size());
-        if (folder.find('\n') != std::string::npos) {
-            throw unusable("--mount-at: a newline in the path");
-        }
-        std::error_code error;
-        const std::string real = fs::weakly_canonical(folder, error);
-        if (error) throw unusable(folder + ": " + error.message());
-        for (const Source &source : sources) {
-            if (source.mount_dir != real) continue;
-            throw unusable(
-                "--mount-at: " + folder +
-                " is where the original is mounted; the copy needs a directory of its own");
-        }
-        if (is_mount_point(real)) {
-            throw unusable("--mount-at: " + folder + " is a mount point already");
-        }
-    }
 }
 
 // The array is only asked where it can matter.
@@ -165,28 +136,36 @@ int64_t Cycle::enter(const std::vector<Source> &sources) {
 
 std::vector<ObjectRecord> Cycle::plan_objects(int64_t id, const std::vector<Source> &sources) {
     std::vector<ObjectRecord> objects;
-    for (size_t i = 0; i < sources.size(); ++i) {
-        std::string folder;
-        if (settings_.mount_at.empty()) {
-            folder = settings_.state + "/" + path::mount_folder + "/" + short_host_name() + "-" +
-                     std::to_string(id) + "-" + std::to_string(i + 1);
-        } else {
-            folder = mount_folder(settings_.mount_at, i, sources.size());
-        }
-        ObjectRecord object;
-        object.source = sources[i].path;
-        object.kind = name_of(sources[i].kind);
-        object.inside = sources[i].inside;
-        object.device = static_cast<int64_t>(sources[i].device);
-        object.mount_dir = sources[i].mount_dir;
-        object.vol_group = sources[i].vol_group;
-        object.vol_name = sources[i].vol_name;
-        object.made_fifs = make_folder(folder);
-        object.fifs = real_name(folder);
-        if (object.fifs.size() > longest_fifs) throw unusable(object.fifs + ": path too long");
-        objects.push_back(object);
+    try {
+        for (size_t i = 0; i < sources.size(); ++i) plan_object(id, sources, i, objects);
+    } catch (const Failure &) {
+        remove_made_folders(objects);
+        throw;
     }
     return objects;
+}
+
+void Cycle::plan_object(int64_t id, const std::vector<Source> &sources, size_t i,
+                        std::vector<ObjectRecord> &objects) {
+    ObjectRecord &object = objects.emplace_back();
+    const bool own = settings_.mount_at.empty();
+    const std::string folder = own ? settings_.state + "/" + path::mount_folder + "/" +
+                                         short_host_name() + "-" + std::to_string(id) + "-" +
+                                         std::to_string(i + 1)
+                                   : mount_folder(settings_.mount_at, i, sources.size());
+    object.source = sources[i].path;
+    object.kind = name_of(sources[i].kind);
+    object.inside = sources[i].inside;
+    object.device = static_cast<int64_t>(sources[i].device);
+    object.mount_dir = sources[i].mount_dir;
+    object.vol_group = sources[i].vol_group;
+    object.vol_name = sources[i].vol_name;
+    object.fifs = folder;
+    object.made_fifs = make_folder(folder);
+    // One of fimctl's own is its own also when a killed fimctl has made it; what lies above stays.
+    if (own) object.made_fifs = 1;
+    object.fifs = real_name(folder);
+    if (object.fifs.size() > longest_fifs) throw unusable(object.fifs + ": path too long");
 }
 
 // To undo a cut is to freeze the same paths again. What they lead to by now may be something else,
@@ -205,9 +184,7 @@ void Cycle::check_before_undo(const SnapshotRecord &snapshot) {
 
 // Only what was made for this snapshot, and only when it is empty: rmdir sees to that.
 void Cycle::remove_folders(const SnapshotRecord &snapshot) {
-    for (const ObjectRecord &object : snapshot.objects) {
-        if (object.made_fifs) rmdir(object.fifs.c_str());
-    }
+    remove_made_folders(snapshot.objects);
     std::error_code error;
     fs::remove_all(scratch(snapshot.id), error);
 }

@@ -123,8 +123,12 @@ std::vector<std::string> Cycle::mount(int64_t id) {
         end_killed_mount(snapshot);
         snapshot = known(id);
     }
-    // An empty folder is soon tidied away, and one in memory does not outlive its host.
-    for (const ObjectRecord &object : snapshot.objects) make_folder(object.fifs);
+    for (const ObjectRecord &object : snapshot.objects) {
+        refuse_in_use(object.fifs + ", where the copy is to be mounted,", object.fifs,
+                      "take away what is there, then: fimctl mount " + std::to_string(id));
+        // An empty folder is soon tidied away, and one in memory does not outlive its host.
+        make_folder(object.fifs);
+    }
     HookedStep step(settings_, HookPhase::pre_mount, snapshot);
     catalogue_.set_state(id, State::mounting);
     const Outcome outcome = text_phase(id, TextWork::mount, texts_of(snapshot));

@@ -223,9 +223,7 @@ int64_t take_in(Catalogue &catalogue, TravelDocument &document) {
         enter_objects(catalogue, id, snapshot.objects);
         whole.commit();
     } catch (const Failure &) {
-        for (const ObjectRecord &object : snapshot.objects) {
-            if (object.made_fifs) rmdir(object.fifs.c_str());
-        }
+        remove_made_folders(snapshot.objects);
         throw;
     }
     return id;

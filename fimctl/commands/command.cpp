@@ -58,6 +58,10 @@ void Commands::perform() {
     entry.perform();
 }
 
+std::string trouble_of_folder(const std::string &text) {
+    return text.empty() ? "\"\" is no directory; leave the option out for one of fimctl's own" : "";
+}
+
 std::string trouble_of_id(const std::string &text) {
     if (!text.empty() && text.find_first_not_of("0123456789") == std::string::npos) return "";
     return "\"" + text + "\" is no snapshot's number; fimctl list shows them";

@@ -67,6 +67,8 @@ void add_completion_commands(Commands &commands);     // completion
 
 // Of the commands that take one: the number of a snapshot.
 void add_id(CLI::App *command, int64_t &id);
+// Why a word cannot be the directory of a copy; "" when it can.
+std::string trouble_of_folder(const std::string &text);
 // Why a word of the command line is no number of a snapshot; "" when it is one.
 std::string trouble_of_id(const std::string &text);
 

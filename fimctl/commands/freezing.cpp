@@ -16,6 +16,7 @@ void add_options(CLI::App *command, Commands &commands, Options &options) {
     command
         ->add_option("--mount-at", commands.common().settings.mount_at,
                      "where the copy is mounted (several paths: DIR/1, DIR/2, ...)")
+        ->check(trouble_of_folder)
         ->type_name("DIR");
     commands.configuration().add_options(command, Scope::freezing);
 }

@@ -41,6 +41,7 @@ void add_plan(Commands &commands, const std::shared_ptr<Options> &options) {
                      Access::working, [&common, options] { plan(common, *options); });
     planned->add_option("PATH", options->paths, "file systems or devices")->required();
     planned->add_option("--mount-at", common.settings.mount_at, "where the copy would be mounted")
+        ->check(trouble_of_folder)
         ->type_name("DIR");
     commands.configuration().add_options(planned, Scope::freezing);
     planned->add_flag("--json", options->json, "one JSON document");

@@ -12,6 +12,7 @@
 #include "fimctl/command.h"
 #include "fimctl/inspect/doctor.h"
 #include "fimctl/paths.h"
+#include "fimctl/source.h"
 
 namespace fimctl {
 namespace {
@@ -157,7 +158,11 @@ void examine_folders(const Settings &settings, Findings &findings) {
 void examine_mount_table(Findings &findings) {
     const std::string subject = "mount table";
     const std::string file = path::method_mount_table;
-    const std::string remedy = "ln -sf ../proc/self/mounts " + file;
+    const std::string folder = file.substr(0, file.rfind('/'));
+    // What is mounted there is not this host's own, and a link would be written into a copy.
+    const std::string remedy =
+        is_mount_point(folder) ? "umount " + folder + ": what is mounted there hides the host's own"
+                               : "ln -sf ../proc/self/mounts " + file;
     std::set<std::pair<std::string, std::string>> table, kernel;
     if (!read_table(file.c_str(), table)) {
         findings.fail(subject, file + ": " + strerror(errno), remedy);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <map>
 
+#include "fimctl/copy_folder.h"
 #include "fimctl/disk_group.h"
 #include "fimctl/held_devices.h"
 
@@ -94,6 +95,7 @@ Plan make_plan(const Settings &settings, const std::vector<std::string> &paths) 
         plan.quiesced = file_systems_of(sources);
         as_problem(plan, [&] { refuse_writing_to_frozen(sources, written_places(settings)); });
     }
+    as_problem(plan, [&] { refuse_mount_at(settings, sources); });
     const auto snapshots = snapshots_of(settings);
     const bool held = find_holders(sources, snapshots, plan);
     as_problem(plan, [&] { refuse_equal_clone_names(sources, snapshots); });

@@ -1,4 +1,5 @@
 // doctor: each thing that a host lacks is named with its remedy, and nothing is changed.
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -238,6 +239,14 @@ TEST_F(Doctor, a_mount_table_that_is_not_current_is_told) {
     EXPECT_TRUE(says(finding("mount table", "warn"), "still lists /dev/qz/dmp/gone on /gone"));
     unlink("/etc/mtab");
     EXPECT_TRUE(says(finding("mount table", "fail"), "ln -sf ../proc/self/mounts /etc/mtab"));
+}
+
+TEST_F(Doctor, never_tells_to_write_into_what_hides_the_host_s_own_mount_table) {
+    ASSERT_EQ(mount("tmpfs", "/etc", "tmpfs", 0, nullptr), 0);
+    const Json told = finding("mount table", "fail");
+    ASSERT_EQ(umount("/etc"), 0);
+    EXPECT_EQ(told.dump().find("ln -sf"), std::string::npos) << told;
+    EXPECT_TRUE(says(told, "umount /etc: what is mounted there hides the host's own"));
 }
 
 TEST_F(Doctor, a_method_without_an_entry_point_fails) {

@@ -188,4 +188,76 @@ TEST_F(Sources, a_symbolic_link_to_the_mount_directory_is_resolved_for_the_metho
     EXPECT_EQ(snapshot(1).objects[0].fifs, "/real/copy");
 }
 
+TEST_F(Sources, mount_at_takes_only_a_directory_that_is_missing_or_empty) {
+    const auto one = add_file_system("one", "000184500123", "00A1", "00B1");
+    test::write_file("/copies/precious", "data");
+    for (const std::string taken : {"/copies", "/copies/precious", "/etc", "/"}) {
+        const auto ended = fimctl({"freeze", "--no-quiesce", "--mount-at", taken, one});
+        EXPECT_EQ(ended.status, 2) << taken;
+        EXPECT_NE(ended.err.find("--mount-at: " + taken), std::string::npos) << ended.err;
+        EXPECT_NE(ended.err.find("next: name "), std::string::npos) << ended.err;
+        const auto planned = fimctl({"plan", "--no-quiesce", "--mount-at", taken, one});
+        EXPECT_NE(planned.out.find("--mount-at: " + taken), std::string::npos) << planned.out;
+    }
+    EXPECT_TRUE(story().empty());
+    EXPECT_EQ(fimctl({"list", "--all"}).out, "no snapshots\n");
+}
+
+TEST_F(Sources, an_empty_word_is_no_directory_for_a_copy) {
+    const auto one = add_file_system("one", "000184500123", "00A1", "00B1");
+    for (const std::string command : {"freeze", "plan"}) {
+        const auto ended = fimctl({command, "--no-quiesce", "--mount-at", "", one});
+        EXPECT_EQ(ended.status, 2);
+        EXPECT_NE(ended.err.find("leave the option out"), std::string::npos) << ended.err;
+    }
+    EXPECT_TRUE(story().empty());
+}
+
+TEST_F(Sources, the_copy_is_never_mounted_in_at_or_above_the_state_folder) {
+    const auto one = add_file_system("one", "000184500123", "00A1", "00B1");
+    for (const std::string &taken :
+         {state_, state_ + "/mnt", state_ + "/mnt/own", std::string("/var/lib")}) {
+        const auto ended = fimctl({"freeze", "--no-quiesce", "--mount-at", taken, one});
+        EXPECT_EQ(ended.status, 2) << taken;
+        EXPECT_NE(ended.err.find("the state folder " + state_), std::string::npos) << ended.err;
+        EXPECT_NE(ended.err.find("next: name a directory elsewhere"), std::string::npos);
+    }
+    EXPECT_TRUE(story().empty());
+}
+
+TEST_F(Sources, a_directory_that_has_filled_up_since_the_freeze_is_not_mounted_over) {
+    const auto one = add_file_system("one", "000184500123", "00A1", "00B1");
+    ASSERT_EQ(fimctl({"freeze", "--no-quiesce", "--mount-at", "/copies", one}).status, 0);
+    test::write_file("/copies/precious", "data");
+    const auto ended = fimctl({"mount", "1"});
+    EXPECT_EQ(ended.status, 2);
+    EXPECT_NE(ended.err.find("/copies, where the copy is to be mounted, is not empty"),
+              std::string::npos)
+        << ended.err;
+    EXPECT_NE(ended.err.find("then: fimctl mount 1"), std::string::npos) << ended.err;
+    unlink("/copies/precious");
+    EXPECT_EQ(fimctl({"mount", "1"}).status, 0);
+}
+
+TEST_F(Sources, what_was_made_for_a_copy_goes_again_with_all_that_was_made_above_it) {
+    const auto one = add_file_system("one", "000184500123", "00A1", "00B1");
+    const auto two = add_file_system("two", "000184500123", "00A2", "00B2");
+    const std::vector<std::string> words = {"freeze", "--no-quiesce", "--mount-at", "/nodir/a", one,
+                                            two};
+    script("freeze 1 fail 5 no");
+    EXPECT_EQ(fimctl(words).status, 1);
+    EXPECT_FALSE(test::exists("/nodir"));
+    test::write_file("/var/fake/script", "");
+    ASSERT_EQ(fimctl(words).status, 0);
+    EXPECT_TRUE(test::exists("/nodir/a/2"));
+    EXPECT_EQ(fimctl({"release", "2"}).status, 0);
+    EXPECT_FALSE(test::exists("/nodir"));
+    // The second of the two cannot be made: the first one goes as well.
+    test::make_folders("/nodir");
+    const std::string longest(1020, 'x');
+    EXPECT_EQ(fimctl({"freeze", "--no-quiesce", "--mount-at", "/nodir/a/" + longest, one}).status,
+              2);
+    EXPECT_FALSE(test::exists("/nodir/a"));
+}
+
 }  // namespace
