@@ -7,11 +7,13 @@
 
 #include "fimctl/away.h"
 #include "fimctl/copy_folder.h"
+#include "fimctl/copy_users.h"
 #include "fimctl/cycle.h"
 #include "fimctl/frozen_mark.h"
 #include "fimctl/hooks.h"
 #include "fimctl/log.h"
 #include "fimctl/lost_copy.h"
+#include "fimctl/method.h"
 #include "fimctl/restore/restore.h"
 #include "fimctl/signals.h"
 #include "fimctl/tool.h"
@@ -76,6 +78,19 @@ std::string remedy_of_thaw(const SnapshotRecord &snapshot, const std::string &co
     if (directories.empty()) return "";
     return "end whatever uses the copy (fuser -vm" + directories + "), then: fimctl " + command +
            " " + std::to_string(snapshot.id);
+}
+
+// The most frequent failure of a release is a busy copy, and the one of which the method says
+// least.
+Failure failed_thaw(const Failure &told, const SnapshotRecord &snapshot) {
+    const std::string text = told.what();
+    const std::string holds = what_holds(snapshot);
+    const std::string whole = holds.empty()                         ? text
+                              : text.starts_with(no_method_message) ? holds
+                                                                    : text + "; " + holds;
+    Failure failure(told.step, told.code, whole, told.number);
+    failure.next = remedy_of_thaw(snapshot, "release");
+    return failure;
 }
 
 Failure not_to_be_mounted(const SnapshotRecord &snapshot) {
@@ -243,7 +258,7 @@ void Cycle::end_release(const SnapshotRecord &snapshot, const Outcome &outcome) 
     const bool told = failure.code == ExitCode::owned || failure.code == ExitCode::array ||
                       failure.code == ExitCode::interrupted;
     if (!unchanged || !told) failure.code = ExitCode::left;
-    if (failure.step == Step::thaw) failure.next = remedy_of_thaw(snapshot, "release");
+    if (failure.step == Step::thaw) failure = failed_thaw(failure, snapshot);
     failure.id = static_cast<long>(snapshot.id);
     if (failure.code == ExitCode::left && snapshot.is_away()) {
         // What it ends with is a release, and without the word that one would be refused.

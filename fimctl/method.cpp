@@ -93,8 +93,7 @@ bool Method::ended(int32_t status) {
 std::string Method::message() const {
     const std::string text = without_line_end(user_message_, sizeof user_message_);
     // A failed unmount returns without a message of the method's own.
-    return text.empty() ? "the method gave no message, only status " + std::to_string(status_)
-                        : text;
+    return text.empty() ? no_method_message + std::to_string(status_) : text;
 }
 
 std::string Method::earlier() const {

@@ -12,6 +12,9 @@
 
 namespace fimctl {
 
+// How the message of a method that gave none begins.
+inline constexpr char no_method_message[] = "the method gave no message, only status ";
+
 class Method {
   public:
     // Loads the library, finds all entry points, and hands it the error slot, the message buffers
