@@ -28,9 +28,10 @@ struct Settings {
     double freeze_deadline = 0;  // seconds
     double lock_wait = 0;        // seconds to wait for an owner of the array's mirrors to end
     bool quiesce = true;
-    std::string hooks;        // the hooks' directory, "" for none
-    double hook_timeout = 0;  // seconds
-    bool abandoned = false;   // release what another host was given and never returned
+    std::string hooks;         // the hooks' directory, "" for none
+    bool hooks_named = false;  // by anybody, and so it must be there
+    double hook_timeout = 0;   // seconds
+    bool abandoned = false;    // release what another host was given and never returned
 };
 
 // Where a snapshot writes while file systems are frozen.

@@ -13,6 +13,7 @@
 #include "fimctl/cycle.h"
 #include "fimctl/disk_group.h"
 #include "fimctl/held_devices.h"
+#include "fimctl/hooks.h"
 #include "fimctl/host.h"
 #include "fimctl/paths.h"
 
@@ -84,6 +85,7 @@ std::vector<Source> Cycle::check(const std::vector<std::string> &paths) {
     }
     refuse_without_device(sources);
     refuse_mount_at(settings_, sources);
+    refuse_bad_hooks(settings_);
     if (settings_.quiesce) refuse_writing_to_frozen(sources, written_places(settings_));
     if (access(settings_.method.c_str(), R_OK) != 0) {
         throw Failure(Step::load, ExitCode::failed,

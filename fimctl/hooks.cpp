@@ -9,8 +9,8 @@
 #include "fimctl/cycle.h"
 #include "fimctl/hook_process.h"
 #include "fimctl/log.h"
-#include "fimctl/paths.h"
 #include "fimctl/signals.h"
+#include "fimctl/tool.h"
 
 namespace fimctl {
 namespace {
@@ -63,26 +63,6 @@ void tell_refusal(const std::string &file, const std::string &why) {
     if (told.insert(file).second) log::problem("hook " + file + " is refused: " + why);
 }
 
-// In the order of their names. What an editor or a package leaves beside a file is passed over.
-std::vector<std::string> hooks_of(const std::string &folder) {
-    std::vector<std::string> files;
-    if (folder.empty()) return files;
-    std::error_code error;
-    if (folder == path::hook_directory && !fs::exists(folder, error)) return files;
-    const std::string why = why_folder_refused(folder);
-    if (!why.empty()) {
-        tell_refusal(folder, why);
-        return files;
-    }
-    for (fs::directory_iterator at(folder, error), end; !error && at != end; at.increment(error)) {
-        const std::string name = at->path().filename();
-        if (name.front() != '.' && name.back() != '~') files.push_back(at->path());
-    }
-    if (error) tell_refusal(folder, error.message());
-    std::sort(files.begin(), files.end());
-    return files;
-}
-
 std::vector<std::string> environment_of(const Settings &settings, const HookStory &story) {
     std::string paths;
     std::string copies;
@@ -109,6 +89,52 @@ std::vector<std::string> environment_of(const Settings &settings, const HookStor
 
 }  // namespace
 
+// What an editor or a package leaves beside a file is passed over. Only a folder that nobody has
+// named may be missing.
+HookFiles find_hooks(const Settings &settings) {
+    HookFiles found;
+    const std::string &folder = settings.hooks;
+    std::error_code error;
+    if (folder.empty() || (!settings.hooks_named && !fs::exists(folder, error))) return found;
+    const std::string why = why_folder_refused(folder);
+    if (!why.empty()) {
+        found.refused.push_back({folder, why, "name a folder that is there and root's own"});
+        return found;
+    }
+    std::vector<std::string> files;
+    for (fs::directory_iterator at(folder, error), end; !error && at != end; at.increment(error)) {
+        const std::string name = at->path().filename();
+        if (name.front() != '.' && name.back() != '~') files.push_back(at->path());
+    }
+    if (error) found.refused.push_back({folder, error.message(), "see that it can be read"});
+    std::sort(files.begin(), files.end());
+    for (const std::string &file : files) {
+        const std::string why_file = why_refused(file);
+        if (why_file.empty()) {
+            found.files.push_back(file);
+        } else {
+            found.refused.push_back(
+                {file, why_file,
+                 "chown root " + shell_word(file) + "; chmod 755 " + shell_word(file) +
+                     "; to pass it over: move it to " +
+                     shell_word(folder + "/." + fs::path(file).filename().string())});
+        }
+    }
+    return found;
+}
+
+void refuse_bad_hooks(const Settings &settings) {
+    const auto refused = find_hooks(settings).refused;
+    if (refused.empty()) return;
+    std::string text;
+    for (const HookFiles::Refused &one : refused) {
+        text += (text.empty() ? "hook " : "; hook ") + one.file + " is refused: " + one.why;
+    }
+    Failure failure(Step::hooks, ExitCode::failed, text);
+    failure.next = refused.front().remedy + "; to do without any hook: --hooks ''";
+    throw failure;
+}
+
 const char *name_of(HookPhase phase) {
     return row_of(phase).name;
 }
@@ -123,14 +149,12 @@ std::span<const char *const> hook_variables() {
 
 std::string run_hooks(const Settings &settings, const HookStory &story, bool stop_at_failure) {
     std::string trouble;
-    for (const std::string &file : hooks_of(settings.hooks)) {
-        const std::string why = why_refused(file);
-        if (!why.empty()) {
-            tell_refusal(file, why);
-            continue;
-        }
-        log::progress(std::string("hook ") + fs::path(file).filename().string() + " " +
-                      name_of(story.phase));
+    const HookFiles found = find_hooks(settings);
+    for (const HookFiles::Refused &one : found.refused) tell_refusal(one.file, one.why);
+    for (const std::string &file : found.files) {
+        // "hook backup failed" would be read as a hook that has failed.
+        log::progress("telling hook " + fs::path(file).filename().string() + " of phase \"" +
+                      name_of(story.phase) + "\"");
         HookRun run;
         run.file = file;
         run.argument = name_of(story.phase);
@@ -139,7 +163,8 @@ std::string run_hooks(const Settings &settings, const HookStory &story, bool sto
         run.stop_when_interrupted = stop_at_failure;
         const std::string failure = run_hook(run);
         if (failure.empty()) continue;
-        const std::string text = "hook " + file + " " + run.argument + " " + failure;
+        const std::string text =
+            "hook " + file + ", told of phase \"" + run.argument + "\", " + failure;
         if (trouble.empty()) trouble = text;
         if (stop_at_failure) break;
         log::problem(text);
@@ -149,8 +174,9 @@ std::string run_hooks(const Settings &settings, const HookStory &story, bool sto
 
 HookedStep::HookedStep(const Settings &settings, HookPhase phase, const SnapshotRecord &snapshot)
     : settings_(settings), after_(row_of(phase).after), snapshot_(snapshot) {
-    announced = snapshot;
     const bool stops = row_of(phase).stops;
+    if (stops) refuse_bad_hooks(settings);
+    announced = snapshot;
     const std::string trouble = run_hooks(settings, {phase, snapshot, "", "", 0}, stops);
     if (!stops || trouble.empty()) return;
     run_hooks(settings, {after_, snapshot, "failed", "", 0}, false);

@@ -8,6 +8,7 @@
 
 #include <span>
 #include <string>
+#include <vector>
 
 #include "fimctl/catalogue.h"
 #include "fimctl/failure.h"
@@ -43,12 +44,26 @@ struct HookStory {
     int exit_code = 0;
 };
 
+// The hooks of the settings, and what must not be run as one.
+struct HookFiles {
+    struct Refused {
+        std::string file, why, remedy;
+    };
+    std::vector<std::string> files;  // in the order of their names
+    std::vector<Refused> refused;
+};
+HookFiles find_hooks(const Settings &settings);
+// Throws Failure (Step::hooks) when any is refused: a database that is not told to hold still gives
+// a copy that only looks good.
+void refuse_bad_hooks(const Settings &settings);
+
 // One step of one snapshot: says "pre-" when it is made and "post-" when it goes.
 class HookedStep {
   public:
-    // phase: the one before the step. Before everything but a release a hook that fails ends the
-    // step: the others have been told "post-", and Failure (Step::hooks) is thrown. A release
-    // goes on, since what is left behind would be worse.
+    // phase: the one before the step. Before everything but a release a hook that is refused ends
+    // the step before any hook is told, and one that fails ends it: the others have been told
+    // "post-", and Failure (Step::hooks) is thrown. A release goes on, since what is left behind
+    // would be worse.
     HookedStep(const Settings &settings, HookPhase phase, const SnapshotRecord &snapshot);
     ~HookedStep();
     HookedStep(const HookedStep &) = delete;

@@ -45,6 +45,8 @@ void Commands::prepare(Access access) {
     Settings &settings = common_.settings;
     settings.log_file = common_.log.file;
     settings.state = absolute_path(settings.state);
+    settings.hooks_named =
+        configuration_.origin_of(setting_of("hooks")).source != ValueSource::built_in;
     const bool asked =
         configuration_.origin_of(setting_of("log")).source == ValueSource::command_line;
     if (geteuid() != 0 && !asked) common_.log.file.clear();

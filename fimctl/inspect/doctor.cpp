@@ -134,6 +134,7 @@ Findings examine(const Settings &settings, const std::string &client) {
     examine_array(settings, findings);
     examine_tools(findings);
     examine_folders(settings, findings);
+    examine_hooks(settings, findings);
     examine_mount_table(findings);
     return findings;
 }

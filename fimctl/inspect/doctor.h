@@ -44,6 +44,7 @@ void examine_method(const Settings &settings, const std::string &client, Finding
 void examine_array(const Settings &settings, Findings &findings);
 void examine_tools(Findings &findings);
 void examine_folders(const Settings &settings, Findings &findings);
+void examine_hooks(const Settings &settings, Findings &findings);
 void examine_mount_table(Findings &findings);
 
 }  // namespace fimctl

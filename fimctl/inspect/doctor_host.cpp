@@ -10,6 +10,7 @@
 #include <set>
 
 #include "fimctl/command.h"
+#include "fimctl/hooks.h"
 #include "fimctl/inspect/doctor.h"
 #include "fimctl/paths.h"
 #include "fimctl/source.h"
@@ -153,6 +154,17 @@ void examine_folders(const Settings &settings, Findings &findings) {
     examine_database_folder(findings);
     examine_state_folder(settings.state, findings);
     examine_temporary_folder(findings);
+}
+
+void examine_hooks(const Settings &settings, Findings &findings) {
+    const std::string subject = "hooks";
+    const HookFiles found = find_hooks(settings);
+    for (const HookFiles::Refused &one : found.refused) {
+        findings.fail(subject, one.file + ": " + one.why + "; no snapshot is taken", one.remedy);
+    }
+    if (!found.refused.empty()) return;
+    const std::string folder = settings.hooks.empty() ? "none wanted" : settings.hooks;
+    findings.ok(subject, folder + ": " + std::to_string(found.files.size()));
 }
 
 void examine_mount_table(Findings &findings) {

@@ -249,6 +249,13 @@ TEST_F(Doctor, never_tells_to_write_into_what_hides_the_host_s_own_mount_table) 
     EXPECT_TRUE(says(told, "umount /etc: what is mounted there hides the host's own"));
 }
 
+TEST_F(Doctor, a_hook_that_would_stop_a_freeze_is_told) {
+    EXPECT_TRUE(says(finding("hooks", "ok"), "hooks.d: 0"));
+    test::write_file("/etc/fimctl/hooks.d/README", "words", 0644);
+    EXPECT_TRUE(says(finding("hooks", "fail"), "README: it is not executable"));
+    EXPECT_TRUE(says(finding("hooks", "fail", {"--hooks", "/etc/none"}), "/etc/none: No such"));
+}
+
 TEST_F(Doctor, a_method_without_an_entry_point_fails) {
     fs::copy_file(FAKE_SYMAPI, "/other.so");
     EXPECT_TRUE(says(finding("method", "fail", {"--method", "/other.so"}), "TimeFinder_volumes"));
