@@ -5,6 +5,7 @@
 
 #include "fimctl/commands/command.h"
 #include "fimctl/hooks.h"
+#include "fimctl/write_all.h"
 
 namespace fimctl {
 namespace {
@@ -79,6 +80,14 @@ void tell(const Failure &failure) {
     if (!remedy.empty()) log::problem("next: " + remedy);
 }
 
+// A command that could not say what it was asked for has failed.
+int ended(ExitCode code) {
+    const std::string why = flush_output();
+    if (why.empty()) return static_cast<int>(code);
+    log::problem("standard output cannot be written: " + why);
+    return static_cast<int>(ExitCode::failed);
+}
+
 }  // namespace
 
 int run_command_line(int argc, const char *const *argv) {
@@ -89,15 +98,14 @@ int run_command_line(int argc, const char *const *argv) {
     } catch (const CLI::ParseError &error) {
         return line.end(error) == 0 ? 0 : static_cast<int>(ExitCode::usage);
     } catch (const Ended &end) {
-        return fflush(stdout) == 0 ? static_cast<int>(end.code)
-                                   : static_cast<int>(ExitCode::failed);
+        return ended(end.code);
     } catch (const Failure &failure) {
         fflush(stdout);
         tell(failure);
         line.failed(failure);
         return static_cast<int>(failure.code);
     }
-    return fflush(stdout) == 0 ? 0 : static_cast<int>(ExitCode::failed);
+    return ended(ExitCode::done);
 }
 
 }  // namespace fimctl

@@ -48,6 +48,8 @@ const char *name_of(Step step) {
         return "thaw commit";
     case Step::restore:
         return "restore";
+    case Step::tell:
+        return "tell the result";
     }
     return "unknown step";
 }

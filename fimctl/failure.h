@@ -46,7 +46,8 @@ enum class Step {
     command,
     thaw,
     thaw_commit,
-    restore
+    restore,
+    tell  // say what has come of it
 };
 
 // The end of a command that has said everything already: only its exit code is left to give.

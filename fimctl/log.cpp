@@ -18,6 +18,7 @@ namespace {
 
 Settings settings;
 int file = -1;
+bool is_lame = false;  // the file took nothing, and that was told
 int owner = 0;
 std::string subject;  // "snapshot 1: "
 Hand hand;
@@ -32,7 +33,12 @@ void to_file(const std::string &text) {
     struct tm parts = {};
     localtime_r(&now, &parts);
     strftime(stamp, sizeof stamp, "%Y-%m-%dT%H:%M:%S%z ", &parts);
-    write_all(file, stamp + std::to_string(getpid()) + " " + text + "\n");
+    const int reason = write_all(file, stamp + std::to_string(getpid()) + " " + text + "\n");
+    if (reason == 0 || is_lame) return;
+    // Once: the work goes on, and its story is told on standard error alone.
+    is_lame = true;
+    progress::write_line("fimctl: the log file " + settings.file +
+                         " cannot be written: " + strerror(reason));
 }
 
 constexpr char kind_phase[] = "phase";
@@ -69,6 +75,7 @@ void set_up(const Settings &wanted) {
     progress::set_up(settings.quiet);
     if (file >= 0) close(file);
     file = -1;
+    is_lame = false;
     if (settings.file.empty()) return;
     file = open(settings.file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY, 0600);
     if (file < 0) {

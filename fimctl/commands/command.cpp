@@ -4,6 +4,7 @@
 
 #include "fimctl/signals.h"
 #include "fimctl/source.h"
+#include "fimctl/write_all.h"
 
 namespace fimctl {
 
@@ -58,6 +59,18 @@ void Commands::perform() {
     const Entry &entry = chosen();
     if (entry.access != Access::telling) prepare(entry.access);
     entry.perform();
+}
+
+void tell_result(int64_t id, const std::string &what, const std::string &result) {
+    const std::string why = flush_output();
+    if (why.empty()) return;
+    const std::string number = std::to_string(id);
+    Failure failure(
+        Step::tell, ExitCode::left,
+        "snapshot " + number + " " + what + "; " + result + " could not be written: " + why);
+    failure.next =
+        "fimctl show " + number + " tells about it, fimctl release " + number + " ends it";
+    throw failure;
 }
 
 std::string trouble_of_folder(const std::string &text) {

@@ -65,6 +65,10 @@ void add_left_over_commands(Commands &commands);      // orphans, cleanup
 void add_inspection_commands(Commands &commands);     // locks, doctor, plan
 void add_completion_commands(Commands &commands);     // completion
 
+// Sends out what a command that has changed something has printed. Throws Failure, with something
+// left: what: what there is now; result: what of it could not be told.
+void tell_result(int64_t id, const std::string &what, const std::string &result);
+
 // Of the commands that take one: the number of a snapshot.
 void add_id(CLI::App *command, int64_t &id);
 // Why a word cannot be the directory of a copy; "" when it can.

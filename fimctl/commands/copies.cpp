@@ -24,6 +24,7 @@ void add_copy_commands(Commands &commands) {
             for (const std::string &copy : Cycle(common.settings, catalogue).mount(*id)) {
                 printf("%s\n", copy.c_str());
             }
+            tell_result(*id, "is mounted", "where");
         });
     CLI::App *release = commands.add("release", "end a snapshot", Access::working, [&common, id] {
         Catalogue catalogue = catalogue_with(common, *id);

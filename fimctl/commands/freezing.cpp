@@ -38,6 +38,7 @@ void add_freezing_commands(Commands &commands) {
             Catalogue catalogue(common.settings.state, true);
             const int64_t id = Cycle(common.settings, catalogue).freeze(options->paths);
             printf("%lld\n", static_cast<long long>(id));
+            tell_result(id, "was taken", "its number");
         });
     for (CLI::App *command : {run, freeze}) add_options(command, commands, *options);
 }

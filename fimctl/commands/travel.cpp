@@ -152,6 +152,7 @@ void import_one(const Common &common, const Options &options) {
     Catalogue catalogue(common.settings.state, true);
     const int64_t id = import_snapshot(common.settings, catalogue, text);
     printf("%lld\n", static_cast<long long>(id));
+    tell_result(id, "was taken in", "its number");
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // The command as a user and a script meet it: exit codes, clean streams, the catalogue's files.
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <nlohmann/json.hpp>
@@ -20,6 +21,12 @@ class CommandLine : public test::FimctlWorld {
     void SetUp() override {
         FimctlWorld::SetUp();
         one_ = add_file_system("one", "000184500123", "00A1", "00B1");
+    }
+    // Everything that is written to it meets a full disk.
+    static std::string full_device() {
+        const char *name = "/dev/full";
+        if (!test::exists(name)) mknod(name, S_IFCHR | 0666, makedev(1, 7));
+        return name;
     }
     Ended freeze() { return fimctl({"freeze", "--no-quiesce", one_}); }
 
@@ -177,6 +184,49 @@ TEST_F(CommandLine, a_disk_that_is_full_when_the_text_is_to_be_kept_rolls_the_co
     EXPECT_NE(fimctl({"--state", "/small", "list"}).out.find("cutting"), std::string::npos);
     test::write_file("/var/fake/script", "");
     EXPECT_EQ(fimctl({"--state", "/small", "release", "1"}).status, 0);
+}
+
+TEST_F(CommandLine, a_result_that_cannot_be_written_leaves_something_and_says_so) {
+    out_to_ = full_device();
+    Ended ended = freeze();
+    EXPECT_EQ(ended.status, 3);
+    EXPECT_NE(ended.err.find("snapshot 1 was taken; its number could not be written: No space left "
+                             "on device"),
+              std::string::npos)
+        << ended.err;
+    EXPECT_NE(ended.err.find("next: fimctl show 1 tells about it, fimctl release 1 ends it"),
+              std::string::npos)
+        << ended.err;
+    EXPECT_EQ(snapshot(1).state, fimctl::State::frozen);
+    ended = fimctl({"mount", "1"});
+    EXPECT_EQ(ended.status, 3);
+    EXPECT_NE(ended.err.find("snapshot 1 is mounted; where could not be written: No space left"),
+              std::string::npos)
+        << ended.err;
+    EXPECT_EQ(snapshot(1).state, fimctl::State::mounted);
+}
+
+TEST_F(CommandLine, a_listing_that_cannot_be_written_fails_with_the_reason) {
+    ASSERT_EQ(freeze().status, 0);
+    out_to_ = full_device();
+    for (const char *command : {"list", "doctor", "config", "locks", "orphans"}) {
+        const Ended ended = fimctl({command});
+        EXPECT_EQ(ended.status, 1) << command;
+        EXPECT_NE(ended.err.find("standard output cannot be written: No space left on device\n"),
+                  std::string::npos)
+            << command << ": " << ended.err;
+    }
+    EXPECT_EQ(fimctl({"show", "1"}).status, 1);
+}
+
+TEST_F(CommandLine, a_log_file_that_takes_nothing_is_told_once_and_stops_nothing) {
+    const Ended ended = fimctl({"--log", full_device(), "run", "--no-quiesce", one_, "--", "true"});
+    EXPECT_EQ(ended.status, 0);
+    const std::string warning =
+        "fimctl: the log file /dev/full cannot be written: No space left on device\n";
+    const size_t at = ended.err.find(warning);
+    ASSERT_NE(at, std::string::npos) << ended.err;
+    EXPECT_EQ(ended.err.find("cannot be written", at + warning.size()), std::string::npos);
 }
 
 TEST_F(CommandLine, freeze_prints_the_number_and_nothing_else_on_standard_output) {

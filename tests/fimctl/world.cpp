@@ -122,6 +122,7 @@ pid_t FimctlWorld::start(const std::vector<std::string> &arguments) {
     if (pid != 0) return pid;
     // The streams lie outside of what is frozen.
     redirect(STDOUT_FILENO, output_of(getpid(), "out"));
+    if (!out_to_.empty()) redirect(STDOUT_FILENO, out_to_);
     redirect(STDERR_FILENO, output_of(getpid(), "err"));
     std::vector<const char *> words = {"fimctl"};
     for (const std::string &argument : arguments) words.push_back(argument.c_str());

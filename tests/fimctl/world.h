@@ -58,6 +58,7 @@ class FimctlWorld : public testing::Test {
     std::string copy_folder(int64_t id, int number) const;
 
     const std::string state_ = "/var/lib/fimctl";
+    std::string out_to_;  // where the standard output of the next commands goes; "" to be kept
     std::vector<std::string> mounted_;
     unsigned volumes_ = 0;
 };
