@@ -84,7 +84,6 @@ outside() {
         say "The demo needs root: it makes namespaces, loop devices and mounts." >&2
         exit 77
     fi
-    [ -x "$build/bin/tflab" ] || fail "$build/bin/tflab is not built; ./dev demo builds it"
     play busy_file_system demo client1
     play disk_group volumes client1 backup1
     say "The demo is over: everything held."
@@ -110,5 +109,10 @@ inside() {
 
 case ${1:-} in
     --inside) inside "$2" ;;
-    *) outside "$(cd "${1:-${BUILD_DIR:-$top/build/dev}}" && pwd)" ;;
+    *)
+        folder=${1:-${BUILD_DIR:-$top/build/dev}}
+        [ -x "$folder/bin/tflab" ] ||
+            fail "$folder is no build folder: it has no bin/tflab; ./dev demo without a folder builds its own"
+        outside "$(cd "$folder" && pwd)"
+        ;;
 esac
