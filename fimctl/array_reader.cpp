@@ -65,11 +65,15 @@ std::vector<long> read_pair_states(const std::vector<Pair> &pairs, Step step) {
     return read_elsewhere(step, [&pairs] { return Message(read_in_this_process(pairs)); });
 }
 
+bool has_array_database() {
+    return access(path::array_database, F_OK) == 0;
+}
+
 void probe_array() {
     read_elsewhere(Step::array, [] {
         ArraySession session;
         session.require_functions();
-        if (access(path::array_database, F_OK) == 0) session.open();
+        if (has_array_database()) session.open();
         return Message(true);
     });
 }

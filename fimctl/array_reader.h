@@ -25,6 +25,11 @@ const char *name_of_pair_state(long state);
 // done.
 
 // The state of each pair, in order; state_unknown for a pair that the array does not know.
+// Of a host on which the method has not worked yet: the array is not asked.
+bool has_array_database();
+inline constexpr char no_database_yet[] =
+    "this host has no array database yet: pairs, BCVs and locks cannot be known";
+
 std::vector<long> read_pair_states(const std::vector<Pair> &pairs, Step step);
 // Whether the array can be reached at all: loads the library and, where the host's array database
 // exists, opens a session. The database is not made: the method does that on first use.

@@ -44,7 +44,11 @@ void show(const Common &common, const Options &options) {
     }
     std::vector<long> now;
     try {
-        now = read_pair_states(pairs, Step::states);
+        if (pairs.empty() || has_array_database()) {
+            now = read_pair_states(pairs, Step::states);
+        } else {
+            log::problem(no_database_yet);
+        }
     } catch (const Failure &failure) {
         log::problem(failure.what());
     }

@@ -216,8 +216,7 @@ void find_pairs(Plan &plan) {
     if (paths.empty()) return;
     if (access(path::array_database, F_OK) != 0) {
         plan.array_known = false;
-        plan.note("this host has no array database yet: pairs, BCVs and locks cannot be known",
-                  "the first snapshot makes it");
+        plan.note(no_database_yet, "the first snapshot makes it");
         return;
     }
     std::vector<DeviceView> devices;

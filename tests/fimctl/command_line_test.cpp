@@ -299,6 +299,15 @@ TEST_F(CommandLine, show_without_the_array_says_so_and_shows_the_rest) {
         << ended.out;
 }
 
+TEST_F(CommandLine, show_on_a_host_without_an_array_database_does_not_ask_the_array) {
+    ASSERT_EQ(freeze().status, 0);
+    unlink(fimctl::path::array_database);
+    const Ended ended = fimctl({"show", "1"});
+    EXPECT_EQ(ended.status, 0);
+    EXPECT_NE(ended.err.find("this host has no array database yet"), std::string::npos);
+    EXPECT_EQ(ended.err.find("does not answer"), std::string::npos) << ended.err;
+}
+
 TEST_F(CommandLine, a_path_that_is_no_utf_8_is_kept_to_the_byte_and_listed) {
     const std::string odd = one_ + "/\xff\xfe";
     test::make_folders(odd);
@@ -316,7 +325,8 @@ TEST_F(CommandLine, what_does_not_fit_the_state_of_a_snapshot_is_refused) {
     const Ended twice = fimctl({"mount", "1"});
     EXPECT_EQ(twice.status, 2);
     EXPECT_NE(twice.err.find("snapshot 1 cannot be mounted: it is mounted"), std::string::npos);
-    EXPECT_NE(twice.err.find("next: fimctl show 1 tells where"), std::string::npos) << twice.err;
+    EXPECT_NE(twice.err.find("next: its copy was unmounted by others"), std::string::npos)
+        << twice.err;
     ASSERT_EQ(fimctl({"release", "1"}).status, 0);
     const Ended again = fimctl({"release", "1"});
     EXPECT_EQ(again.status, 2);
