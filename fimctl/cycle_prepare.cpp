@@ -15,6 +15,8 @@
 #include "fimctl/held_devices.h"
 #include "fimctl/hooks.h"
 #include "fimctl/host.h"
+#include "fimctl/inspect/method_config.h"
+#include "fimctl/log.h"
 #include "fimctl/paths.h"
 
 namespace fimctl {
@@ -92,6 +94,9 @@ std::vector<Source> Cycle::check(const std::vector<std::string> &paths) {
                       "cannot load the method: " + settings_.method + ": " + strerror(errno));
     }
     probe_array();
+    for (const std::string &keyword : parse_method_config(settings_.config).unknown) {
+        log::problem(warning_of_keyword(keyword));
+    }
     return sources;
 }
 

@@ -42,7 +42,7 @@ std::string take(const std::string &pair, MethodConfig &config) {
     const std::string value = pair.substr(sign + 1);
     const Keyword *keyword = find(pair.substr(0, sign));
     if (keyword == nullptr) {
-        config.unknown = pair.substr(0, sign);
+        config.unknown.push_back(pair.substr(0, sign));
         return "";
     }
     const std::string name = keyword->name;
@@ -77,6 +77,11 @@ MethodConfig parse_method_config(const std::string &text) {
         start += size + 1;
     }
     return config;
+}
+
+std::string warning_of_keyword(const std::string &unknown) {
+    return "the configuration string: the method knows no keyword " + unknown +
+           ", and passes it over";
 }
 
 }  // namespace fimctl

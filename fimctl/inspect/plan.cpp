@@ -86,9 +86,8 @@ Plan make_plan(const Settings &settings, const std::vector<std::string> &paths) 
     if (!plan.config.trouble.empty()) {
         plan.problem("the configuration string: " + plan.config.trouble, "correct --config");
     }
-    if (!plan.config.unknown.empty()) {
-        plan.note("the configuration string: the method knows no keyword " + plan.config.unknown +
-                      ", and passes it over",
+    for (const std::string &keyword : plan.config.unknown) {
+        plan.note(warning_of_keyword(keyword),
                   "correct --config, unless it is meant for a later release");
     }
     if (settings.quiesce) {

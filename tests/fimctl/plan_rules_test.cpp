@@ -18,8 +18,9 @@ TEST(MethodConfig, is_read_as_the_method_reads_it) {
     EXPECT_EQ(parse_method_config("sync_at_start=").sync_at_start, 0) << "nothing is nought";
     EXPECT_EQ(parse_method_config(" sync_at_start=2").sync_at_start, 0) << "a blank is a letter";
     EXPECT_EQ(parse_method_config("unknown=2").trouble, "");
-    EXPECT_EQ(parse_method_config("unknown=2").unknown, "unknown");
-    EXPECT_EQ(parse_method_config("Sync_at_start=2").unknown, "");
+    EXPECT_EQ(parse_method_config("unknown=2,sync_at_start=1,other=3").unknown,
+              (std::vector<std::string>{"unknown", "other"}));
+    EXPECT_TRUE(parse_method_config("Sync_at_start=2").unknown.empty());
     EXPECT_EQ(parse_method_config("a=1,,b=2").trouble, "an empty pair");
     EXPECT_EQ(parse_method_config("alone").trouble, "alone: no value");
     EXPECT_EQ(parse_method_config("=5").trouble, "=5: no keyword");
