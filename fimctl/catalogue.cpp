@@ -26,6 +26,15 @@ constexpr int busy_timeout_ms = 10000;
     throw Failure(Step::catalogue, ExitCode::failed, text);
 }
 
+Failure damaged(const std::string &file) {
+    Failure failure(Step::catalogue, ExitCode::failed,
+                    "the catalogue " + file + " is damaged: it is no database");
+    failure.next =
+        "move it away and put a saved one in its place; without one: fimctl orphans "
+        "tells what is mounted and owned still";
+    return failure;
+}
+
 [[noreturn]] void give_up_on(const std::string &path, int reason) {
     throw Failure(Step::catalogue,
                   reason == EACCES || reason == EPERM ? ExitCode::permission : ExitCode::failed,
@@ -114,6 +123,11 @@ Catalogue::Catalogue(const std::string &directory, bool create) {
         if (result != SQLITE_OK) give_up(file + ": " + sqlite3_errmsg(database_));
         sqlite3_busy_timeout(database_, busy_timeout_ms);
         prepare_schema();
+    } catch (const Failure &failure) {
+        const int reason = sqlite3_errcode(database_);
+        sqlite3_close(database_);
+        if (reason == SQLITE_NOTADB || reason == SQLITE_CORRUPT) throw damaged(file);
+        throw failure;
     } catch (...) {
         sqlite3_close(database_);
         throw;

@@ -1,6 +1,7 @@
 #include "fimctl/cycle.h"
 
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstring>
@@ -94,7 +95,11 @@ Failure Cycle::Outcome::as_failure(ExitCode code_of_death) const {
 
 void Cycle::run(const std::vector<std::string> &paths, const std::vector<std::string> &command) {
     if (!can_be_run(command.front())) {
-        throw Failure(Step::command, ExitCode::usage, command.front() + ": no such command");
+        throw Failure(Step::command, ExitCode::usage,
+                      command.front() + (access(command.front().c_str(), F_OK) == 0 &&
+                                                 command.front().find('/') != std::string::npos
+                                             ? ": not executable"
+                                             : ": no such command"));
     }
     const int64_t id = freeze(paths);
     std::unique_ptr<Failure> failed;

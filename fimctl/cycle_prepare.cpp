@@ -30,9 +30,22 @@ Failure unusable(const std::string &text) {
     return Failure(Step::check, ExitCode::usage, text);
 }
 
+// A release of what somebody works on would be refused.
+std::string way_past(const std::string &state, int64_t id) {
+    const std::string number = std::to_string(id);
+    if (SnapshotLock::state_of(state, id) != LockState::held) {
+        return "end that one first: fimctl release " + number;
+    }
+    const pid_t holder = SnapshotLock::holder_of(state, id);
+    return "wait: another fimctl" +
+           (holder > 0 ? " (process " + std::to_string(holder) + ")" : std::string()) +
+           " works on snapshot " + number;
+}
+
 // A second freeze of an object establishes its mirror again, under the copy that is in use. What
 // was carried here from another host stands for devices of that host.
-void refuse_held(const std::vector<Source> &sources, const std::vector<SnapshotRecord> &others) {
+void refuse_held(const std::string &state, const std::vector<Source> &sources,
+                 const std::vector<SnapshotRecord> &others) {
     for (const SnapshotRecord &snapshot : others) {
         if (is_over(snapshot.state) || snapshot.is_target) continue;
         for (const ObjectRecord &object : snapshot.objects) {
@@ -41,7 +54,7 @@ void refuse_held(const std::vector<Source> &sources, const std::vector<SnapshotR
                 Failure failure =
                     unusable(source.path + " is held by snapshot " + std::to_string(snapshot.id) +
                              " (" + name_of(snapshot.state) + ")");
-                failure.next = "end that one first: fimctl release " + std::to_string(snapshot.id);
+                failure.next = way_past(state, snapshot.id);
                 throw failure;
             }
         }
@@ -117,7 +130,7 @@ int64_t Cycle::enter(const std::vector<Source> &sources) {
     const auto devices = devices_below_if_any_is_held(sources);
     Catalogue::Transaction whole(catalogue_);
     const auto others = catalogue_.all();
-    refuse_held(sources, others);
+    refuse_held(settings_.state, sources, others);
     refuse_held_devices(sources, devices, others);
     refuse_equal_clone_names(sources, others);
     if (!settings_.mount_at.empty()) {
@@ -185,7 +198,7 @@ void Cycle::check_before_undo(const SnapshotRecord &snapshot) {
     auto others = catalogue_.all();
     std::erase_if(others, [&](const SnapshotRecord &other) { return other.id == snapshot.id; });
     refuse_moved(snapshot, devices);
-    refuse_held(sources, others);
+    refuse_held(settings_.state, sources, others);
     refuse_held_devices(sources, devices, others);
 }
 

@@ -93,12 +93,23 @@ Failure failed_thaw(const Failure &told, const SnapshotRecord &snapshot) {
     return failure;
 }
 
+// After a restart of the host, or an umount by hand.
+bool is_taken_down(const SnapshotRecord &snapshot) {
+    for (const ObjectRecord &object : snapshot.objects) {
+        if (object.kind == "file system" && !is_mount_point(object.fifs)) return true;
+    }
+    return false;
+}
+
 Failure not_to_be_mounted(const SnapshotRecord &snapshot) {
     const std::string id = std::to_string(snapshot.id);
     Failure failure(Step::snapshot, ExitCode::usage,
                     "snapshot " + id + " cannot be mounted: it is " + name_of(snapshot.state) +
                         (snapshot.void_reason.empty() ? "" : " and void"));
-    if (snapshot.state == State::mounted) {
+    if (snapshot.state == State::mounted && is_taken_down(snapshot)) {
+        failure.next = "its copy was unmounted by others; end it (fimctl release " + id +
+                       "), and take another one";
+    } else if (snapshot.state == State::mounted) {
         failure.next = "fimctl show " + id + " tells where its copy is mounted";
     } else if (is_over(snapshot.state) && snapshot.is_target) {
         failure.next = "send it back to " + snapshot.origin + ": fimctl export " + id;

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "fimctl/failure.h"
@@ -47,6 +48,10 @@ bool is_same(int file, const std::string &name) {
            open_one.st_dev == named.st_dev && open_one.st_ino == named.st_ino;
 }
 
+std::string described(pid_t holder) {
+    return holder > 0 ? " (process " + std::to_string(holder) + ")" : "";
+}
+
 }  // namespace
 
 // The catalogue's file itself tells state directories apart: it is what two commands would both
@@ -73,14 +78,32 @@ SnapshotLock::SnapshotLock(const std::string &directory, int64_t id) {
         if (file_ < 0) give_up_on(name_, errno);
         struct flock lock = whole_file();
         if (fcntl(file_, F_OFD_SETLK, &lock) != 0) break;
-        if (is_same(file_, name_)) return;
+        if (is_same(file_, name_)) {
+            // For whoever is refused: the kernel names no holder of such a lock.
+            const std::string number = std::to_string(getpid());
+            const bool told =
+                ftruncate(file_, 0) == 0 && pwrite(file_, number.data(), number.size(), 0) > 0;
+            static_cast<void>(told);
+            return;
+        }
         close(file_);
     }
     const int reason = errno;
     close(file_);
     if (reason != EAGAIN && reason != EACCES) give_up_on(name_, reason);
     throw Failure(Step::catalogue, ExitCode::owned,
-                  "another fimctl works on snapshot " + std::to_string(id));
+                  "another fimctl" + described(holder_of(directory, id)) + " works on snapshot " +
+                      std::to_string(id));
+}
+
+pid_t SnapshotLock::holder_of(const std::string &directory, int64_t id) {
+    const std::string name = lock_folder_of(directory) + "/" + std::to_string(id);
+    const int file = open(name.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+    if (file < 0) return 0;
+    char number[16] = "";
+    const bool is_read = read(file, number, sizeof number - 1) > 0;
+    close(file);
+    return is_read ? static_cast<pid_t>(strtol(number, nullptr, 10)) : 0;
 }
 
 LockState SnapshotLock::state_of(const std::string &directory, int64_t id) {

@@ -5,6 +5,8 @@
 // behind.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <string>
 
@@ -25,6 +27,8 @@ class SnapshotLock {
     ~SnapshotLock();
     // Whether somebody works on a snapshot, without getting in his way.
     static LockState state_of(const std::string &directory, int64_t id);
+    // The process that works on a snapshot, as the file says; 0 when that is not known.
+    static pid_t holder_of(const std::string &directory, int64_t id);
     SnapshotLock(const SnapshotLock &) = delete;
     SnapshotLock &operator=(const SnapshotLock &) = delete;
 

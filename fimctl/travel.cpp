@@ -51,7 +51,8 @@ void refuse_to_hand_out(const SnapshotRecord &snapshot, bool again) {
     if (snapshot.state != State::frozen || !snapshot.void_reason.empty()) {
         throw refused(described(snapshot) + " has no copy that another host could read",
                       is_over(snapshot.state) ? "take another snapshot: fimctl freeze PATH..."
-                                              : "fimctl release " + id);
+                      : snapshot.state == State::restoring ? "fimctl restore " + id
+                                                           : "fimctl release " + id);
     }
     if (snapshot.is_away() && !again) {
         throw refused(

@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+#include <charconv>
+
 #include "fimctl/signals.h"
 #include "fimctl/source.h"
 #include "fimctl/write_all.h"
@@ -78,7 +80,12 @@ std::string trouble_of_folder(const std::string &text) {
 }
 
 std::string trouble_of_id(const std::string &text) {
-    if (!text.empty() && text.find_first_not_of("0123456789") == std::string::npos) return "";
+    if (!text.empty() && text.find_first_not_of("0123456789") == std::string::npos) {
+        int64_t number = 0;
+        const char *end = text.data() + text.size();
+        if (std::from_chars(text.data(), end, number).ec == std::errc()) return "";
+        return "there is no snapshot " + text + "; fimctl list --all shows the snapshots";
+    }
     return "\"" + text + "\" is no snapshot's number; fimctl list shows them";
 }
 

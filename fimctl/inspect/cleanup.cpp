@@ -84,8 +84,11 @@ class Cleanup {
             if (!is_wanted(orphan)) {
                 stays_ = true;
                 if (wish_.ids.empty()) {
-                    log::progress(name + " stays: " + orphan.what + " (fimctl cleanup " +
-                                  std::to_string(orphan.id) + " ends it)");
+                    log::progress(name + " stays: " + orphan.what + " (" +
+                                  (orphan.is_kept ? "next: " + orphan.command
+                                                  : "fimctl cleanup " + std::to_string(orphan.id) +
+                                                        " ends it") +
+                                  ")");
                 }
             } else if (orphan.is_kept) {
                 leave(name, orphan.what, orphan.command);

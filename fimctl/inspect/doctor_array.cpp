@@ -103,11 +103,19 @@ void judge_version(const Message &facts, Findings &findings) {
     }
 }
 
+// None for a catalogue that cannot be read, of which a finding of its own tells.
+std::vector<SnapshotRecord> snapshots_of(const Settings &settings) {
+    try {
+        if (Catalogue::exists(settings.state)) return Catalogue(settings.state, false).all();
+    } catch (const Failure &) {
+    }
+    return {};
+}
+
 // Who of the snapshots that are not over has a BCV: by array and name.
 std::map<std::string, int64_t> held_bcvs(const Settings &settings) {
     std::map<std::string, int64_t> held;
-    if (!Catalogue::exists(settings.state)) return held;
-    for (const SnapshotRecord &snapshot : Catalogue(settings.state, false).all()) {
+    for (const SnapshotRecord &snapshot : snapshots_of(settings)) {
         if (is_over(snapshot.state)) continue;
         for (const ObjectRecord &object : snapshot.objects) {
             for (const PairRecord &record : object.pairs) {

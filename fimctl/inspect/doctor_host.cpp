@@ -88,6 +88,22 @@ void examine_state_folder(const std::string &folder, Findings &findings) {
     }
 }
 
+// One that cannot be read stops every command that works on a snapshot.
+void examine_catalogue(const std::string &folder, Findings &findings) {
+    const std::string subject = "catalogue";
+    if (access(folder.c_str(), R_OK | W_OK | X_OK) != 0) return;
+    try {
+        if (!Catalogue::exists(folder)) return;
+        const size_t count = Catalogue(folder, false).all().size();
+        findings.ok(subject, folder + "/" + path::catalogue_file + ": " + std::to_string(count) +
+                                 (count == 1 ? " snapshot" : " snapshots"));
+    } catch (const Failure &failure) {
+        findings.fail(
+            subject, failure.what(),
+            failure.next.empty() ? remedy_of(failure.step, failure.code, 0) : failure.next);
+    }
+}
+
 void examine_temporary_folder(Findings &findings) {
     const char *named = getenv("TMPDIR");
     const std::string folder = named != nullptr ? named : P_tmpdir;
@@ -153,6 +169,7 @@ void examine_folders(const Settings &settings, Findings &findings) {
     examine_lock_folder(path::counter_folder, findings);
     examine_database_folder(findings);
     examine_state_folder(settings.state, findings);
+    examine_catalogue(settings.state, findings);
     examine_temporary_folder(findings);
 }
 

@@ -94,8 +94,8 @@ std::string CounterFile::advice() const {
         return "wait until process " + number + " has ended; fimctl list shows its snapshot if " +
                "fimctl has begun it";
     case Owner::gone:
-        return "nothing to do: the next snapshot on this array takes it over (fimctl cleanup " +
-               std::string("removes it)");
+        return "nothing to do: the next step of a snapshot on this array takes it over (where no "
+               "snapshot lies on the array, fimctl cleanup removes it)";
     case Owner::replaced:
         return "its owner has ended, and process " + number +
                " only has the same number; the method cannot know that: rm " + shell_word(path);

@@ -33,8 +33,11 @@ bool has_every_text(const SnapshotRecord &snapshot) {
 
 // Of the files of a snapshot that only its mirror is left of.
 std::string way_without_restore(const SnapshotRecord &snapshot) {
-    return "copy what is needed out of the mounted copy (fimctl mount " +
-           std::to_string(snapshot.id) +
+    const std::string id = std::to_string(snapshot.id);
+    const std::string way = snapshot.state == State::mounted ? "fimctl show " + id + " tells where"
+                            : snapshot.is_away()             ? "on the backup host that has it"
+                                                             : "fimctl mount " + id;
+    return "copy what is needed out of the mounted copy (" + way +
            "); for a later restore take the snapshot of a volume with import: --config "
            "alternate_backup_client=HOST and the configuration entry dgimport";
 }
@@ -270,7 +273,7 @@ void refuse_unfit(const SnapshotRecord &snapshot) {
     const std::string id = std::to_string(snapshot.id);
     if (is_over(snapshot.state)) {
         throw unfit(snapshot, std::string("it is over: it is ") + name_of(snapshot.state),
-                    "fimctl list shows the snapshots that are not");
+                    "fimctl list shows the snapshots that are not over");
     }
     if (snapshot.state == State::releasing) {
         throw unfit(snapshot, "its release has begun", "fimctl release " + id);

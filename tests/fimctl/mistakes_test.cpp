@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include "fimctl/paths.h"
+#include "tests/fimctl/killing.h"
 #include "tests/fimctl/world.h"
 #include "tests/support/private_root.h"
 
@@ -57,8 +58,14 @@ TEST_F(Mistakes, a_path_twice) {
 TEST_F(Mistakes, a_second_mount) {
     freeze();
     ASSERT_EQ(fimctl({"mount", "1"}).status, 0);
+    ASSERT_EQ(mount("tmpfs", copy_folder(1, 1).c_str(), "tmpfs", 0, nullptr), 0);
     expect_told({"mount", "1"}, 2, "snapshot 1 cannot be mounted: it is mounted",
                 "fimctl show 1 tells where its copy is mounted");
+    expect_told({"restore", "1"}, 2, "was not taken with disk-group import",
+                "copy what is needed out of the mounted copy (fimctl show 1 tells where); for");
+    ASSERT_EQ(umount(copy_folder(1, 1).c_str()), 0);
+    expect_told({"mount", "1"}, 2, "snapshot 1 cannot be mounted: it is mounted",
+                "its copy was unmounted by others; end it (fimctl release 1), and take another");
     EXPECT_EQ(snapshot(1).state, fimctl::State::mounted);
 }
 
@@ -143,6 +150,78 @@ TEST_F(Mistakes, an_array_that_is_unplugged_before_the_release_leaves_the_snapsh
     EXPECT_EQ(snapshot(1).state, fimctl::State::frozen);
     test::write_file("/var/fake/script", "");
     EXPECT_EQ(fimctl({"release", "1"}).status, 0);
+}
+
+TEST_F(Mistakes, what_is_exported_is_ended_by_none_of_the_usual_ways) {
+    freeze();
+    ASSERT_EQ(fimctl({"export", "1", "--output", "/away"}).status, 0);
+    const Ended ended = fimctl({"cleanup"});
+    EXPECT_NE(ended.err.find("or fimctl release 1 --abandoned)"), std::string::npos) << ended.err;
+    EXPECT_EQ(ended.err.find("fimctl cleanup 1 ends it"), std::string::npos) << ended.err;
+    expect_told({"restore", "1"}, 2, "was not taken with disk-group import",
+                "copy what is needed out of the mounted copy (on the backup host that has it)");
+}
+
+TEST_F(Mistakes, an_export_of_what_is_being_restored_is_told_to_go_on_with_that) {
+    freeze();
+    fimctl::Catalogue(state_, false).set_state(1, fimctl::State::restoring);
+    expect_told({"export", "1"}, 2, "has no copy that another host could read", "fimctl restore 1");
+}
+
+TEST_F(Mistakes, a_restore_of_what_is_over_names_the_list_of_the_others) {
+    freeze();
+    ASSERT_EQ(fimctl({"release", "1"}).status, 0);
+    expect_told({"restore", "1"}, 2, "it is over",
+                "fimctl list shows the snapshots that are not over");
+}
+
+TEST_F(Mistakes, a_freeze_of_what_somebody_is_freezing_is_told_to_wait_for_him) {
+    script("freeze 1 sleep 60000");
+    const pid_t pid = start({"freeze", "--no-quiesce", one_});
+    ASSERT_TRUE(wait_for_call("freeze"));
+    expect_told({"freeze", "--no-quiesce", one_}, 2, "is held by snapshot 1 (begun)",
+                "wait: another fimctl (process " + std::to_string(pid) + ") works on snapshot 1");
+    expect_told({"release", "1"}, 11,
+                "another fimctl (process " + std::to_string(pid) + ") works on snapshot 1",
+                "wait until the other process has ended, then try again");
+    test::kill_with_all(pid);
+}
+
+TEST_F(Mistakes, a_catalogue_that_is_no_database_is_named_also_by_doctor) {
+    freeze();
+    test::write_file(state_ + "/catalogue.db", std::string(8192, 'x'));
+    const std::string told = "the catalogue " + state_ + "/catalogue.db is damaged";
+    expect_told({"list"}, 1, told, "move it away and put a saved one in its place");
+    const std::string examined = fimctl({"doctor"}).out;
+    EXPECT_NE(examined.find(told), std::string::npos) << examined;
+}
+
+TEST_F(Mistakes, a_misspelt_keyword_of_the_configuration_is_told_by_the_freeze) {
+    const Ended ended =
+        fimctl({"freeze", "--no-quiesce", "--config", "sync_at_strat=1,keep_if=1", one_});
+    EXPECT_EQ(ended.status, 0) << ended.err;
+    for (const std::string keyword : {"sync_at_strat", "keep_if"}) {
+        EXPECT_NE(ended.err.find("fimctl: the configuration string: the method knows no keyword " +
+                                 keyword + ", and passes it over\n"),
+                  std::string::npos)
+            << ended.err;
+    }
+}
+
+TEST_F(Mistakes, a_number_that_is_too_large_is_named_as_it_was_given) {
+    for (const std::string command : {"release", "cleanup"}) {
+        const Ended ended = fimctl({command, "99999999999999999999"});
+        EXPECT_EQ(ended.status, 2);
+        EXPECT_NE(ended.err.find("there is no snapshot 99999999999999999999"), std::string::npos)
+            << ended.err;
+    }
+}
+
+TEST_F(Mistakes, a_command_that_is_there_and_no_program) {
+    const Ended ended = fimctl({"run", "--no-quiesce", one_, "--", "/etc/passwd"});
+    EXPECT_EQ(ended.status, 2);
+    EXPECT_NE(ended.err.find("/etc/passwd: not executable"), std::string::npos) << ended.err;
+    EXPECT_TRUE(story().empty());
 }
 
 }  // namespace
