@@ -124,6 +124,17 @@ void make_root(const std::string &root) {
     }
 }
 
+// What a developer's machine knows of the product is not what a case begins with. Without root,
+// what the machine's root has closed stays as it is.
+void hide_the_machines_own(const std::string &root) {
+    for (const char *folder :
+         {"/var/lib/fimctl", "/run/fimctl", "/etc/fimctl", "/var/symapi", "/usr/quill"}) {
+        std::error_code error;
+        std::filesystem::remove_all(root + folder, error);
+        if (error && real_root) give_up("hide " + std::string(folder) + ": " + error.message());
+    }
+}
+
 void fill_dev(const std::string &dev) {
     do_mount("tmpfs", dev, "tmpfs", 0, "mode=0755");
     for (const char *node : {"null", "zero", "full", "random", "urandom"}) {
@@ -147,6 +158,7 @@ void enter_private_root() {
     const std::string root = "/tmp/root";
     mkdir(root.c_str(), 0755);
     make_root(root);
+    hide_the_machines_own(root);
     bind("/proc", root + "/proc");
     bind("/sys", root + "/sys");
     fill_dev(root + "/dev");
