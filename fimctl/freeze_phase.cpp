@@ -102,7 +102,7 @@ class FreezePhase {
     // The commit keeps the array's answer to itself, looks at the pairs for a minute, and fails
     // with what it sees then. Why that is so comes first.
     static Failure commit_failure(const Method &method) {
-        const Failure failure = method_failure(method, Step::commit);
+        Failure failure = method_failure(method, Step::commit);
         if (method.earlier().empty()) return failure;
         return Failure(failure.step, failure.code,
                        method.earlier() + "; in the end: " + failure.what(), failure.number);
